@@ -1,0 +1,340 @@
+#include "board/board.h"
+
+#include "board/control.h"
+#include "board/device.h"
+#include "board/media.h"
+#include "board/ubi.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace tvsim {
+
+namespace {
+
+// Board paths: the board's own file tree and kernel files, and its device nodes.
+constexpr std::string_view kBoardTrees[] = {"/tmp",        "/mnt",         "/update",
+                                            "/modules",    "/sys",         "/proc/mtd",
+                                            "/proc/misc",  "/proc/sdcard", "/sbin/insmod",
+                                            "/sbin/rmmod", "/sbin/modprobe"};
+constexpr std::string_view kBoardDevicePrefixes[] = {"cn_user", "uat_ucom", "i2c-", "spioctl",
+                                                     "mtd",     "sd",       "ubi",  "udirect"};
+// Host programs a shell command may name by absolute path.
+constexpr std::string_view kHostProgramTrees[] = {"/bin", "/usr/bin", "/usr/sbin", "/sbin",
+                                                  "/dev/null"};
+
+bool within(std::string_view path, std::string_view tree) {
+    return path.substr(0, tree.size()) == tree &&
+           (path.size() == tree.size() || path[tree.size()] == '/');
+}
+
+constexpr std::string_view kShellDelimiters = " \t\n;|&()<>'\"`";
+
+bool starts_word(std::string_view text, size_t i) {
+    return i == 0 || kShellDelimiters.find(text[i - 1]) != std::string_view::npos ||
+           text[i - 1] == '=';
+}
+
+// Calls fn(position, length) for every word of a shell command that is an absolute path.
+template <typename Fn> void for_each_absolute_word(std::string_view text, Fn fn) {
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '/' || !starts_word(text, i))
+            continue;
+        size_t end = text.find_first_of(kShellDelimiters, i);
+        if (end == std::string_view::npos)
+            end = text.size();
+        fn(i, end - i);
+        i = end;
+    }
+}
+
+json initial_state(const json &config) {
+    return json{{"clock_ns", 0},      {"mounts", json::array()},
+                {"fault_hits", json::object()}, {"rescans", json::object()},
+                {"modules", json::array()},     {"ubi", config.value("ubi", json::array())}};
+}
+
+} // namespace
+
+std::string normal_path(std::string_view path) {
+    if (path.empty() || path[0] != '/')
+        return std::string(path);
+    return fs::path(path).lexically_normal().string();
+}
+
+bool read_file(const std::string &path, std::string *contents) {
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    contents->clear();
+    char buf[65536];
+    ssize_t n;
+    while ((n = ::read(fd, buf, sizeof buf)) > 0)
+        contents->append(buf, static_cast<size_t>(n));
+    ::close(fd);
+    return n == 0;
+}
+
+bool write_file(const std::string &path, std::string_view contents) {
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return false;
+    bool ok = ::write(fd, contents.data(), contents.size()) == static_cast<ssize_t>(contents.size());
+    return ::close(fd) == 0 && ok;
+}
+
+std::unique_ptr<Board> Board::load(const std::string &dir, std::string *error) {
+    std::unique_ptr<Board> board(new Board());
+    board->dir_ = normal_path(dir);
+    while (board->dir_.size() > 1 && board->dir_.back() == '/')
+        board->dir_.pop_back();
+    board->root_ = board->dir_ + "/fs";
+    if (!board->read_files(error))
+        return nullptr;
+    board->trace_fd_ =
+        ::open(board->file("trace.jsonl").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    return board;
+}
+
+bool Board::read_files(std::string *error) {
+    std::string text;
+    if (!read_file(file("board.json"), &text)) {
+        *error = "no board.json in " + dir_;
+        return false;
+    }
+    config_ = json::parse(text, nullptr, false);
+    if (config_.is_discarded() || !config_.is_object()) {
+        *error = "board.json in " + dir_ + " is not a JSON object";
+        return false;
+    }
+    if (!read_file(file("state.json"), &text)) {
+        state_ = initial_state(config_);
+        return true;
+    }
+    state_ = json::parse(text, nullptr, false);
+    if (state_.is_discarded() || !state_.is_object()) {
+        *error = "state.json in " + dir_ + " is not a JSON object";
+        return false;
+    }
+    return true;
+}
+
+Board::~Board() {
+    if (trace_fd_ >= 0)
+        ::close(trace_fd_);
+}
+
+void Board::save() {
+    std::string temp = file("state.json.new");
+    if (write_file(temp, state_.dump(1)))
+        ::rename(temp.c_str(), file("state.json").c_str());
+}
+
+void Board::reload() {
+    std::string text;
+    if (!read_file(file("state.json"), &text))
+        return;
+    json fresh = json::parse(text, nullptr, false);
+    if (fresh.is_object())
+        state_ = std::move(fresh);
+}
+
+bool Board::is_board_path(std::string_view path) {
+    for (std::string_view tree : kBoardTrees) {
+        if (within(path, tree))
+            return true;
+    }
+    if (path.substr(0, 5) != "/dev/")
+        return false;
+    std::string_view node = path.substr(5);
+    for (std::string_view prefix : kBoardDevicePrefixes) {
+        if (node.substr(0, prefix.size()) == prefix)
+            return true;
+    }
+    return false;
+}
+
+HostPath Board::resolve(std::string_view path) const {
+    std::string normal = normal_path(path);
+    if (within(normal, dir_) || !is_board_path(normal))
+        return {std::string(path), false};
+    const json &mounts = member(state_, "mounts");
+    for (auto m = mounts.rbegin(); mounts.is_array() && m != mounts.rend(); ++m) {
+        std::string target = (*m)["target"];
+        if (within(normal, target)) {
+            bool read_only = ((*m)["flags"].get<unsigned long>() & 1) != 0;
+            return {(*m)["host"].get<std::string>() + normal.substr(target.size()), read_only};
+        }
+    }
+    return {root_ + normal, false};
+}
+
+std::string Board::board_path_of(std::string_view host_path) const {
+    std::string normal = normal_path(host_path);
+    if (!within(normal, root_))
+        return "";
+    std::string inside = normal.substr(root_.size());
+    return inside.empty() ? "/" : inside;
+}
+
+std::string Board::translate_command(std::string_view command) const {
+    std::string out;
+    size_t copied = 0;
+    for_each_absolute_word(command, [&](size_t at, size_t len) {
+        std::string_view word = command.substr(at, len);
+        if (!is_board_path(normal_path(word)))
+            return;
+        out.append(command.substr(copied, at - copied));
+        out.append(resolve(word).path);
+        copied = at + len;
+    });
+    out.append(command.substr(copied));
+    return out;
+}
+
+std::string Board::foreign_path_in(std::string_view translated) const {
+    std::string foreign;
+    for_each_absolute_word(translated, [&](size_t at, size_t len) {
+        std::string normal = normal_path(translated.substr(at, len));
+        bool allowed = within(normal, dir_);
+        for (std::string_view tree : kHostProgramTrees)
+            allowed = allowed || within(normal, tree);
+        if (!allowed && foreign.empty())
+            foreign = normal;
+    });
+    return foreign;
+}
+
+uint64_t Board::now_ns() const { return state_.value("clock_ns", uint64_t{0}); }
+
+void Board::advance_ns(uint64_t ns) { state_["clock_ns"] = now_ns() + ns; }
+
+void Board::trace(std::string_view kind, json fields) {
+    if (trace_fd_ < 0)
+        return;
+    json event = json{{"t", now_ns()}, {"ev", kind}};
+    event.update(fields);
+    std::string line = event.dump() + "\n";
+    if (::write(trace_fd_, line.data(), line.size()) < 0) {
+        // The trace is an aid; a full disk must not change what the program sees.
+    }
+}
+
+const json *Board::take_fault(std::string_view kind, std::string_view target) {
+    const json &faults = member(config_, "faults");
+    for (size_t i = 0; faults.is_array() && i < faults.size(); ++i) {
+        const json &f = faults[i];
+        if (f.value("fault", "") != kind)
+            continue;
+        if (f.contains("target") && f["target"].get<std::string>() != target)
+            continue;
+        if (f.contains("match") && target.find(f["match"].get<std::string>()) == std::string::npos)
+            continue;
+        std::string key = std::to_string(i);
+        int64_t seen = state_["fault_hits"].value(key, int64_t{0});
+        state_["fault_hits"][key] = seen + 1;
+        int64_t skip = f.value("skip", int64_t{0});
+        int64_t times = f.value("times", int64_t{-1});
+        if (seen < skip || (times >= 0 && seen >= skip + times))
+            continue;
+        trace("fault", {{"fault", kind}, {"target", target}});
+        return &f;
+    }
+    return nullptr;
+}
+
+int Board::mount(std::string_view source, std::string_view target, std::string_view fstype,
+                 unsigned long flags) {
+    std::string normal_target = normal_path(target);
+    json event{{"source", source}, {"target", normal_target}, {"fstype", fstype}, {"flags", flags}};
+    auto fail = [&](int err) {
+        event["errno"] = err;
+        trace("mount", event);
+        return err;
+    };
+    if (!is_board_path(normal_target))
+        return fail(EPERM);
+    struct stat st;
+    if (::stat(resolve(normal_target).path.c_str(), &st) != 0)
+        return fail(ENOENT);
+    if (!S_ISDIR(st.st_mode))
+        return fail(ENOTDIR);
+    if (const json *f = take_fault("mount", std::string(source) + " " + normal_target))
+        return fail(errno_from_name(f->value("errno", json("EIO"))));
+
+    std::string host;
+    int err = fstype == "ubifs" ? ubi_mount_source(*this, source, &host)
+                                : medium_mount_source(*this, source, fstype, &host);
+    if (err != 0)
+        return fail(err);
+    state_["mounts"].push_back({{"source", source},
+                                {"target", normal_target},
+                                {"fstype", fstype},
+                                {"flags", flags},
+                                {"host", host}});
+    trace("mount", event);
+    return 0;
+}
+
+int Board::umount(std::string_view target) {
+    std::string normal = normal_path(target);
+    json &mounts = state_["mounts"];
+    for (size_t i = mounts.size(); i-- > 0;) {
+        if (mounts[i]["target"] == normal) {
+            mounts.erase(i);
+            trace("umount", {{"target", normal}});
+            return 0;
+        }
+    }
+    struct stat st;
+    int err = ::stat(resolve(normal).path.c_str(), &st) == 0 ? EINVAL : ENOENT;
+    trace("umount", {{"target", normal}, {"errno", err}});
+    return err;
+}
+
+void Board::refresh_kernel_files() { refresh_media_files(*this); }
+
+std::unique_ptr<Device> Board::open_device(std::string_view path, int flags, int *err) {
+    using Opener = std::unique_ptr<Device> (*)(Board &, std::string_view, int, int *);
+    static constexpr Opener kDeviceModels[] = {open_control_device, open_media_device};
+    *err = ENOENT;
+    for (Opener open : kDeviceModels) {
+        if (auto device = open(*this, path, flags, err))
+            return device;
+    }
+    return nullptr;
+}
+
+const json &member(const json &obj, std::string_view key) {
+    static const json kNull;
+    if (!obj.is_object())
+        return kNull;
+    auto it = obj.find(key);
+    return it != obj.end() ? *it : kNull;
+}
+
+int errno_from_name(const json &value) {
+    if (value.is_number_integer())
+        return value.get<int>();
+    static const struct {
+        const char *name;
+        int value;
+    } kNames[] = {{"EPERM", EPERM},   {"ENOENT", ENOENT}, {"EIO", EIO},       {"ENXIO", ENXIO},
+                  {"EBUSY", EBUSY},   {"ENODEV", ENODEV}, {"EINVAL", EINVAL}, {"ENOSPC", ENOSPC},
+                  {"EROFS", EROFS},   {"EAGAIN", EAGAIN}, {"ETIMEDOUT", ETIMEDOUT},
+                  {"EACCES", EACCES}, {"ENOMEDIUM", ENOMEDIUM}};
+    std::string name = value.is_string() ? value.get<std::string>() : "";
+    for (const auto &n : kNames) {
+        if (name == n.name)
+            return n.value;
+    }
+    return EIO;
+}
+
+} // namespace tvsim

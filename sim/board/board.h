@@ -1,0 +1,111 @@
+// A simulated TV board: a directory holding board.json (what the board is), state.json (what
+// has changed since it was made), trace.jsonl (one line per device-level event) and the board's
+// file tree, media, flash volumes and device contents as plain files.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
+
+namespace tvsim {
+
+using json = nlohmann::json;
+
+class Device;
+
+// Where a board path lands on the host.
+struct HostPath {
+    std::string path;
+    bool read_only = false; // inside a read-only mount
+};
+
+class Board {
+public:
+    // Loads the board in dir (an absolute path). Returns null, with a message in *error, when
+    // the directory holds no readable board.
+    static std::unique_ptr<Board> load(const std::string &dir, std::string *error);
+
+    const std::string &dir() const { return dir_; }
+    std::string file(std::string_view relative) const { return dir_ + "/" + std::string(relative); }
+    const json &config() const { return config_; }
+    json &state() { return state_; }
+
+    // Writes state.json; reload() reads it again after another process (a shell command's
+    // stand-in) changed it.
+    void save();
+    void reload();
+
+    // --- paths --------------------------------------------------------------------------
+    // True for paths that belong to the board rather than to the host.
+    static bool is_board_path(std::string_view normal_path);
+    // Resolves a path as the board sees it: board paths land in the board's file tree or in
+    // whatever is mounted there; other paths are returned unchanged.
+    HostPath resolve(std::string_view path) const;
+    // The board path for a host path inside the file tree, or "" when it lies elsewhere.
+    std::string board_path_of(std::string_view host_path) const;
+    // Rewrites every board path in a shell command to where it lands on the host.
+    std::string translate_command(std::string_view command) const;
+    // The first absolute path in an already translated command that lies outside the board
+    // and outside the programs a command may name, or "" when there is none.
+    std::string foreign_path_in(std::string_view translated) const;
+
+    // --- virtual clock --------------------------------------------------------------------
+    uint64_t now_ns() const;
+    void advance_ns(uint64_t ns);
+
+    // --- trace --------------------------------------------------------------------------
+    // Appends one event ({"t": board time in ns, "ev": kind, ...fields}) to trace.jsonl.
+    void trace(std::string_view kind, json fields = json::object());
+
+    // --- faults -------------------------------------------------------------------------
+    // Returns the first fault of this kind that applies to target (its "target" equals it, or
+    // its "match" is part of it, or it names neither) and is due by its "skip" and "times"
+    // counts, counting the hit; null when none is due.
+    const json *take_fault(std::string_view kind, std::string_view target);
+
+    // --- mounts -------------------------------------------------------------------------
+    // Returns 0, or an errno value as the kernel would give it.
+    int mount(std::string_view source, std::string_view target, std::string_view fstype,
+              unsigned long flags);
+    int umount(std::string_view target);
+
+    // Brings /sys and /proc files in the file tree up to date with the board's state.
+    void refresh_kernel_files();
+
+    // Opens a board device node; null with *err set (ENOENT when the path is no device).
+    std::unique_ptr<Device> open_device(std::string_view normal_path, int flags, int *err);
+
+private:
+    Board() = default;
+    bool read_files(std::string *error);
+
+    std::string dir_;
+    std::string root_; // dir_ + "/fs"
+    json config_;
+    json state_;
+    int trace_fd_ = -1;
+
+public:
+    ~Board();
+    Board(const Board &) = delete;
+    Board &operator=(const Board &) = delete;
+};
+
+// Lexically normal absolute form of a path ("/a/./b/../c" -> "/a/c"); relative paths are
+// returned unchanged.
+std::string normal_path(std::string_view path);
+
+// obj[key], or a null value when obj is no object or has no such member.
+const json &member(const json &obj, std::string_view key);
+
+// errno value for a name such as "EIO" (or a number in text); EIO when unknown.
+int errno_from_name(const json &value);
+
+// Reads a whole file; false when it cannot be read.
+bool read_file(const std::string &path, std::string *contents);
+// Replaces a file's contents; false on failure.
+bool write_file(const std::string &path, std::string_view contents);
+
+} // namespace tvsim

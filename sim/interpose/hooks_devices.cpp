@@ -1,0 +1,133 @@
+// Descriptor entry points: calls on a board device's descriptor reach its model; every other
+// descriptor is the C library's.
+#include "interpose/session.h"
+
+#include <cstdarg>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+using tvsim::interpose::Hook;
+
+extern "C" {
+ssize_t __read_chk(int fd, void *buf, size_t count, size_t buflen);
+int __ioctl_time64(int fd, unsigned long request, ...);
+off64_t lseek64(int fd, off64_t offset, int whence);
+}
+
+namespace {
+
+// The device behind fd when the call comes from the program itself, else null.
+tvsim::Device *program_device(const Hook &hook, int fd) {
+    return hook.active() ? tvsim::interpose::device_at(fd) : nullptr;
+}
+
+template <typename Call> auto on_device(tvsim::Device *device, Call call) -> decltype(call(device)) {
+    try {
+        return call(device);
+    } catch (...) {
+        errno = EIO;
+        return -1;
+    }
+}
+
+int device_ioctl(int fd, unsigned long request, uintptr_t arg, bool *handled) {
+    Hook hook;
+    tvsim::Device *device = program_device(hook, fd);
+    *handled = device != nullptr;
+    if (device == nullptr) {
+        hook.restore_errno();
+        return -1;
+    }
+    return on_device(device, [&](tvsim::Device *d) { return d->ioctl(request, arg); });
+}
+
+uintptr_t third_argument(va_list ap) { return reinterpret_cast<uintptr_t>(va_arg(ap, void *)); }
+
+template <typename RealLseek> auto lseek_on_board(RealLseek real, int fd, int64_t offset, int whence) {
+    using Result = decltype(real(fd, offset, whence));
+    if (tvsim::interpose::any_device_open()) {
+        Hook hook;
+        if (tvsim::Device *device = program_device(hook, fd))
+            return static_cast<Result>(
+                on_device(device, [&](tvsim::Device *d) { return d->lseek(offset, whence); }));
+    }
+    return real(fd, offset, whence);
+}
+
+} // namespace
+
+#pragma GCC visibility push(default)
+extern "C" {
+
+ssize_t read(int fd, void *buf, size_t count) {
+    if (tvsim::interpose::any_device_open()) {
+        Hook hook;
+        if (tvsim::Device *device = program_device(hook, fd))
+            return on_device(device, [&](tvsim::Device *d) { return d->read(buf, count); });
+    }
+    return TVSIM_REAL(read)(fd, buf, count);
+}
+
+ssize_t __read_chk(int fd, void *buf, size_t count, size_t buflen) {
+    if (count > buflen)
+        __builtin_trap(); // the C library aborts a read past the buffer
+    return read(fd, buf, count);
+}
+
+ssize_t write(int fd, const void *buf, size_t count) {
+    if (tvsim::interpose::any_device_open()) {
+        Hook hook;
+        if (tvsim::Device *device = program_device(hook, fd))
+            return on_device(device, [&](tvsim::Device *d) { return d->write(buf, count); });
+    }
+    return TVSIM_REAL(write)(fd, buf, count);
+}
+
+int close(int fd) {
+    if (tvsim::interpose::any_device_open()) {
+        Hook hook;
+        if (program_device(hook, fd) != nullptr) {
+            std::unique_ptr<tvsim::Device> device = tvsim::interpose::detach_device(fd);
+            try {
+                device->close();
+                hook.board().trace("close", {{"fd", fd}});
+            } catch (...) {
+            }
+        }
+    }
+    return TVSIM_REAL(close)(fd);
+}
+
+int ioctl(int fd, unsigned long request, ...) {
+    va_list ap;
+    va_start(ap, request);
+    uintptr_t arg = third_argument(ap);
+    va_end(ap);
+    bool handled = false;
+    int result = device_ioctl(fd, request, arg, &handled);
+    return handled ? result : TVSIM_REAL(ioctl)(fd, request, arg);
+}
+
+#if defined(__arm__)
+// 32-bit builds with 64-bit time call this name for every ioctl.
+int __ioctl_time64(int fd, unsigned long request, ...) {
+    va_list ap;
+    va_start(ap, request);
+    uintptr_t arg = third_argument(ap);
+    va_end(ap);
+    bool handled = false;
+    int result = device_ioctl(fd, request, arg, &handled);
+    return handled ? result : TVSIM_REAL(__ioctl_time64)(fd, request, arg);
+}
+#endif
+
+off_t lseek(int fd, off_t offset, int whence) {
+    return lseek_on_board(TVSIM_REAL(lseek), fd, offset, whence);
+}
+
+off64_t lseek64(int fd, off64_t offset, int whence) {
+    return lseek_on_board(TVSIM_REAL(lseek64), fd, offset, whence);
+}
+
+} // extern "C"
+#pragma GCC visibility pop

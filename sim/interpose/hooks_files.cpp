@@ -1,0 +1,206 @@
+// File system entry points: board paths are resolved inside the board directory (or in what
+// is mounted there), device nodes open a board device, read-only mounts refuse writes.
+#include "interpose/session.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using tvsim::HostPath;
+using tvsim::interpose::Hook;
+
+extern "C" {
+int __open_2(const char *path, int flags);
+int __open64_2(const char *path, int flags);
+int scandir64(const char *dir, struct dirent64 ***list, int (*filter)(const struct dirent64 *),
+              int (*compare)(const struct dirent64 **, const struct dirent64 **));
+FILE *fopen64(const char *path, const char *mode);
+int open64(const char *path, int flags, ...);
+}
+
+namespace {
+
+bool writes(int flags) { return (flags & O_ACCMODE) != O_RDONLY || (flags & (O_CREAT | O_TRUNC)); }
+
+bool is_kernel_file(const std::string &normal) {
+    return normal.rfind("/sys/", 0) == 0 || normal.rfind("/proc/", 0) == 0;
+}
+
+// Where a path that a program names lands; refreshes kernel files it may be about to read.
+HostPath resolve_for_access(const Hook &hook, const char *path) {
+    std::string normal = tvsim::normal_path(path);
+    if (tvsim::Board::is_board_path(normal) && is_kernel_file(normal))
+        hook.board().refresh_kernel_files();
+    return hook.board().resolve(path);
+}
+
+// Gives a board device a real descriptor of its own.
+int open_board_device(Hook &hook, const std::string &normal, int flags, bool *handled) {
+    int err = 0;
+    std::unique_ptr<tvsim::Device> device = hook.board().open_device(normal, flags, &err);
+    *handled = device != nullptr || normal.rfind("/dev/", 0) == 0;
+    if (device == nullptr) {
+        if (*handled) {
+            hook.board().trace("open", {{"path", normal}, {"errno", err}});
+            errno = err;
+        }
+        return -1;
+    }
+    int pair[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0)
+        return -1;
+    close(pair[1]);
+    hook.board().trace("open", {{"path", normal}, {"fd", pair[0]}, {"flags", flags}});
+    tvsim::interpose::attach_device(pair[0], std::move(device));
+    return pair[0];
+}
+
+template <typename RealOpen>
+int open_on_board(RealOpen real, const char *path, int flags, mode_t mode) {
+    Hook hook;
+    if (!hook.active() || path == nullptr)
+        return real(path, flags, mode);
+    try {
+        std::string normal = tvsim::normal_path(path);
+        if (tvsim::Board::is_board_path(normal)) {
+            if (is_kernel_file(normal))
+                hook.board().refresh_kernel_files();
+            bool handled = false;
+            int fd = open_board_device(hook, normal, flags, &handled);
+            if (handled)
+                return fd;
+        }
+        HostPath host = hook.board().resolve(path);
+        if (host.read_only && writes(flags)) {
+            errno = EROFS;
+            return -1;
+        }
+        hook.restore_errno();
+        return real(host.path.c_str(), flags, mode);
+    } catch (...) {
+        errno = EIO;
+        return -1;
+    }
+}
+
+mode_t mode_argument(int flags, va_list ap) {
+    return (flags & (O_CREAT | O_TMPFILE)) != 0 ? static_cast<mode_t>(va_arg(ap, int)) : 0;
+}
+
+int real_open(const char *p, int f, mode_t m) { return TVSIM_REAL(open)(p, f, m); }
+int real_open64(const char *p, int f, mode_t m) { return TVSIM_REAL(open64)(p, f, m); }
+
+bool fopen_writes(const char *mode) {
+    for (const char *m = mode; m != nullptr && *m != '\0'; ++m) {
+        if (*m == 'w' || *m == 'a' || *m == '+')
+            return true;
+    }
+    return false;
+}
+
+template <typename RealFopen> FILE *fopen_on_board(RealFopen real, const char *path, const char *mode) {
+    Hook hook;
+    if (!hook.active() || path == nullptr)
+        return real(path, mode);
+    try {
+        HostPath host = resolve_for_access(hook, path);
+        if (host.read_only && fopen_writes(mode)) {
+            errno = EROFS;
+            return nullptr;
+        }
+        hook.restore_errno();
+        return real(host.path.c_str(), mode);
+    } catch (...) {
+        errno = EIO;
+        return nullptr;
+    }
+}
+
+// For calls that only read a path: resolve it and pass it on.
+template <typename Fn> auto with_resolved_path(const char *path, Fn fn) {
+    Hook hook;
+    if (!hook.active() || path == nullptr)
+        return fn(path);
+    HostPath host;
+    try {
+        host = resolve_for_access(hook, path);
+    } catch (...) {
+        host.path = path;
+    }
+    hook.restore_errno();
+    return fn(host.path.c_str());
+}
+
+} // namespace
+
+#pragma GCC visibility push(default)
+extern "C" {
+
+int open(const char *path, int flags, ...) {
+    va_list ap;
+    va_start(ap, flags);
+    mode_t mode = mode_argument(flags, ap);
+    va_end(ap);
+    return open_on_board(real_open, path, flags, mode);
+}
+
+int open64(const char *path, int flags, ...) {
+    va_list ap;
+    va_start(ap, flags);
+    mode_t mode = mode_argument(flags, ap);
+    va_end(ap);
+    return open_on_board(real_open64, path, flags, mode);
+}
+
+int __open_2(const char *path, int flags) { return open_on_board(real_open, path, flags, 0); }
+int __open64_2(const char *path, int flags) { return open_on_board(real_open64, path, flags, 0); }
+
+FILE *fopen(const char *path, const char *mode) {
+    return fopen_on_board(TVSIM_REAL(fopen), path, mode);
+}
+
+FILE *fopen64(const char *path, const char *mode) {
+    return fopen_on_board(TVSIM_REAL(fopen64), path, mode);
+}
+
+DIR *opendir(const char *path) {
+    return with_resolved_path(path, [](const char *p) { return TVSIM_REAL(opendir)(p); });
+}
+
+int scandir(const char *dir, struct dirent ***list, int (*filter)(const struct dirent *),
+            int (*compare)(const struct dirent **, const struct dirent **)) {
+    return with_resolved_path(
+        dir, [&](const char *p) { return TVSIM_REAL(scandir)(p, list, filter, compare); });
+}
+
+int scandir64(const char *dir, struct dirent64 ***list, int (*filter)(const struct dirent64 *),
+              int (*compare)(const struct dirent64 **, const struct dirent64 **)) {
+    return with_resolved_path(
+        dir, [&](const char *p) { return TVSIM_REAL(scandir64)(p, list, filter, compare); });
+}
+
+int mkdir(const char *path, mode_t mode) {
+    Hook hook;
+    if (!hook.active())
+        return TVSIM_REAL(mkdir)(path, mode);
+    HostPath host;
+    try {
+        host = hook.board().resolve(path);
+    } catch (...) {
+        errno = EIO;
+        return -1;
+    }
+    if (host.read_only) {
+        errno = EROFS;
+        return -1;
+    }
+    hook.restore_errno();
+    return TVSIM_REAL(mkdir)(host.path.c_str(), mode);
+}
+
+} // extern "C"
+#pragma GCC visibility pop

@@ -1,0 +1,126 @@
+#include "interpose/session.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <unistd.h>
+
+namespace tvsim::interpose {
+
+namespace {
+
+__thread int hook_depth = 0;
+
+constexpr int kMaxDeviceFd = 1024;
+Device *g_devices[kMaxDeviceFd];
+int g_open_devices = 0;
+
+// Plain pointer state: hooks may run before constructors and after destructors.
+Board *g_board = nullptr;
+bool g_board_loaded = false;
+
+Board *current_board() {
+    if (!g_board_loaded) {
+        g_board_loaded = true;
+        const char *dir = getenv("TVSIM_BOARD");
+        if (dir != nullptr && dir[0] != '\0') {
+            std::string error;
+            try {
+                g_board = Board::load(dir, &error).release();
+            } catch (...) {
+                error = "unreadable board description";
+            }
+            if (g_board == nullptr)
+                fprintf(stderr, "tvsim: %s\n", error.c_str());
+        }
+    }
+    return g_board;
+}
+
+} // namespace
+
+Hook::Hook() : saved_errno_(errno) {
+    outer_ = hook_depth++ == 0;
+    if (outer_)
+        board_ = current_board();
+}
+
+Hook::~Hook() { --hook_depth; }
+
+Device *device_at(int fd) { return fd >= 0 && fd < kMaxDeviceFd ? g_devices[fd] : nullptr; }
+
+void attach_device(int fd, std::unique_ptr<Device> device) {
+    if (fd < 0 || fd >= kMaxDeviceFd)
+        return;
+    delete g_devices[fd];
+    g_devices[fd] = device.release();
+    ++g_open_devices;
+}
+
+std::unique_ptr<Device> detach_device(int fd) {
+    Device *d = device_at(fd);
+    if (d == nullptr)
+        return nullptr;
+    g_devices[fd] = nullptr;
+    --g_open_devices;
+    return std::unique_ptr<Device>(d);
+}
+
+bool any_device_open() { return g_open_devices > 0; }
+
+} // namespace tvsim::interpose
+
+using tvsim::interpose::Hook;
+
+extern "C" {
+
+// Control interface for test programs that call the tool's functions in-process: puts the
+// process on the board in dir (loading it now), or takes it off (saving its state).
+__attribute__((visibility("default"))) int tvsim_attach(const char *dir) {
+    Hook hook;
+    if (tvsim::interpose::g_board != nullptr)
+        return -1;
+    std::string error;
+    tvsim::interpose::g_board_loaded = true;
+    try {
+        tvsim::interpose::g_board = tvsim::Board::load(dir, &error).release();
+    } catch (...) {
+    }
+    return tvsim::interpose::g_board != nullptr ? 0 : -1;
+}
+
+__attribute__((visibility("default"))) void tvsim_detach() {
+    Hook hook;
+    if (tvsim::interpose::g_board == nullptr)
+        return;
+    tvsim::interpose::g_board->save();
+    delete tvsim::interpose::g_board;
+    tvsim::interpose::g_board = nullptr;
+}
+
+}
+
+namespace {
+
+// The board's console is a terminal: line-buffered output, as the tool has on the TV.
+__attribute__((constructor)) void start_on_board() {
+    Hook hook;
+    if (hook.active()) {
+        setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+        hook.board().trace("start", {{"pid", getpid()}});
+    }
+}
+
+__attribute__((destructor)) void stop_on_board() {
+    Hook hook;
+    if (hook.active()) {
+        try {
+            hook.board().trace("exit", {{"pid", getpid()}});
+            hook.board().save();
+        } catch (...) {
+        }
+    }
+}
+
+} // namespace

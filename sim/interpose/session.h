@@ -1,0 +1,49 @@
+// The interposer's view of the process: which board it runs on, which descriptors are board
+// devices, and a guard that lets the simulator's own C library calls pass straight through.
+#pragma once
+
+#include "board/board.h"
+#include "board/device.h"
+
+#include <cerrno>
+#include <dlfcn.h>
+
+namespace tvsim::interpose {
+
+// The C library's own definition of a hooked name, looked up once.
+#define TVSIM_REAL(name)                                                                           \
+    ([] {                                                                                          \
+        static auto fn = reinterpret_cast<decltype(&name)>(dlsym(RTLD_NEXT, #name));               \
+        return fn;                                                                                 \
+    }())
+
+// Entered at the top of every hook. Inside a hook (the simulator calling the C library
+// itself), or with no board, active() is false and the hook passes the call on unchanged.
+// The caller's errno is kept across the simulator's bookkeeping.
+class Hook {
+public:
+    Hook();
+    ~Hook();
+    Hook(const Hook &) = delete;
+    Hook &operator=(const Hook &) = delete;
+
+    bool active() const { return board_ != nullptr; }
+    // True when the process runs on no board at all (not merely re-entered).
+    bool outside_board() const { return outer_ && board_ == nullptr; }
+    Board &board() const { return *board_; }
+    // Restores the caller's errno (call before handing over to the C library).
+    void restore_errno() const { errno = saved_errno_; }
+
+private:
+    Board *board_ = nullptr;
+    bool outer_ = false;
+    int saved_errno_;
+};
+
+// Board devices behind descriptors.
+Device *device_at(int fd);
+void attach_device(int fd, std::unique_ptr<Device> device);
+std::unique_ptr<Device> detach_device(int fd);
+bool any_device_open();
+
+} // namespace tvsim::interpose

@@ -1,0 +1,147 @@
+#include "run/main.h"
+
+#include "common/holders.h"
+#include "data/update_data.h"
+#include "run/flashimg.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+int cn_user_fd = -1;
+
+void show_progress(uint32_t total, uint32_t done) {
+    printf(" %3d %%\b\b\b\b\b\b", static_cast<int>(done * 100 / total));
+    fflush(stdout);
+}
+
+namespace {
+
+constexpr const char *kControlDevice = "/dev/cn_user";
+constexpr const char *kApplicationScript = "./update/update_tool.sh /tmp/boot/update_mode.conf";
+
+// What every updater may be handed.
+struct RunContext {
+    const char *write_dir;
+    const char *model;
+    uint32_t *flags;
+};
+
+// One component of the run, in the order of kUpdateSteps.
+struct UpdateStep {
+    int word;
+    uint32_t mask;
+    const char *start_line;
+    int (*update)(const RunContext &);
+    const char *failure_line;
+    const char *success_line;
+};
+
+// The application script succeeds only when the shell exited normally with status 0.
+int run_application_script(const RunContext &) {
+    int status = system(kApplicationScript);
+    if ((status & 0x7f) != 0 || ((status >> 8) & 0xff) != 0)
+        return -1;
+    return 0;
+}
+
+template <int (*Update)(const char *, const uint32_t *)>
+int update_data_dir(const RunContext &run) {
+    return Update(run.write_dir, run.flags);
+}
+
+constexpr UpdateStep kUpdateSteps[] = {
+    {0, FLAG_QVXBIN, "Start updating Application binary...", run_application_script,
+     "!!! Unable to update Binary Image. !!!", "Binary image updating is finished."},
+    {0, FLAG_APP_DATA, "Start updating App data directory...", update_data_dir<Update_APPDIR>,
+     "!!! Unable to update App data. !!!", "Updating App data is finished."},
+    {0, FLAG_FACTORY, "Start updating Factory data directory...",
+     update_data_dir<Update_FactoryDIR>, "!!! Unable to update Factory data. !!!",
+     "Updating Factory data is finished."},
+    {0, FLAG_MODEL_DATA, "Start updating Model data directory...",
+     update_data_dir<Update_ModelDIR>, "!!! Unable to update Model data. !!!",
+     "Updating Model data is finished."},
+    {0, FLAG_JPEG_USER, "Start updating Jpeg User directory...",
+     update_data_dir<Update_JpgUserDIR>, "!!! Unable to update Jpeg User data. !!!",
+     "Updating Jpeg User data is finished."},
+    {0, FLAG_JPEG_FACTORY, "Start updating Jpeg Factory directory...",
+     update_data_dir<Update_JpgFactoryDIR>, "!!! Unable to update Jpeg Factory data. !!!",
+     "Updating Jpeg Factory data is finished."},
+    {0, FLAG_BITMAP, "Start updating Bitmap directory...", update_data_dir<Update_BitmapDIR>,
+     "!!! Unable to update Bitmap data. !!!", "Updating Bitmap data is finished."},
+    {0, FLAG_OTHER, "Start updating Other directory...", update_data_dir<Update_OtherDIR>,
+     "!!! Unable to update Other data. !!!", "Updating Other data is finished."},
+};
+
+// Runs every selected step in order; returns -1 when any of them failed.
+int run_selected_steps(const RunContext &run) {
+    int result = 0;
+    for (const UpdateStep &step : kUpdateSteps) {
+        if ((run.flags[step.word] & step.mask) == 0)
+            continue;
+        puts(step.start_line);
+        if (step.update(run) != 0) {
+            result = -1;
+            puts(step.failure_line);
+        } else {
+            puts(step.success_line);
+        }
+    }
+    return result;
+}
+
+// Argument copies, released in reverse order at the end of the run.
+struct ArgumentCopies {
+    char *arg[3] = {nullptr, nullptr, nullptr};
+    ArgumentCopies(int argc, char **argv) {
+        for (int i = 0; i < 3 && i + 1 < argc; ++i)
+            arg[i] = strdup(argv[i + 1]);
+    }
+    ~ArgumentCopies() {
+        for (int i = 2; i >= 0; --i)
+            free(arg[i]);
+    }
+    ArgumentCopies(const ArgumentCopies &) = delete;
+    ArgumentCopies &operator=(const ArgumentCopies &) = delete;
+};
+
+} // namespace
+
+int run_update(int argc, char **argv) {
+    int result;
+    {
+        ArgumentCopies args(argc, argv);
+        const char *model = args.arg[0];
+        if (check_model_name(model) != 0)
+            return -1;
+
+        cn_user_fd = open(kControlDevice, O_RDWR);
+        if (cn_user_fd < 0) {
+            printf("Cannot open %s, errno=%d\n", kControlDevice, errno);
+            return -1;
+        }
+        puts("----- searching media cards -----");
+        char mount_point[kPathBufferSize];
+        char write_dir[kPathBufferSize];
+        uint32_t update_flags[4] = {0, 0, 0, 0};
+        if (search_imglist_file(mount_point, write_dir, model, update_flags) < 0) {
+            printf("Unable to find %s file on MediaCard.\n", "flashimg.lst");
+            close(cn_user_fd);
+            cn_user_fd = -1;
+            return -1;
+        }
+        printf("----- Find %s file on %s. -----\n", "flashimg.lst", write_dir);
+        result = run_selected_steps(RunContext{write_dir, model, update_flags});
+    }
+    close(cn_user_fd);
+    cn_user_fd = -1;
+    fflush(nullptr);
+    sync();
+    puts("----- Updating is finished. -----");
+    puts("Remove Media Card and reboot the system.");
+    return result;
+}
