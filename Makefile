@@ -1,0 +1,48 @@
+# The two commands of the README, and the board build.
+#   make demo    builds, makes a sample board and medium, runs tvupdate on it
+#   make check   builds (host, asan, armhf) and runs every test
+#   make armhf   builds tvupdate and libtvsim.so for the board
+# Missing Debian packages are installed first when run as root.
+
+JOBS ?= $(shell nproc)
+DEB_PACKAGES := cmake make g++ libgtest-dev libgmock-dev nlohmann-json3-dev \
+	g++-arm-linux-gnueabihf qemu-user srecord mtd-utils clang-format
+
+.PHONY: all demo check armhf host asan deps clean
+
+all: host
+
+deps:
+	@missing=$$(for p in $(DEB_PACKAGES); do \
+		dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null | grep -q 'install ok installed' || echo $$p; \
+	done); \
+	if [ -n "$$missing" ]; then \
+		if [ "$$(id -u)" = 0 ]; then \
+			echo "Installing:" $$missing; \
+			apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $$missing >/dev/null; \
+		else \
+			echo "Missing Debian packages:" $$missing "(run as root, or install them)"; exit 1; \
+		fi; \
+	fi
+
+host: deps
+	cmake --preset host >/dev/null
+	cmake --build --preset host -j $(JOBS)
+
+asan: deps
+	cmake --preset asan >/dev/null
+	cmake --build --preset asan -j $(JOBS)
+
+armhf: deps
+	cmake --preset armhf >/dev/null
+	cmake --build --preset armhf -j $(JOBS)
+
+check: armhf host asan
+	TVSIM_REQUIRE_ARMHF=1 ctest --preset host -j $(JOBS)
+	ctest --preset asan -j $(JOBS)
+
+demo: host
+	tools/demo.sh build/host
+
+clean:
+	rm -rf build demo

@@ -1,0 +1,201 @@
+#include "scenarios/harness.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <spawn.h>
+#include <sstream>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char **environ;
+
+namespace fs = std::filesystem;
+
+namespace scenario {
+
+namespace {
+
+bool armhf_variant() {
+    const char *v = getenv("TVSIM_VARIANT");
+    return v != nullptr && std::string(v) == "armhf";
+}
+
+// The tool under test and the simulator library for its architecture.
+std::string tool_binary() {
+    return armhf_variant() ? std::string(TVSIM_ARMHF_DIR) + "/tvupdate" : TVSIM_HOST_TOOL;
+}
+
+std::string preload_library() {
+    return armhf_variant() ? std::string(TVSIM_ARMHF_DIR) + "/libtvsim.so" : TVSIM_HOST_PRELOAD;
+}
+
+std::string slurp(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+void write_text(const std::string &path, const std::string &contents) {
+    fs::create_directories(fs::path(path).parent_path());
+    std::ofstream(path, std::ios::binary) << contents;
+}
+
+// Runs argv with output captured; the exit status, or -1 when it did not exit.
+RunResult capture(const std::vector<std::string> &args) {
+    RunResult result;
+    int pipe_fds[2];
+    if (pipe(pipe_fds) != 0)
+        return result;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, pipe_fds[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, pipe_fds[1], 2);
+    posix_spawn_file_actions_addclose(&actions, pipe_fds[0]);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    std::vector<char *> argv;
+    for (const std::string &a : args)
+        argv.push_back(const_cast<char *>(a.c_str()));
+    argv.push_back(nullptr);
+    pid_t pid;
+    int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(pipe_fds[1]);
+    char buf[4096];
+    ssize_t n;
+    while ((n = read(pipe_fds[0], buf, sizeof buf)) > 0)
+        result.output.append(buf, static_cast<size_t>(n));
+    close(pipe_fds[0]);
+    int status = 0;
+    if (spawned == 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status))
+        result.exit_status = WEXITSTATUS(status);
+    return result;
+}
+
+} // namespace
+
+SimBoard::SimBoard() {
+    const testing::TestInfo *info = testing::UnitTest::GetInstance()->current_test_info();
+    std::string name = std::string(info->test_suite_name()) + "." + info->name();
+    std::replace(name.begin(), name.end(), '/', '_');
+    root_ = std::string(TVSIM_WORK_DIR) + "/" + name + "." + std::to_string(getpid());
+    fs::remove_all(root_);
+    fs::create_directories(medium());
+}
+
+SimBoard::~SimBoard() {
+    // A failed test leaves its board for inspection.
+    if (!testing::Test::HasFailure())
+        fs::remove_all(root_);
+}
+
+void SimBoard::medium_file(const std::string &relative, const std::string &contents) const {
+    write_text(medium() + "/" + relative, contents);
+}
+
+void SimBoard::medium_list(const std::string &model, const std::string &list) const {
+    medium_file(model + "/flashimg.lst", list);
+    medium_file(model + "/update_mode.conf", "mode=full\n");
+}
+
+void SimBoard::make(const std::string &slot) {
+    std::vector<std::string> args = {TVSIM_CLI, "new", dir()};
+    if (!slot.empty()) {
+        args.push_back(slot);
+        args.push_back(medium());
+    }
+    RunResult made = capture(args);
+    ASSERT_EQ(made.exit_status, 0) << made.output;
+}
+
+json SimBoard::config() const { return json::parse(slurp(path("board.json"))); }
+
+void SimBoard::set_config(const json &config) const {
+    write_text(path("board.json"), config.dump(2) + "\n");
+}
+
+void SimBoard::add_fault(const json &fault) const {
+    json c = config();
+    c["faults"].push_back(fault);
+    set_config(c);
+}
+
+RunResult SimBoard::run(const std::vector<std::string> &args) const {
+    std::vector<std::string> argv = {TVSIM_CLI, "--board", dir(), "--preload", preload_library(),
+                                     "--"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return capture(argv);
+}
+
+RunResult SimBoard::tvupdate(const std::vector<std::string> &args) const {
+    std::string tool = tool_binary();
+    std::vector<std::string> argv = {tool};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return run(argv);
+}
+
+bool SimBoard::exists(const std::string &relative) const {
+    std::error_code ec;
+    return fs::exists(path(relative), ec);
+}
+
+std::string SimBoard::read(const std::string &relative) const { return slurp(path(relative)); }
+
+std::string SimBoard::listing(const std::string &relative) const {
+    std::vector<std::string> names;
+    std::error_code ec;
+    for (const auto &entry : fs::directory_iterator(path(relative), ec))
+        names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    std::string out;
+    for (const std::string &n : names)
+        out += (out.empty() ? "" : " ") + n;
+    return out;
+}
+
+std::vector<json> SimBoard::trace() const {
+    std::vector<json> events;
+    std::istringstream lines(read("trace.jsonl"));
+    for (std::string line; std::getline(lines, line);)
+        events.push_back(json::parse(line));
+    return events;
+}
+
+std::vector<json> SimBoard::trace(const std::string &kind) const {
+    std::vector<json> events;
+    for (json &e : trace()) {
+        if (e.value("ev", "") == kind)
+            events.push_back(std::move(e));
+    }
+    return events;
+}
+
+double SimBoard::board_seconds() const {
+    json state = json::parse(slurp(path("state.json")));
+    return state.value("clock_ns", uint64_t{0}) / 1e9;
+}
+
+void Scenario::SetUp() {
+    std::string tool = tool_binary();
+    if (fs::exists(tool))
+        return;
+    if (getenv("TVSIM_REQUIRE_ARMHF") != nullptr)
+        FAIL() << "no tvupdate binary at " << tool;
+    GTEST_SKIP() << "no board build at " << tool << " (make armhf builds it)";
+}
+
+std::string run_prologue(const std::string &model) {
+    return "----- searching media cards -----\n"
+           "ln -s /tmp/" +
+           model + " /tmp/boot\n----- Find flashimg.lst file on /tmp/" + model +
+           "/writedata. -----\n";
+}
+
+std::string run_epilogue() {
+    return "----- Updating is finished. -----\nRemove Media Card and reboot the system.\n";
+}
+
+} // namespace scenario

@@ -1,0 +1,80 @@
+// Scenario tests: the real tvupdate on a simulated board, run through the tvsim launcher,
+// checked by its exact output, its exit status and the board's state afterwards.
+#pragma once
+
+#include <cstdint>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+namespace scenario {
+
+using json = nlohmann::json;
+
+struct RunResult {
+    int exit_status = -1; // 0..255 as the shell sees it, or -1 when the program did not exit
+    std::string output;   // standard output and standard error, interleaved as written
+};
+
+// A fresh board directory per test, under the build's scenario folder. The test fills the
+// medium folder, makes the board, adjusts board.json if it needs faults or other hardware,
+// runs programs on it and inspects its files.
+class SimBoard {
+public:
+    SimBoard();
+    ~SimBoard();
+    SimBoard(const SimBoard &) = delete;
+    SimBoard &operator=(const SimBoard &) = delete;
+
+    // The medium's folder (filled before make()).
+    std::string medium() const { return root_ + "/medium"; }
+    // Writes a file below the medium folder, creating folders on the way.
+    void medium_file(const std::string &relative, const std::string &contents) const;
+    // Writes MODEL/flashimg.lst and MODEL/update_mode.conf on the medium.
+    void medium_list(const std::string &model, const std::string &list) const;
+
+    // Makes the board with the medium on a USB stick ("--usb"), an SD card ("--sd") or no
+    // medium at all ("").
+    void make(const std::string &slot = "--usb");
+
+    // board.json: read, change, write back.
+    json config() const;
+    void set_config(const json &config) const;
+    // Appends one fault to board.json.
+    void add_fault(const json &fault) const;
+
+    // Runs a program on the board; "tvupdate" names the tool under test.
+    RunResult run(const std::vector<std::string> &args) const;
+    RunResult tvupdate(const std::vector<std::string> &args) const;
+
+    // The board's directory and its files.
+    std::string dir() const { return root_ + "/board"; }
+    std::string path(const std::string &relative) const { return dir() + "/" + relative; }
+    bool exists(const std::string &relative) const;
+    std::string read(const std::string &relative) const;
+    // Names in a board folder, sorted ("" for a missing folder).
+    std::string listing(const std::string &relative) const;
+    std::vector<json> trace() const;
+    // Trace events of one kind.
+    std::vector<json> trace(const std::string &kind) const;
+    // Board time in seconds (the virtual clock).
+    double board_seconds() const;
+
+private:
+    std::string root_;
+};
+
+// Base of every scenario test: gives each test a board, and skips the test when the tool
+// binary for the variant under test (host, or the board build under qemu-arm) is not built.
+class Scenario : public testing::Test {
+protected:
+    void SetUp() override;
+    SimBoard board;
+};
+
+// The output lines a run prints before and after the steps, for a medium on a USB stick.
+std::string run_prologue(const std::string &model);
+std::string run_epilogue();
+
+} // namespace scenario
