@@ -19,10 +19,9 @@ namespace tvsim {
 namespace {
 
 // Board paths: the board's own file tree and kernel files, and its device nodes.
-constexpr std::string_view kBoardTrees[] = {"/tmp",        "/mnt",         "/update",
-                                            "/modules",    "/sys",         "/proc/mtd",
-                                            "/proc/misc",  "/proc/sdcard", "/sbin/insmod",
-                                            "/sbin/rmmod", "/sbin/modprobe"};
+constexpr std::string_view kBoardTrees[] = {
+    "/tmp",       "/mnt",         "/update",      "/modules",    "/sys",          "/proc/mtd",
+    "/proc/misc", "/proc/sdcard", "/sbin/insmod", "/sbin/rmmod", "/sbin/modprobe"};
 constexpr std::string_view kBoardDevicePrefixes[] = {"cn_user", "uat_ucom", "i2c-", "spioctl",
                                                      "mtd",     "sd",       "ubi",  "udirect"};
 // Host programs a shell command may name by absolute path.
@@ -55,9 +54,12 @@ template <typename Fn> void for_each_absolute_word(std::string_view text, Fn fn)
 }
 
 json initial_state(const json &config) {
-    return json{{"clock_ns", 0},      {"mounts", json::array()},
-                {"fault_hits", json::object()}, {"rescans", json::object()},
-                {"modules", json::array()},     {"ubi", config.value("ubi", json::array())}};
+    return json{{"clock_ns", 0},
+                {"mounts", json::array()},
+                {"fault_hits", json::object()},
+                {"rescans", json::object()},
+                {"modules", json::array()},
+                {"ubi", config.value("ubi", json::array())}};
 }
 
 } // namespace
@@ -85,7 +87,8 @@ bool write_file(const std::string &path, std::string_view contents) {
     int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0)
         return false;
-    bool ok = ::write(fd, contents.data(), contents.size()) == static_cast<ssize_t>(contents.size());
+    bool ok =
+        ::write(fd, contents.data(), contents.size()) == static_cast<ssize_t>(contents.size());
     return ::close(fd) == 0 && ok;
 }
 
@@ -211,9 +214,13 @@ std::string Board::foreign_path_in(std::string_view translated) const {
     return foreign;
 }
 
-uint64_t Board::now_ns() const { return state_.value("clock_ns", uint64_t{0}); }
+uint64_t Board::now_ns() const {
+    return state_.value("clock_ns", uint64_t{0});
+}
 
-void Board::advance_ns(uint64_t ns) { state_["clock_ns"] = now_ns() + ns; }
+void Board::advance_ns(uint64_t ns) {
+    state_["clock_ns"] = now_ns() + ns;
+}
 
 void Board::trace(std::string_view kind, json fields) {
     if (trace_fd_ < 0)
@@ -298,7 +305,20 @@ int Board::umount(std::string_view target) {
     return err;
 }
 
-void Board::refresh_kernel_files() { refresh_media_files(*this); }
+void Board::reboot() {
+    for (const char *volatile_state : {"mounts", "modules"})
+        state_[volatile_state] = json::array();
+    state_["rescans"] = json::object();
+    state_["clock_ns"] = 0;
+    std::error_code ec;
+    for (const auto &entry : fs::directory_iterator(root_ + "/tmp", ec))
+        fs::remove_all(entry.path(), ec);
+    trace("reboot");
+}
+
+void Board::refresh_kernel_files() {
+    refresh_media_files(*this);
+}
 
 std::unique_ptr<Device> Board::open_device(std::string_view path, int flags, int *err) {
     using Opener = std::unique_ptr<Device> (*)(Board &, std::string_view, int, int *);
@@ -325,10 +345,11 @@ int errno_from_name(const json &value) {
     static const struct {
         const char *name;
         int value;
-    } kNames[] = {{"EPERM", EPERM},   {"ENOENT", ENOENT}, {"EIO", EIO},       {"ENXIO", ENXIO},
-                  {"EBUSY", EBUSY},   {"ENODEV", ENODEV}, {"EINVAL", EINVAL}, {"ENOSPC", ENOSPC},
-                  {"EROFS", EROFS},   {"EAGAIN", EAGAIN}, {"ETIMEDOUT", ETIMEDOUT},
-                  {"EACCES", EACCES}, {"ENOMEDIUM", ENOMEDIUM}};
+    } kNames[] = {{"EPERM", EPERM},        {"ENOENT", ENOENT},       {"EIO", EIO},
+                  {"ENXIO", ENXIO},        {"EBUSY", EBUSY},         {"ENODEV", ENODEV},
+                  {"EINVAL", EINVAL},      {"ENOSPC", ENOSPC},       {"EROFS", EROFS},
+                  {"EAGAIN", EAGAIN},      {"ETIMEDOUT", ETIMEDOUT}, {"EACCES", EACCES},
+                  {"ENOMEDIUM", ENOMEDIUM}};
     std::string name = value.is_string() ? value.get<std::string>() : "";
     for (const auto &n : kNames) {
         if (name == n.name)

@@ -71,6 +71,10 @@ public:
               unsigned long flags);
     int umount(std::string_view target);
 
+    // Power cycle: what lives in RAM is lost (mounts, /tmp, loaded modules, the SCSI layer's
+    // rescans, the board clock since power-on); flash, EEPROMs and media keep their contents.
+    void reboot();
+
     // Brings /sys and /proc files in the file tree up to date with the board's state.
     void refresh_kernel_files();
 

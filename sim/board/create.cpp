@@ -30,25 +30,24 @@ cp "$1" "$here/last_update_mode.conf" && echo "update_tool: application installe
 )";
 
 json default_ubi() {
-    return json::array(
-        {{{"number", 4},
-          {"node", "/dev/ubi1"},
-          {"volumes",
-           {{{"id", 0}, {"name", "app_data"}, {"size", "24MiB"}},
-            {{"id", 1}, {"name", "model_data"}, {"size", "12MiB"}},
-            {{"id", 2}, {"name", "jpeg_user"}, {"size", "20MiB"}},
-            {{"id", 3}, {"name", "jpeg_factory"}, {"size", "2MiB"}},
-            {{"id", 4}, {"name", "bitmap"}, {"size", "14MiB"}}}}},
-         {{"number", 5},
-          {"node", "/dev/ubi2"},
-          {"volumes", {{{"id", 0}, {"name", "other"}, {"size", "8MiB"}}}}}});
+    return json::array({{{"number", 4},
+                         {"node", "/dev/ubi1"},
+                         {"volumes",
+                          {{{"id", 0}, {"name", "app_data"}, {"size", "24MiB"}},
+                           {{"id", 1}, {"name", "model_data"}, {"size", "12MiB"}},
+                           {{"id", 2}, {"name", "jpeg_user"}, {"size", "20MiB"}},
+                           {{"id", 3}, {"name", "jpeg_factory"}, {"size", "2MiB"}},
+                           {{"id", 4}, {"name", "bitmap"}, {"size", "14MiB"}}}}},
+                        {{"number", 5},
+                         {"node", "/dev/ubi2"},
+                         {"volumes", {{{"id", 0}, {"name", "other"}, {"size", "8MiB"}}}}}});
 }
 
 json default_config(const NewBoardOptions &options) {
     json usb = json::array();
     if (!options.usb_medium.empty())
-        usb.push_back({{"disk", "b"}, {"medium", "media/usb"}, {"filesystem", "vfat"},
-                       {"sectors", 7864320}});
+        usb.push_back(
+            {{"disk", "b"}, {"medium", "media/usb"}, {"filesystem", "vfat"}, {"sectors", 7864320}});
     json sd = {{"slot", options.sd_medium.empty() ? "remove" : "insert"},
                {"medium", "media/sd"},
                {"filesystem", "vfat"},
@@ -73,10 +72,10 @@ bool create_board(const std::string &dir, const NewBoardOptions &options, std::s
         return false;
     }
     fs::path root = board / "fs";
-    for (const char *d : {"tmp", "mnt/sdcard", "mnt/flash/app_data", "mnt/flash/model_data",
-                          "mnt/flash/jpeg_user", "mnt/flash/jpeg_factory", "mnt/flash/bitmap",
-                          "mnt/flash/other", "update", "sbin", "modules", "sys/class/scsi_device",
-                          "sys/block", "proc", "dev"})
+    for (const char *d :
+         {"tmp", "mnt/sdcard", "mnt/flash/app_data", "mnt/flash/model_data", "mnt/flash/jpeg_user",
+          "mnt/flash/jpeg_factory", "mnt/flash/bitmap", "mnt/flash/other", "update", "sbin",
+          "modules", "sys/class/scsi_device", "sys/block", "proc", "dev"})
         fs::create_directories(root / d, ec);
     json config = default_config(options);
     for (const json &dev : config["ubi"]) {

@@ -13,11 +13,17 @@ namespace tvsim {
 namespace {
 
 constexpr uint64_t kNsPerSecond = 1000000000ull;
-const json &usb_disks(const Board &board) { return member(member(board.config(), "media"), "usb"); }
+const json &usb_disks(const Board &board) {
+    return member(member(board.config(), "media"), "usb");
+}
 
-const json &sd_slot(const Board &board) { return member(member(board.config(), "media"), "sd"); }
+const json &sd_slot(const Board &board) {
+    return member(member(board.config(), "media"), "sd");
+}
 
-std::string scsi_host_name(size_t index) { return std::to_string(index) + ":0:0:0"; }
+std::string scsi_host_name(size_t index) {
+    return std::to_string(index) + ":0:0:0";
+}
 
 bool disk_visible(const Board &board, const json &disk) {
     return board.now_ns() >= disk.value("appears_after_seconds", uint64_t{0}) * kNsPerSecond;
@@ -133,8 +139,7 @@ int medium_mount_source(Board &board, std::string_view source, std::string_view 
     return 0;
 }
 
-std::unique_ptr<Device> open_media_device(Board &board, std::string_view path, int,
-                                          int *err) {
+std::unique_ptr<Device> open_media_device(Board &board, std::string_view path, int, int *err) {
     constexpr std::string_view kScsi = "/sys/class/scsi_device/";
     constexpr std::string_view kRescan = "/device/rescan";
     if (path == "/proc/sdcard/ctrl") {

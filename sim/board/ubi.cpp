@@ -95,7 +95,8 @@ int ubi_mount_source(Board &board, std::string_view source, std::string *host) {
         return ENODEV;
     char *end = nullptr;
     long number = strtol(text.c_str() + 3, &end, 10);
-    json *dev = end != text.c_str() + 3 ? device_by_number(board, static_cast<int>(number)) : nullptr;
+    json *dev =
+        end != text.c_str() + 3 ? device_by_number(board, static_cast<int>(number)) : nullptr;
     if (dev == nullptr || (*end != '_' && *end != ':'))
         return ENODEV;
     bool by_id = *end == '_';
@@ -133,7 +134,8 @@ int ubi_make_volume(Board &board, const std::vector<std::string> &args) {
     std::error_code ec;
     fs::create_directories(volume_dir(board, *dev, a.id), ec);
     (*dev)["volumes"].push_back({{"id", a.id}, {"name", a.name}, {"size", a.size}});
-    board.trace("ubimkvol", {{"node", board.board_path_of(a.node)}, {"id", a.id}, {"name", a.name}});
+    board.trace("ubimkvol",
+                {{"node", board.board_path_of(a.node)}, {"id", a.id}, {"name", a.name}});
     printf("Volume ID %d, size %llu LEBs (%llu bytes, %.1f MiB), LEB size %llu bytes (%.1f KiB), "
            "dynamic, name \"%s\", alignment 1\n",
            a.id, static_cast<unsigned long long>(lebs),

@@ -2,6 +2,7 @@
 //
 //   tvsim new DIR [--usb MEDIUM_DIR | --sd MEDIUM_DIR]
 //   tvsim --board DIR [--preload LIB] -- PROGRAM ARGS...
+//   tvsim --board DIR reboot                    (power cycle: mounts, /tmp and modules go)
 //   tvsim --board DIR standin TOOL ARGS...      (the board's volume and module tools)
 #include "board/board.h"
 #include "board/create.h"
@@ -31,7 +32,8 @@ constexpr const char *kArmSysroot = "/usr/arm-linux-gnueabihf";
 
 int usage() {
     fprintf(stderr, "usage: tvsim new DIR [--usb MEDIUM_DIR | --sd MEDIUM_DIR]\n"
-                    "       tvsim --board DIR [--preload LIB] -- PROGRAM ARGS...\n");
+                    "       tvsim --board DIR [--preload LIB] -- PROGRAM ARGS...\n"
+                    "       tvsim --board DIR reboot\n");
     return 2;
 }
 
@@ -171,8 +173,10 @@ int run_stand_in(const std::string &board_dir, const std::string &tool,
     static const struct {
         const char *name;
         Tool run;
-    } kTools[] = {{"ubimkvol", tvsim::ubi_make_volume}, {"ubirmvol", tvsim::ubi_remove_volume},
-                  {"insmod", tvsim::module_insmod},     {"rmmod", tvsim::module_rmmod},
+    } kTools[] = {{"ubimkvol", tvsim::ubi_make_volume},
+                  {"ubirmvol", tvsim::ubi_remove_volume},
+                  {"insmod", tvsim::module_insmod},
+                  {"rmmod", tvsim::module_rmmod},
                   {"modprobe", tvsim::module_modprobe}};
     for (const auto &t : kTools) {
         if (tool == t.name) {
@@ -183,6 +187,18 @@ int run_stand_in(const std::string &board_dir, const std::string &tool,
     }
     fprintf(stderr, "tvsim: no stand-in for %s\n", tool.c_str());
     return 127;
+}
+
+int reboot_board(const std::string &board_dir) {
+    std::string error;
+    std::unique_ptr<tvsim::Board> board = tvsim::Board::load(board_dir, &error);
+    if (!board) {
+        fprintf(stderr, "tvsim: %s\n", error.c_str());
+        return 1;
+    }
+    board->reboot();
+    board->save();
+    return 0;
 }
 
 int new_board(int argc, char **argv) {
@@ -223,6 +239,8 @@ int main(int argc, char **argv) {
         return usage();
     if (strcmp(argv[i], "--") == 0 && i + 1 < argc)
         return run_program(board_dir, preload, argv + i + 1);
+    if (strcmp(argv[i], "reboot") == 0 && i + 1 == argc)
+        return reboot_board(board_dir);
     if (strcmp(argv[i], "standin") == 0 && i + 1 < argc)
         return run_stand_in(board_dir, argv[i + 1],
                             std::vector<std::string>(argv + i + 2, argv + argc));

@@ -21,7 +21,8 @@ tvsim::Device *program_device(const Hook &hook, int fd) {
     return hook.active() ? tvsim::interpose::device_at(fd) : nullptr;
 }
 
-template <typename Call> auto on_device(tvsim::Device *device, Call call) -> decltype(call(device)) {
+template <typename Call>
+auto on_device(tvsim::Device *device, Call call) -> decltype(call(device)) {
     try {
         return call(device);
     } catch (...) {
@@ -41,9 +42,12 @@ int device_ioctl(int fd, unsigned long request, uintptr_t arg, bool *handled) {
     return on_device(device, [&](tvsim::Device *d) { return d->ioctl(request, arg); });
 }
 
-uintptr_t third_argument(va_list ap) { return reinterpret_cast<uintptr_t>(va_arg(ap, void *)); }
+uintptr_t third_argument(va_list ap) {
+    return reinterpret_cast<uintptr_t>(va_arg(ap, void *));
+}
 
-template <typename RealLseek> auto lseek_on_board(RealLseek real, int fd, int64_t offset, int whence) {
+template <typename RealLseek>
+auto lseek_on_board(RealLseek real, int fd, int64_t offset, int whence) {
     using Result = decltype(real(fd, offset, whence));
     if (tvsim::interpose::any_device_open()) {
         Hook hook;

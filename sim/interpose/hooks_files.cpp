@@ -24,7 +24,9 @@ int open64(const char *path, int flags, ...);
 
 namespace {
 
-bool writes(int flags) { return (flags & O_ACCMODE) != O_RDONLY || (flags & (O_CREAT | O_TRUNC)); }
+bool writes(int flags) {
+    return (flags & O_ACCMODE) != O_RDONLY || (flags & (O_CREAT | O_TRUNC));
+}
 
 bool is_kernel_file(const std::string &normal) {
     return normal.rfind("/sys/", 0) == 0 || normal.rfind("/proc/", 0) == 0;
@@ -91,8 +93,12 @@ mode_t mode_argument(int flags, va_list ap) {
     return (flags & (O_CREAT | O_TMPFILE)) != 0 ? static_cast<mode_t>(va_arg(ap, int)) : 0;
 }
 
-int real_open(const char *p, int f, mode_t m) { return TVSIM_REAL(open)(p, f, m); }
-int real_open64(const char *p, int f, mode_t m) { return TVSIM_REAL(open64)(p, f, m); }
+int real_open(const char *p, int f, mode_t m) {
+    return TVSIM_REAL(open)(p, f, m);
+}
+int real_open64(const char *p, int f, mode_t m) {
+    return TVSIM_REAL(open64)(p, f, m);
+}
 
 bool fopen_writes(const char *mode) {
     for (const char *m = mode; m != nullptr && *m != '\0'; ++m) {
@@ -102,7 +108,8 @@ bool fopen_writes(const char *mode) {
     return false;
 }
 
-template <typename RealFopen> FILE *fopen_on_board(RealFopen real, const char *path, const char *mode) {
+template <typename RealFopen>
+FILE *fopen_on_board(RealFopen real, const char *path, const char *mode) {
     Hook hook;
     if (!hook.active() || path == nullptr)
         return real(path, mode);
@@ -156,8 +163,12 @@ int open64(const char *path, int flags, ...) {
     return open_on_board(real_open64, path, flags, mode);
 }
 
-int __open_2(const char *path, int flags) { return open_on_board(real_open, path, flags, 0); }
-int __open64_2(const char *path, int flags) { return open_on_board(real_open64, path, flags, 0); }
+int __open_2(const char *path, int flags) {
+    return open_on_board(real_open, path, flags, 0);
+}
+int __open64_2(const char *path, int flags) {
+    return open_on_board(real_open64, path, flags, 0);
+}
 
 FILE *fopen(const char *path, const char *mode) {
     return fopen_on_board(TVSIM_REAL(fopen), path, mode);
@@ -195,7 +206,9 @@ int mkdir(const char *path, mode_t mode) {
         return -1;
     }
     if (host.read_only) {
-        errno = EROFS;
+        // The kernel reports an existing name before it looks at the mount's flags.
+        struct stat st;
+        errno = TVSIM_REAL(stat)(host.path.c_str(), &st) == 0 ? EEXIST : EROFS;
         return -1;
     }
     hook.restore_errno();

@@ -126,8 +126,8 @@ uint64_t span_ns(int64_t sec, int64_t nsec) {
 
 int set_board_time(int64_t sec, int64_t usec) {
     return on_board_only([&](tvsim::Board &board) {
-        board.state()["wall_clock"] = {{"set_to_s", sec}, {"set_to_us", usec},
-                                       {"at_clock_ns", board.now_ns()}};
+        board.state()["wall_clock"] = {
+            {"set_to_s", sec}, {"set_to_us", usec}, {"at_clock_ns", board.now_ns()}};
         board.trace("settimeofday", {{"sec", sec}, {"usec", usec}});
         return 0;
     });
@@ -141,8 +141,7 @@ extern "C" {
 int mount(const char *source, const char *target, const char *fstype, unsigned long flags,
           const void *) {
     return on_board_only([&](tvsim::Board &board) {
-        return board.mount(source ? source : "", target ? target : "", fstype ? fstype : "",
-                           flags);
+        return board.mount(source ? source : "", target ? target : "", fstype ? fstype : "", flags);
     });
 }
 
@@ -150,7 +149,9 @@ int umount(const char *target) {
     return on_board_only([&](tvsim::Board &board) { return board.umount(target ? target : ""); });
 }
 
-int umount2(const char *target, int) { return umount(target); }
+int umount2(const char *target, int) {
+    return umount(target);
+}
 
 int system(const char *command) {
     Hook hook;

@@ -46,9 +46,13 @@ Hook::Hook() : saved_errno_(errno) {
         board_ = current_board();
 }
 
-Hook::~Hook() { --hook_depth; }
+Hook::~Hook() {
+    --hook_depth;
+}
 
-Device *device_at(int fd) { return fd >= 0 && fd < kMaxDeviceFd ? g_devices[fd] : nullptr; }
+Device *device_at(int fd) {
+    return fd >= 0 && fd < kMaxDeviceFd ? g_devices[fd] : nullptr;
+}
 
 void attach_device(int fd, std::unique_ptr<Device> device) {
     if (fd < 0 || fd >= kMaxDeviceFd)
@@ -67,7 +71,9 @@ std::unique_ptr<Device> detach_device(int fd) {
     return std::unique_ptr<Device>(d);
 }
 
-bool any_device_open() { return g_open_devices > 0; }
+bool any_device_open() {
+    return g_open_devices > 0;
+}
 
 } // namespace tvsim::interpose
 
@@ -98,7 +104,6 @@ __attribute__((visibility("default"))) void tvsim_detach() {
     delete tvsim::interpose::g_board;
     tvsim::interpose::g_board = nullptr;
 }
-
 }
 
 namespace {

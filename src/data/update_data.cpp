@@ -56,9 +56,9 @@ bool erase_target(const DataDir &d) {
 bool copy_source(const DataDir &d, const char *source, bool erased) {
     char command[kCommandSize];
     bool whole_dir = d.is_app_data_subdir && erased;
-    bool built = whole_dir ? bounded_format(command, sizeof command, "cp -rf %s %s", source, d.target)
-                           : bounded_format(command, sizeof command, "cp -rf %s/* %s", source,
-                                            d.target);
+    bool built = whole_dir
+                     ? bounded_format(command, sizeof command, "cp -rf %s %s", source, d.target)
+                     : bounded_format(command, sizeof command, "cp -rf %s/* %s", source, d.target);
     printf("Copying %s to %s...\n", source, d.target);
     if (!built || system(command) != 0) {
         printf("!!! Unable to copy %s to %s. !!!\n", source, d.target);
@@ -73,7 +73,9 @@ int mount_flash_storage_dev(const char *mount_point, const char *source) {
     return mount(source, mount_point, "ubifs", MS_SYNCHRONOUS, nullptr);
 }
 
-int umount_flash_storage_dev(const char *mount_point) { return umount(mount_point); }
+int umount_flash_storage_dev(const char *mount_point) {
+    return umount(mount_point);
+}
 
 int Update_DIR(const char *write_dir, const uint32_t *flags, int kind) {
     if (kind < 1 || kind > 7)

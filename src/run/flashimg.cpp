@@ -44,10 +44,10 @@ constexpr UbiVolume kJpegFactoryVolume{"jpeg_factory", "3", "-s 2MiB", "ubi4_3",
 constexpr UbiVolume kBitmapVolume{"bitmap", "4", "-s 14MiB", "ubi4_4", "/mnt/flash/bitmap"};
 
 enum class LineKind {
-    Plain,    // sets its selection bit
-    DataDir,  // selection bit, then letters: F recreates the volume, N sets the erase bit
-    Factory,  // like DataDir, but R withholds the selection bit
-    Zoran,    // only from a USB stick
+    Plain,   // sets its selection bit
+    DataDir, // selection bit, then letters: F recreates the volume, N sets the erase bit
+    Factory, // like DataDir, but R withholds the selection bit
+    Zoran,   // only from a USB stick
 };
 
 struct ListKeyword {
@@ -64,8 +64,7 @@ constexpr ListKeyword kListKeywords[] = {
     {"qvxbin", LineKind::Plain, 0, FLAG_QVXBIN, 0, nullptr},
     {"app_data/factory", LineKind::Factory, 0, FLAG_FACTORY, FLAG_FACTORY_ERASE, &kAppDataVolume},
     {"app_data", LineKind::DataDir, 0, FLAG_APP_DATA, FLAG_APP_DATA_ERASE, &kAppDataVolume},
-    {"model_data", LineKind::DataDir, 0, FLAG_MODEL_DATA, FLAG_MODEL_DATA_ERASE,
-     &kModelDataVolume},
+    {"model_data", LineKind::DataDir, 0, FLAG_MODEL_DATA, FLAG_MODEL_DATA_ERASE, &kModelDataVolume},
     {"jpeg_user", LineKind::DataDir, 0, FLAG_JPEG_USER, FLAG_JPEG_USER_ERASE, &kJpegUserVolume},
     {"jpeg_factory", LineKind::DataDir, 0, FLAG_JPEG_FACTORY, FLAG_JPEG_FACTORY_ERASE,
      &kJpegFactoryVolume},
@@ -94,12 +93,6 @@ void recreate_ubifs_volume(const UbiVolume &volume) {
     make_ubifs_volume(kUbiDevice, volume.id, volume.size_option, volume.name);
     mount_test_ubifs_volume(volume.mount_source, volume.mount_point);
 }
-
-// Which media searches mounted something; the zoran keyword depends on it.
-struct MediaFound {
-    bool usb;
-    bool sd;
-};
 
 void apply_list_line(const char *line, const MediaFound &media, uint32_t *flags) {
     for (const ListKeyword &k : kListKeywords) {
@@ -137,7 +130,9 @@ void run_unchecked(const char *command) {
 }
 
 // Completes the line a label began with the shell command's verdict.
-void print_verdict(int status) { puts(status == 0 ? "OK." : "NG."); }
+void print_verdict(int status) {
+    puts(status == 0 ? "OK." : "NG.");
+}
 
 void run_module_command(const char *command) {
     printf("... %s: ", command);
@@ -146,7 +141,18 @@ void run_module_command(const char *command) {
 
 } // namespace
 
-unsigned int directory_mode_clearing_umask() { return (~umask(0) & 0777) | 0300; }
+void read_update_list(FILE *list, const MediaFound &media, uint32_t *flags) {
+    flags[0] = flags[1] = flags[2] = flags[3] = 0;
+    char line[kLineSize];
+    while (fgets(line, sizeof line, list) != nullptr) {
+        if (line[0] != '#')
+            apply_list_line(line, media, flags);
+    }
+}
+
+unsigned int directory_mode_clearing_umask() {
+    return (~umask(0) & 0777) | 0300;
+}
 
 int check_model_name(const char *model) {
     if (model == nullptr || model[0] == '\0') {
@@ -154,8 +160,8 @@ int check_model_name(const char *model) {
         return -1;
     }
     size_t len = strlen(model);
-    bool usable = len <= kMaxModelNameLength && (isalnum(static_cast<unsigned char>(model[0])) ||
-                                                 model[0] == '_');
+    bool usable = len <= kMaxModelNameLength &&
+                  (isalnum(static_cast<unsigned char>(model[0])) || model[0] == '_');
     for (size_t i = 0; usable && i < len; ++i) {
         unsigned char c = static_cast<unsigned char>(model[i]);
         usable = isalnum(c) || strchr("._+-", c) != nullptr;
@@ -208,8 +214,7 @@ int search_imglist_file(char *mount_point, char *write_dir, const char *model, u
     char image_dir[kPathBufferSize];
     char command[kCopyCommandSize];
     if (!bounded_format(image_dir, sizeof image_dir, "/tmp/%s", model) ||
-        !bounded_format(command, sizeof command, "cp -rf %s/%s/* %s/", media_dir, model,
-                        image_dir))
+        !bounded_format(command, sizeof command, "cp -rf %s/%s/* %s/", media_dir, model, image_dir))
         return -1; // cannot happen for a name check_model_name accepted
     errno = 0;
     if (mkdir(image_dir, mode) != 0 && errno != EEXIST) {
@@ -225,12 +230,7 @@ int search_imglist_file(char *mount_point, char *write_dir, const char *model, u
         UniqueFile list(fopen(list_path, "r"));
         if (!list)
             return -1;
-        flags[0] = flags[1] = flags[2] = flags[3] = 0;
-        char line[kLineSize];
-        while (fgets(line, sizeof line, list.get()) != nullptr) {
-            if (line[0] != '#')
-                apply_list_line(line, media, flags);
-        }
+        read_update_list(list.get(), media, flags);
     }
 
     char link_command[kLinkCommandSize];
@@ -376,6 +376,10 @@ void rmmod_ubifs_drivers() {
     run_module_command("/sbin/rmmod ubi.ko");
 }
 
-void insmod_mtd_nand_driver() { run_module_command("/sbin/insmod /modules/zpl7ndfmc.ko"); }
+void insmod_mtd_nand_driver() {
+    run_module_command("/sbin/insmod /modules/zpl7ndfmc.ko");
+}
 
-void rmmod_mtd_nand_driver() { run_module_command("/sbin/rmmod zpl7ndfmc.ko"); }
+void rmmod_mtd_nand_driver() {
+    run_module_command("/sbin/rmmod zpl7ndfmc.ko");
+}

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 
 // Size of the path buffers the run hands around (mount point, write-data directory).
 constexpr int kPathBufferSize = 256;
@@ -56,6 +57,16 @@ constexpr uint32_t OPTION_R = 0x10000000; // factory data: do not refresh
 // 1 to 106 characters of letters, digits, '.', '_', '+' and '-', starting with a letter,
 // digit or '_'. Prints why and returns -1 otherwise; 0 when it is usable.
 int check_model_name(const char *model);
+
+// Which media searches mounted something; the zoran keyword depends on it.
+struct MediaFound {
+    bool usb;
+    bool sd;
+};
+
+// Reads an image list into the four words of flags (cleared first), recreating UBIFS volumes
+// for the lines that ask for it.
+void read_update_list(FILE *list, const MediaFound &media, uint32_t *flags);
 
 int search_imglist_file(char *mount_point, char *write_dir, const char *model, uint32_t *flags);
 uint32_t check_update_flag(const char *text);

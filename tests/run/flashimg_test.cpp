@@ -1,6 +1,9 @@
 #include "run/flashimg.h"
 
+#include <cstdio>
+#include <cstring>
 #include <gtest/gtest.h>
+#include <string>
 
 namespace {
 
@@ -15,12 +18,113 @@ TEST(CheckUpdateFlag, FindsEveryLetterAnywhere) {
         {" NF\n", OPTION_N | OPTION_F},
         {" Not Final\n", OPTION_N | OPTION_F},
         {" Not final\n", OPTION_N}, // a lower-case f is no option
-        {" n f r\n", 0}, // letters are case-sensitive
+        {" n f r\n", 0},
         {"R5RN", OPTION_R | OPTION_5 | OPTION_N},
         {"xxFxx5", OPTION_F | OPTION_5},
     };
     for (const Case &c : cases)
         EXPECT_EQ(check_update_flag(c.text), c.expected) << '"' << c.text << '"';
+}
+
+struct Selection {
+    uint32_t word0;
+    uint32_t word1;
+};
+
+Selection read_list(const std::string &text, MediaFound media = {true, false}) {
+    std::string copy = text;
+    FILE *list = fmemopen(copy.data(), copy.size(), "r");
+    uint32_t flags[4] = {0xdead, 0xbeef, 0xdead, 0xbeef}; // cleared by the reader
+    if (list == nullptr)
+        return {0xffffffff, 0xffffffff};
+    read_update_list(list, media, flags);
+    fclose(list);
+    EXPECT_EQ(flags[2], 0u);
+    EXPECT_EQ(flags[3], 0u);
+    return {flags[0], flags[1]};
+}
+
+TEST(ReadUpdateList, KeywordsSelectTheirBits) {
+    struct Case {
+        const char *list;
+        uint32_t word0;
+        uint32_t word1;
+    } cases[] = {
+        {"", 0, 0},
+        {"qvxbin\n", FLAG_QVXBIN, 0},
+        {"app_data\n", FLAG_APP_DATA, 0},
+        {"app_data N\n", FLAG_APP_DATA | FLAG_APP_DATA_ERASE, 0},
+        // The factory keyword is tried before app_data and never selects app_data.
+        {"app_data/factory\n", FLAG_FACTORY, 0},
+        {"app_data/factory R\n", 0, 0},
+        {"app_data/factory RN\n", FLAG_FACTORY_ERASE, 0},
+        {"model_data N\njpeg_user N\njpeg_factory N\nbitmap N\nother N\n",
+         FLAG_MODEL_DATA | FLAG_MODEL_DATA_ERASE | FLAG_JPEG_USER | FLAG_JPEG_USER_ERASE |
+             FLAG_JPEG_FACTORY | FLAG_JPEG_FACTORY_ERASE | FLAG_BITMAP | FLAG_BITMAP_ERASE |
+             FLAG_OTHER | FLAG_OTHER_ERASE,
+         0},
+        {"other F\n", FLAG_OTHER, 0}, // no volume to recreate, no erase
+        // Prefix matches: "uboot2" is uboot, "others" is other.
+        {"uboot2\nothers\n", FLAG_UBOOT | FLAG_OTHER, 0},
+        {"tvm_hex\ntvm_eeprom\npelto_eeprom\n", FLAG_TVM_HEX | FLAG_TVM_EEPROM | FLAG_PELTO_EEPROM,
+         0},
+        {"edid_data\nferund_eep\nvornek_eep\nhdmi_hex\n",
+         FLAG_EDID_DATA | FLAG_FERUND_EEP | FLAG_VORNEK_EEP | FLAG_HDMI_HEX, 0},
+        {"fpga_sam_1\nfpga_sam_2\nfpga_sam_3\n", 0,
+         FLAG1_FPGA_SAM_1 | FLAG1_FPGA_SAM_2 | FLAG1_FPGA_SAM_3},
+        // fpga_tr6_eeprom is tried before fpga_eeprom.
+        {"fpga_tr6_eeprom\n", 0, FLAG1_FPGA_TR6_EEPROM},
+        {"fpga_eeprom\nkolma_eeprom\n", 0, FLAG1_FPGA_EEPROM | FLAG1_KOLMA_EEPROM},
+        // Comments need "#" in the first column; anything unknown is ignored.
+        {"#qvxbin\n #qvxbin\nQVXBIN\nfirmware\n", 0, 0},
+        // The same keyword twice only accumulates.
+        {"bitmap\nbitmap N\nbitmap\n", FLAG_BITMAP | FLAG_BITMAP_ERASE, 0},
+        {"zoran_update\n", FLAG_ZORAN_UPDATE, 0},
+    };
+    for (const Case &c : cases) {
+        Selection s = read_list(c.list);
+        EXPECT_EQ(s.word0, c.word0) << c.list;
+        EXPECT_EQ(s.word1, c.word1) << c.list;
+    }
+}
+
+TEST(ReadUpdateList, LongLinesContinueAsLinesOfTheirOwn) {
+    // 255 characters fill one read; the rest of the line is read as a line of its own.
+    std::string list = std::string(255, 'x') + "qvxbin\n" + std::string(254, 'y') + "\nbitmap\n";
+    EXPECT_EQ(read_list(list).word0, FLAG_QVXBIN | FLAG_BITMAP);
+}
+
+TEST(ReadUpdateList, ZoranOnlyFromAUsbStick) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(read_list("zoran_update\nzoran_update\n", {false, true}).word0, 0u);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Cannot update zoran from SD card\nCannot update zoran from SD card\n");
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(read_list("zoran_update\n", {false, false}).word0, 0u);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+}
+
+TEST(CheckModelName, AcceptsOnlyNamesSafeAsPathAndShellWord) {
+    struct Case {
+        const char *name;
+        bool usable;
+    } cases[] = {
+        {"LT-42A1", true}, {"tv_2010.b+", true}, {"_x", true},       {nullptr, false},
+        {"", false},       {"..", false},        {".hidden", false}, {"-rf", false},
+        {"a b", false},    {"a;reboot", false},  {"a/b", false},     {"$(reboot)", false},
+        {"a'b", false},
+    };
+    for (const Case &c : cases) {
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(check_model_name(c.name), c.usable ? 0 : -1) << (c.name ? c.name : "(null)");
+        std::string said = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(said.empty(), c.usable) << said;
+    }
+    std::string longest(kMaxModelNameLength, 'm');
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(check_model_name(longest.c_str()), 0);
+    EXPECT_EQ(check_model_name((longest + "m").c_str()), -1);
+    testing::internal::GetCapturedStdout();
 }
 
 } // namespace

@@ -44,6 +44,11 @@ void write_text(const std::string &path, const std::string &contents) {
     std::ofstream(path, std::ios::binary) << contents;
 }
 
+void replace_all(std::string &text, const std::string &from, const std::string &to) {
+    for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
+        text.replace(at, from.size(), to);
+}
+
 // Runs argv with output captured; the exit status, or -1 when it did not exit.
 RunResult capture(const std::vector<std::string> &args) {
     RunResult result;
@@ -111,7 +116,14 @@ void SimBoard::make(const std::string &slot) {
     ASSERT_EQ(made.exit_status, 0) << made.output;
 }
 
-json SimBoard::config() const { return json::parse(slurp(path("board.json"))); }
+void SimBoard::reboot() const {
+    RunResult r = capture({TVSIM_CLI, "--board", dir(), "reboot"});
+    ASSERT_EQ(r.exit_status, 0) << r.output;
+}
+
+json SimBoard::config() const {
+    return json::parse(slurp(path("board.json")));
+}
 
 void SimBoard::set_config(const json &config) const {
     write_text(path("board.json"), config.dump(2) + "\n");
@@ -124,10 +136,14 @@ void SimBoard::add_fault(const json &fault) const {
 }
 
 RunResult SimBoard::run(const std::vector<std::string> &args) const {
-    std::vector<std::string> argv = {TVSIM_CLI, "--board", dir(), "--preload", preload_library(),
-                                     "--"};
+    std::vector<std::string> argv = {TVSIM_CLI,   "--board",         dir(),
+                                     "--preload", preload_library(), "--"};
     argv.insert(argv.end(), args.begin(), args.end());
-    return capture(argv);
+    RunResult result = capture(argv);
+    // Shell commands report host paths; the operator sees board paths.
+    replace_all(result.output, dir() + "/fs/", "/");
+    replace_all(result.output, dir() + "/", "<board>/");
+    return result;
 }
 
 RunResult SimBoard::tvupdate(const std::vector<std::string> &args) const {
@@ -142,7 +158,9 @@ bool SimBoard::exists(const std::string &relative) const {
     return fs::exists(path(relative), ec);
 }
 
-std::string SimBoard::read(const std::string &relative) const { return slurp(path(relative)); }
+std::string SimBoard::read(const std::string &relative) const {
+    return slurp(path(relative));
+}
 
 std::string SimBoard::listing(const std::string &relative) const {
     std::vector<std::string> names;

@@ -14,7 +14,9 @@ using json = nlohmann::json;
 
 struct RunResult {
     int exit_status = -1; // 0..255 as the shell sees it, or -1 when the program did not exit
-    std::string output;   // standard output and standard error, interleaved as written
+    // Standard output and standard error, interleaved as written; host paths of the board's
+    // file tree (in messages of shell commands) are shown as the board paths they stand for.
+    std::string output;
 };
 
 // A fresh board directory per test, under the build's scenario folder. The test fills the
@@ -37,6 +39,9 @@ public:
     // Makes the board with the medium on a USB stick ("--usb"), an SD card ("--sd") or no
     // medium at all ("").
     void make(const std::string &slot = "--usb");
+
+    // Power-cycles the board, as the operator does after every update.
+    void reboot() const;
 
     // board.json: read, change, write back.
     json config() const;

@@ -1,18 +1,332 @@
 // The update run on a simulated board: media discovery, the image list and the steps it
-// selects, the data directories and the application script.
+// selects, UBIFS volume recreation, the data directories and the application script.
 #include "scenarios/harness.h"
 
 namespace scenario {
 namespace {
 
-class UpdateRun : public Scenario {};
+class UpdateRun : public Scenario {
+protected:
+    // A medium for model M1 with the given list and one file in every data source folder.
+    void make_board_with_sources(const std::string &list) {
+        board.medium_list("M1", list);
+        for (const char *dir : kSources)
+            board.medium_file(std::string("M1/writedata/") + dir + "/new.dat", dir);
+        board.make();
+    }
+    // Puts a file into a flash volume, as a previous update would have left it.
+    void old_file(const std::string &volume_path) const {
+        std::string path = board.path("flash/" + volume_path);
+        std::string command = "mkdir -p \"$(dirname '" + path + "')\" && echo old > '" + path + "'";
+        ASSERT_EQ(system(command.c_str()), 0);
+    }
+
+    static constexpr const char *kSources[] = {"app_data/dpdc", "app_data/factory", "model_data",
+                                               "jpeg_user",     "jpeg_factory",     "bitmap",
+                                               "other"};
+};
 
 TEST_F(UpdateRun, EmptyListUpdatesNothingAndSucceeds) {
-    board.medium_list("M1", "");
+    board.medium_list("M1", "# nothing this time\n");
     board.make();
-    RunResult r = board.tvupdate({"M1"});
+    RunResult r = board.tvupdate({"M1", "extra", "arguments"});
     EXPECT_EQ(r.output, run_prologue("M1") + run_epilogue());
     EXPECT_EQ(r.exit_status, 0);
+    EXPECT_EQ(board.read("fs/tmp/boot/flashimg.lst"), "# nothing this time\n");
+    // Without a reboot the stick is still mounted; mounting it again over itself works.
+    RunResult again = board.tvupdate({"M1"});
+    EXPECT_EQ(again.output, r.output);
+    EXPECT_EQ(again.exit_status, 0);
+}
+
+TEST_F(UpdateRun, MediumDiscovery) {
+    const json stick = {{"disk", "b"}, {"medium", "media/usb"}};
+    auto disk = [&](const char *letter, json extra = json::object()) {
+        json d = stick;
+        d["disk"] = letter;
+        d.update(extra);
+        return d;
+    };
+    auto sd = [](json extra = json::object()) {
+        json s = {{"slot", "insert"}, {"medium", "media/usb"}};
+        s.update(extra);
+        return s;
+    };
+    struct Case {
+        const char *what;
+        json media;
+        const char *mounted; // medium mount source, "" when none
+        size_t rescans;
+        double seconds;
+    } cases[] = {
+        {"one stick", {{"usb", {disk("b")}}}, "/dev/sdb1", 0, 0},
+        {"two sticks: lower letter", {{"usb", {disk("c"), disk("b")}}}, "/dev/sdb1", 0, 0},
+        {"reader without card, then a stick",
+         {{"usb", {disk("b", {{"sectors", 0}}), disk("c")}}},
+         "/dev/sdc1",
+         0,
+         0},
+        {"stick ready after two rescans",
+         {{"usb", {disk("b", {{"rescans_needed", 2}})}}},
+         "/dev/sdb1",
+         2,
+         0},
+        {"stick not FAT: SD card after five passes",
+         {{"usb", {disk("b", {{"filesystem", "ext4"}})}}, {"sd", sd()}},
+         "/dev/sdcarda1",
+         5,
+         0},
+        {"no USB storage driver: SD card", {{"sd", sd()}}, "/dev/sdcarda1", 0, 0},
+        {"SD block device after 3 s",
+         {{"usb", json::array()}, {"sd", sd({{"block_device_after_seconds", 3}})}},
+         "/dev/sdcarda1",
+         0,
+         3},
+        {"nothing inserted", {{"usb", json::array()}, {"sd", sd({{"slot", "remove"}})}}, "", 0, 0},
+        {"SD block device never appears",
+         {{"usb", json::array()}, {"sd", sd({{"block_device_after_seconds", nullptr}})}},
+         "",
+         0,
+         10},
+    };
+    board.medium_list("M1", "");
+    board.make();
+    const json pristine = board.config();
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        ASSERT_EQ(system(("rm -rf '" + board.dir() + "'").c_str()), 0);
+        board.make();
+        json config = pristine;
+        config["media"] = c.media;
+        board.set_config(config);
+        RunResult r = board.tvupdate({"M1"});
+        std::string mounted;
+        for (const json &m : board.trace("mount")) {
+            if (!m.contains("errno") && m["fstype"] == "vfat")
+                mounted = m["source"];
+        }
+        EXPECT_EQ(mounted, c.mounted);
+        EXPECT_EQ(board.trace("rescan").size(), c.rescans);
+        EXPECT_DOUBLE_EQ(board.board_seconds(), c.seconds);
+        if (*c.mounted != '\0') {
+            EXPECT_EQ(r.output, run_prologue("M1") + run_epilogue());
+            EXPECT_EQ(r.exit_status, 0);
+        } else {
+            EXPECT_EQ(r.output, "----- searching media cards -----\n"
+                                "Unable mount media\n"
+                                "cp: cannot stat '/tmp/usb/M1/*': No such file or directory\n"
+                                "Unable to find flashimg.lst file on MediaCard.\n");
+            EXPECT_EQ(r.exit_status, 255);
+        }
+    }
+}
+
+TEST_F(UpdateRun, StepsFollowTheFixedOrderAndKeepOldFiles) {
+    make_board_with_sources("other\nbitmap\njpeg_factory\njpeg_user\nmodel_data\n"
+                            "app_data/factory\napp_data\nqvxbin\n");
+    old_file("ubi4_1/old.dat");
+    RunResult r = board.tvupdate({"M1"});
+    EXPECT_EQ(r.output,
+              run_prologue("M1") +
+                  "Start updating Application binary...\n"
+                  "update_tool: application installed\n"
+                  "Binary image updating is finished.\n"
+                  "Start updating App data directory...\n"
+                  "Copying /tmp/M1/writedata/app_data/dpdc to /mnt/flash/app_data/dpdc...\n"
+                  "Updating App data is finished.\n"
+                  "Start updating Factory data directory...\n"
+                  "Copying /tmp/M1/writedata/app_data/factory to /mnt/flash/app_data/factory...\n"
+                  "Updating Factory data is finished.\n"
+                  "Start updating Model data directory...\n"
+                  "Copying /tmp/M1/writedata/model_data to /mnt/flash/model_data...\n"
+                  "Updating Model data is finished.\n"
+                  "Start updating Jpeg User directory...\n"
+                  "Copying /tmp/M1/writedata/jpeg_user to /mnt/flash/jpeg_user...\n"
+                  "Updating Jpeg User data is finished.\n"
+                  "Start updating Jpeg Factory directory...\n"
+                  "Copying /tmp/M1/writedata/jpeg_factory to /mnt/flash/jpeg_factory...\n"
+                  "Updating Jpeg Factory data is finished.\n"
+                  "Start updating Bitmap directory...\n"
+                  "Copying /tmp/M1/writedata/bitmap to /mnt/flash/bitmap...\n"
+                  "Updating Bitmap data is finished.\n"
+                  "Start updating Other directory...\n"
+                  "Copying /tmp/M1/writedata/other to /mnt/flash/other...\n"
+                  "Updating Other data is finished.\n" +
+                  run_epilogue());
+    EXPECT_EQ(r.exit_status, 0);
+    EXPECT_EQ(board.listing("flash/ubi4_0"), "dpdc factory");
+    EXPECT_EQ(board.read("flash/ubi4_0/factory/new.dat"), "app_data/factory");
+    EXPECT_EQ(board.listing("flash/ubi4_1"), "new.dat old.dat");
+    EXPECT_EQ(board.read("flash/ubi5_0/new.dat"), "other");
+    EXPECT_EQ(board.read("fs/update/last_update_mode.conf"), "mode=full\n");
+    // Each refresh mounts its volume and leaves it unmounted; the "other" volume by name.
+    EXPECT_EQ(board.trace("umount").size(), 7u);
+    EXPECT_EQ(board.trace("mount").back()["source"], "ubi5:other");
+}
+
+TEST_F(UpdateRun, EraseFirstEmptiesTheDirectoryBeforeCopying) {
+    make_board_with_sources("app_data N\nmodel_data N\nbitmap N\nother N\n");
+    old_file("ubi4_0/dpdc/old.dat");
+    old_file("ubi4_0/factory/old.dat");
+    old_file("ubi4_1/old.dat");
+    old_file("ubi5_0/old.dat");
+    RunResult r = board.tvupdate({"M1"});
+    EXPECT_EQ(r.exit_status, 0);
+    EXPECT_NE(
+        r.output.find("Erasing all of files on /mnt/flash/app_data/dpdc...\n"
+                      "Copying /tmp/M1/writedata/app_data/dpdc to /mnt/flash/app_data/dpdc...\n"),
+        std::string::npos)
+        << r.output;
+    // The app_data subfolder is removed and copied anew as a whole; its sibling stays.
+    EXPECT_EQ(board.listing("flash/ubi4_0/dpdc"), "new.dat");
+    EXPECT_EQ(board.listing("flash/ubi4_0/factory"), "old.dat");
+    // A whole volume keeps its mount point and loses only its contents.
+    EXPECT_EQ(board.listing("flash/ubi4_1"), "new.dat");
+    EXPECT_EQ(board.listing("flash/ubi5_0"), "new.dat");
+}
+
+TEST_F(UpdateRun, FailedStepsAreReportedAndTheRunGoesOn) {
+    board.medium_list("M1", "model_data N\njpeg_user\nbitmap\nother\n");
+    board.medium_file("M1/writedata/jpeg_user/.keep", ""); // no file the wildcard could match
+    board.medium_file("M1/writedata/other/new.dat", "other");
+    board.make();
+    board.add_fault({{"fault", "command"}, {"match", "rm -rf /mnt/flash/model_data"}, {"exit", 1}});
+    board.add_fault({{"fault", "mount"}, {"match", "/mnt/flash/bitmap"}, {"errno", "EIO"}});
+    RunResult r = board.tvupdate({"M1"});
+    EXPECT_EQ(r.output,
+              run_prologue("M1") +
+                  "Start updating Model data directory...\n"
+                  "Erasing all of files on /mnt/flash/model_data...\n"
+                  "!!! Unable to erase all of files from /mnt/flash/model_data. !!!\n"
+                  "!!! Unable to update Model data. !!!\n"
+                  "Start updating Jpeg User directory...\n"
+                  "Copying /tmp/M1/writedata/jpeg_user to /mnt/flash/jpeg_user...\n"
+                  "cp: cannot stat '/tmp/M1/writedata/jpeg_user/*': No such file or directory\n"
+                  "!!! Unable to copy /tmp/M1/writedata/jpeg_user to /mnt/flash/jpeg_user. !!!\n"
+                  "!!! Unable to update Jpeg User data. !!!\n"
+                  "Start updating Bitmap directory...\n"
+                  "Unable to mount ubi4_4 on /mnt/flash/bitmap.\n"
+                  "!!! Unable to update Bitmap data. !!!\n"
+                  "Start updating Other directory...\n"
+                  "Copying /tmp/M1/writedata/other to /mnt/flash/other...\n"
+                  "Updating Other data is finished.\n" +
+                  run_epilogue());
+    EXPECT_EQ(r.exit_status, 255);
+    EXPECT_EQ(board.read("flash/ubi5_0/new.dat"), "other");
+    // Volumes that were mounted are unmounted again on the failure paths.
+    json state = json::parse(board.read("state.json"));
+    EXPECT_EQ(state["mounts"].size(), 1u) << state["mounts"]; // only the medium
+}
+
+TEST_F(UpdateRun, ApplicationScriptStatusDecidesTheStep) {
+    struct Case {
+        const char *what;
+        json fault; // null: the board's own script runs
+        const char *script_output;
+        bool succeeds;
+    } cases[] = {
+        {"exits 0", nullptr, "update_tool: application installed\n", true},
+        {"exits 1", {{"fault", "command"}, {"match", "update_tool.sh"}, {"exit", 1}}, "", false},
+        {"killed",
+         {{"fault", "command"}, {"match", "update_tool.sh"}, {"signal", "KILL"}},
+         "",
+         false},
+    };
+    board.medium_list("M1", "qvxbin\n");
+    board.make();
+    const json pristine = board.config();
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        json config = pristine;
+        if (!c.fault.is_null())
+            config["faults"].push_back(c.fault);
+        board.set_config(config);
+        board.reboot();
+        RunResult r = board.tvupdate({"M1"});
+        EXPECT_EQ(r.output, run_prologue("M1") + "Start updating Application binary...\n" +
+                                c.script_output +
+                                (c.succeeds ? "Binary image updating is finished.\n"
+                                            : "!!! Unable to update Binary Image. !!!\n") +
+                                run_epilogue());
+        EXPECT_EQ(r.exit_status, c.succeeds ? 0 : 255);
+    }
+}
+
+TEST_F(UpdateRun, VolumeRecreationPrintsEachVerdict) {
+    const std::string made = "Volume ID 0, size 199 LEBs (25268224 bytes, 24.1 MiB), LEB size "
+                             "126976 bytes (124.0 KiB), dynamic, name \"app_data\", alignment 1\n";
+    struct Case {
+        const char *what;
+        json fault;
+        std::string lines;
+    } cases[] = {
+        {"all well", nullptr,
+         "... remove UBIFS volume [/dev/ubi1_0] : OK.\n" + made +
+             "... make UBIFS volume [app_data] : OK.\n"
+             "mount test: UBIFS volume [ubi4_0] to [/mnt/flash/app_data]: OK.\n"},
+        {"removal fails",
+         {{"fault", "command"}, {"match", "/update/ubirmvol"}, {"exit", 1}},
+         "... remove UBIFS volume [/dev/ubi1_0] : NG.\n"
+         "ubimkvol: error!: cannot UBI create volume\n"
+         "           error 17 (File exists)\n"
+         "... make UBIFS volume [app_data] : NG.\n"
+         "mount test: UBIFS volume [ubi4_0] to [/mnt/flash/app_data]: OK.\n"},
+        {"creation fails",
+         {{"fault", "command"}, {"match", "/update/ubimkvol"}, {"exit", 1}},
+         "... remove UBIFS volume [/dev/ubi1_0] : OK.\n"
+         "... make UBIFS volume [app_data] : NG.\n"
+         "mount test: UBIFS volume [ubi4_0] to [/mnt/flash/app_data]: NG.(19)\n"},
+    };
+    board.medium_list("M1", "app_data F\n");
+    board.medium_file("M1/writedata/app_data/dpdc/new.dat", "new");
+    board.make();
+    const json pristine = board.config();
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        ASSERT_EQ(system(("rm -rf '" + board.dir() + "'").c_str()), 0);
+        board.make();
+        old_file("ubi4_0/factory/old.dat");
+        json config = pristine;
+        if (!c.fault.is_null())
+            config["faults"].push_back(c.fault);
+        board.set_config(config);
+        RunResult r = board.tvupdate({"M1"});
+        EXPECT_EQ(r.output.substr(0, r.output.find("ln -s")),
+                  "----- searching media cards -----\n"
+                  "Remove and Make UBIFS volume [app_data]\n" +
+                      c.lines);
+    }
+    // After a recreation the volume holds only what the update copied into it.
+    EXPECT_FALSE(board.exists("flash/ubi4_0/factory/old.dat"));
+}
+
+TEST_F(UpdateRun, UnusableModelNamesAreRefusedBeforeAnything) {
+    const std::string invalid = "Invalid model name '%s': use at most 106 letters, digits, '.', "
+                                "'_', '+' or '-'.\n";
+    auto refused = [&](const std::string &name) {
+        std::string line = invalid;
+        return line.replace(line.find("%s"), 2, name.substr(0, 106));
+    };
+    struct Case {
+        std::vector<std::string> args;
+        std::string output;
+    } cases[] = {
+        {{}, "No model name given: usage: tvupdate MODEL\n"},
+        {{""}, "No model name given: usage: tvupdate MODEL\n"},
+        {{"../../etc"}, refused("../../etc")},
+        {{"M1; reboot"}, refused("M1; reboot")},
+        {{std::string(107, 'M')}, refused(std::string(107, 'M'))},
+    };
+    board.medium_list("M1", "qvxbin\n");
+    board.make();
+    for (const Case &c : cases) {
+        RunResult r = board.tvupdate(c.args);
+        EXPECT_EQ(r.output, c.output);
+        EXPECT_EQ(r.exit_status, 255);
+    }
+    EXPECT_TRUE(board.trace("mount").empty());
+    EXPECT_TRUE(board.trace("shell").empty());
+    EXPECT_EQ(board.listing("fs/tmp"), "");
 }
 
 } // namespace

@@ -1,0 +1,114 @@
+// The simulator's board: where paths land, how shell commands are rewritten and checked,
+// and how faults are counted.
+#include "board/board.h"
+#include "board/create.h"
+
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace tvsim {
+namespace {
+
+class BoardTest : public testing::Test {
+protected:
+    void SetUp() override {
+        dir_ = fs::temp_directory_path() / ("tvsim-board-test." + std::to_string(getpid()));
+        fs::remove_all(dir_);
+        std::string error;
+        ASSERT_TRUE(create_board(dir_.string(), {}, &error)) << error;
+        board_ = Board::load(dir_.string(), &error);
+        ASSERT_TRUE(board_) << error;
+    }
+    void TearDown() override { fs::remove_all(dir_); }
+
+    fs::path dir_;
+    std::unique_ptr<Board> board_;
+};
+
+TEST_F(BoardTest, PathsLandInTheFileTreeOrInWhatIsMounted) {
+    std::string root = dir_.string() + "/fs";
+    ASSERT_EQ(board_->mount("ubi4_1", "/mnt/flash/model_data", "ubifs", 16), 0);
+    struct Case {
+        const char *path;
+        std::string host;
+    } cases[] = {
+        {"/tmp/M1/flashimg.lst", root + "/tmp/M1/flashimg.lst"},
+        {"/tmp/./M1/../M1", root + "/tmp/M1"},
+        {"/mnt/flash/model_data/a/b", dir_.string() + "/flash/ubi4_1/a/b"},
+        {"/mnt/flash/model_data_x", root + "/mnt/flash/model_data_x"},
+        {"/sys/block/sdb/size", root + "/sys/block/sdb/size"},
+        {"/dev/null", "/dev/null"},
+        {"/proc/self/status", "/proc/self/status"},
+        {"/etc/passwd", "/etc/passwd"},
+        {"relative/path", "relative/path"},
+    };
+    for (const Case &c : cases)
+        EXPECT_EQ(board_->resolve(c.path).path, c.host) << c.path;
+    ASSERT_EQ(board_->umount("/mnt/flash/model_data"), 0);
+    EXPECT_EQ(board_->resolve("/mnt/flash/model_data/a").path, root + "/mnt/flash/model_data/a");
+}
+
+TEST_F(BoardTest, MountsFailAsTheKernelWould) {
+    struct Case {
+        const char *source;
+        const char *target;
+        const char *fstype;
+        int err;
+    } cases[] = {
+        {"ubi4_9", "/mnt/flash/bitmap", "ubifs", ENODEV},
+        {"ubi7_0", "/mnt/flash/bitmap", "ubifs", ENODEV},
+        {"ubi5:other", "/mnt/flash/missing", "ubifs", ENOENT},
+        {"/dev/sdb1", "/mnt/sdcard", "vfat", ENOENT}, // no stick in this board
+        {"ubi5:other", "/etc", "ubifs", EPERM},
+    };
+    for (const Case &c : cases)
+        EXPECT_EQ(board_->mount(c.source, c.target, c.fstype, 0), c.err) << c.source;
+    EXPECT_EQ(board_->umount("/mnt/flash/bitmap"), EINVAL);
+    EXPECT_EQ(board_->umount("/mnt/nowhere"), ENOENT);
+}
+
+TEST_F(BoardTest, ShellCommandsReachOnlyTheBoard) {
+    std::string root = dir_.string() + "/fs";
+    EXPECT_EQ(board_->translate_command("cp -rf /tmp/usb/M1/* /tmp/M1/"),
+              "cp -rf " + root + "/tmp/usb/M1/* " + root + "/tmp/M1/");
+    EXPECT_EQ(board_->translate_command("./update/update_tool.sh /tmp/boot/update_mode.conf"),
+              "./update/update_tool.sh " + root + "/tmp/boot/update_mode.conf");
+    EXPECT_EQ(board_->translate_command("ls /usr/bin >/dev/null;echo '/tmp/x'"),
+              "ls /usr/bin >/dev/null;echo '" + root + "/tmp/x'");
+    struct Case {
+        const char *command;
+        const char *foreign;
+    } cases[] = {
+        {"rm -rf /mnt/flash/other/*", ""},
+        {"/sbin/insmod /modules/ubi.ko mtd=5", ""},
+        {"rm -rf /", "/"},
+        {"cp /tmp/a /etc/passwd", "/etc/passwd"},
+        {"cat /tmp/../etc/shadow", "/etc/shadow"},
+    };
+    for (const Case &c : cases)
+        EXPECT_EQ(board_->foreign_path_in(board_->translate_command(c.command)), c.foreign)
+            << c.command;
+}
+
+TEST_F(BoardTest, FaultsAreDueBySkipAndTimes) {
+    json config = board_->config();
+    config["faults"] = {{{"fault", "mount"}, {"target", "a"}, {"skip", 1}, {"times", 2}},
+                        {{"fault", "mount"}, {"match", "cp"}}};
+    ASSERT_TRUE(write_file(dir_.string() + "/board.json", config.dump()));
+    std::string error;
+    board_ = Board::load(dir_.string(), &error);
+    ASSERT_TRUE(board_) << error;
+    std::string due;
+    for (int i = 0; i < 5; ++i)
+        due += board_->take_fault("mount", "a") != nullptr ? 'F' : '.';
+    EXPECT_EQ(due, ".FF..");
+    EXPECT_NE(board_->take_fault("mount", "cp -rf x"), nullptr);
+    EXPECT_NE(board_->take_fault("mount", "cp -rf x"), nullptr); // no times: always
+    EXPECT_EQ(board_->take_fault("command", "cp -rf x"), nullptr);
+}
+
+} // namespace
+} // namespace tvsim
