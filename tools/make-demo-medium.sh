@@ -12,7 +12,7 @@ cat > "$top/flashimg.lst" <<LIST
 # Sample image list for $model
 qvxbin
 app_data NF
-app_data/factory
+app_data/factory N
 model_data N
 jpeg_user
 jpeg_factory
