@@ -18,6 +18,22 @@
 
 extern char **environ;
 
+#if defined(__arm__)
+// 64-bit time records of 32-bit builds.
+struct timespec64 {
+    int64_t tv_sec;
+    int32_t tv_nsec;
+    int32_t pad;
+};
+struct timeval64 {
+    int64_t tv_sec;
+    int64_t tv_usec;
+};
+extern "C" int __nanosleep64(const struct timespec64 *req, struct timespec64 *rem);
+extern "C" int __clock_nanosleep_time64(clockid_t clock, int flags, const struct timespec64 *req,
+                                        struct timespec64 *rem);
+#endif
+
 using tvsim::json;
 using tvsim::interpose::Hook;
 
@@ -108,17 +124,6 @@ bool on_board() {
     Hook hook;
     return hook.active();
 }
-
-// 64-bit time records of 32-bit builds.
-struct timespec64 {
-    int64_t tv_sec;
-    int32_t tv_nsec;
-    int32_t pad;
-};
-struct timeval64 {
-    int64_t tv_sec;
-    int64_t tv_usec;
-};
 
 uint64_t span_ns(int64_t sec, int64_t nsec) {
     return sec < 0 || nsec < 0 ? 0 : static_cast<uint64_t>(sec) * kNsPerSecond + nsec;
@@ -215,12 +220,16 @@ int settimeofday(const struct timeval *tv, const struct timezone *) {
 }
 
 #if defined(__arm__)
-int __nanosleep64(const timespec64 *req, timespec64 *) {
+int __nanosleep64(const timespec64 *req, timespec64 *rem) {
+    if (!on_board())
+        return TVSIM_REAL(__nanosleep64)(req, rem);
     advance_clock(span_ns(req->tv_sec, req->tv_nsec), "nanosleep");
     return 0;
 }
 
-int __clock_nanosleep_time64(clockid_t, int, const timespec64 *req, timespec64 *) {
+int __clock_nanosleep_time64(clockid_t clock, int flags, const timespec64 *req, timespec64 *rem) {
+    if (!on_board() || flags != 0)
+        return TVSIM_REAL(__clock_nanosleep_time64)(clock, flags, req, rem);
     advance_clock(span_ns(req->tv_sec, req->tv_nsec), "clock_nanosleep");
     return 0;
 }

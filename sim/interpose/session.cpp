@@ -1,5 +1,7 @@
 #include "interpose/session.h"
 
+#include "interpose/control.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -41,8 +43,7 @@ Board *current_board() {
 } // namespace
 
 Hook::Hook() : saved_errno_(errno) {
-    outer_ = hook_depth++ == 0;
-    if (outer_)
+    if (hook_depth++ == 0)
         board_ = current_board();
 }
 

@@ -28,15 +28,12 @@ public:
     Hook &operator=(const Hook &) = delete;
 
     bool active() const { return board_ != nullptr; }
-    // True when the process runs on no board at all (not merely re-entered).
-    bool outside_board() const { return outer_ && board_ == nullptr; }
     Board &board() const { return *board_; }
     // Restores the caller's errno (call before handing over to the C library).
     void restore_errno() const { errno = saved_errno_; }
 
 private:
     Board *board_ = nullptr;
-    bool outer_ = false;
     int saved_errno_;
 };
 
