@@ -63,12 +63,13 @@ template <typename Fn> int on_board_only(Fn fn) {
 }
 
 // The environment of a shell command: the host's programs, the board's stand-ins first on
-// the path, and no preloaded simulator.
+// the path, the board they act on, and no preloaded simulator.
 std::vector<std::string> command_environment(const tvsim::Board &board) {
     std::vector<std::string> env;
     std::string path = "PATH=" + board.file("fs/sbin");
+    env.push_back("TVSIM_BOARD=" + board.dir());
     for (char **e = environ; *e != nullptr; ++e) {
-        if (strncmp(*e, "LD_PRELOAD=", 11) == 0)
+        if (strncmp(*e, "LD_PRELOAD=", 11) == 0 || strncmp(*e, "TVSIM_BOARD=", 12) == 0)
             continue;
         if (strncmp(*e, "PATH=", 5) == 0)
             path += std::string(":") + (*e + 5);
