@@ -4,10 +4,12 @@
 #include "run/flashimg.h"
 
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -32,7 +34,18 @@ TEST(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
     EXPECT_EQ(search_usb_media(&mount_point), 0);
     EXPECT_STREQ(mount_point, "/tmp/usb");
     EXPECT_EQ(system("echo on-board > /tmp/marker"), 0);
+    // The stick is mounted read-only: writes fail, an existing name is reported first.
+    auto error_of = [](bool failed) { return failed ? errno : 0; };
+    const int errors[] = {
+        error_of(open("/tmp/usb/new.txt", O_WRONLY | O_CREAT, 0644) < 0),
+        error_of(mkdir("/tmp/usb/newdir", 0755) != 0),
+        error_of(mkdir("/tmp/usb/M1", 0755) != 0),
+        error_of(fopen("/tmp/usb/M1/x", "a") == nullptr),
+    };
     tvsim_detach();
+    const int expected[] = {EROFS, EROFS, EEXIST, EROFS};
+    for (size_t i = 0; i < std::size(expected); ++i)
+        EXPECT_EQ(errors[i], expected[i]) << "write " << i;
 
     std::ifstream state_file(dir / "state.json");
     nlohmann::json state = nlohmann::json::parse(state_file);
