@@ -22,6 +22,12 @@ for vol in flash/*; do
     printf '%-16s %s\n' "$vol" "$(cd "$vol" && find . -type f | sort | tr '\n' ' ')"
 done
 echo "application installer ran with: $(cat fs/update/last_update_mode.conf 2>/dev/null | tr '\n' ' ')"
+for mem in tvm/*.bin; do
+    printf '%-16s %6d bytes not erased\n' "$mem" "$(tr -d '\377' < "$mem" | wc -c)"
+done
+for part in mtd/*.bin; do
+    printf '%-16s %6d bytes not erased\n' "$part" "$(tr -d '\377' < "$part" | wc -c)"
+done
 python3 - <<'PY' trace.jsonl state.json
 import json, sys
 events = [json.loads(l) for l in open(sys.argv[1])]

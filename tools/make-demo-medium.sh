@@ -1,6 +1,7 @@
 #!/bin/sh
 # Writes a sample update medium for model MODEL into DIR: an image list that selects the
-# application and every data directory, and the files each of them needs.
+# application, every data directory, the TV microcontroller's EEPROM and firmware and the boot
+# loader, and the files each of them needs.
 # Usage: make-demo-medium.sh DIR MODEL
 set -eu
 dir=$1
@@ -18,6 +19,9 @@ jpeg_user
 jpeg_factory
 bitmap
 other
+tvm_eeprom
+tvm_hex
+uboot
 LIST
 printf 'mode=full\nmodel=%s\n' "$model" > "$top/update_mode.conf"
 for d in app_data/dpdc app_data/factory model_data jpeg_user jpeg_factory bitmap other; do
@@ -25,3 +29,33 @@ for d in app_data/dpdc app_data/factory model_data jpeg_user jpeg_factory bitmap
     printf 'sample %s data for %s\n' "$d" "$model" > "$data/$d/$(basename "$d").dat"
 done
 printf 'P1\n2 2\n1 0\n0 1\n' > "$data/bitmap/logo.pbm"
+
+# The TV microcontroller's EEPROM: a version line, address/data lines, the checksum line.
+{
+    printf 'Version 1.00 for %s\r\n' "$model"
+    i=0
+    while [ $i -lt 200 ]; do
+        printf '%04X %02X\r\n' $i $(((i * 7 + 3) % 256))
+        i=$((i + 1))
+    done
+    printf 'CheckSum 0000\r\n'
+} > "$data/TVM_DATA_demo.txt"
+
+# Its firmware: a section per flash bank (at the simulated board's bank addresses), version
+# 11 for microcontroller ID 21, S-records made by srec_cat.
+for bank in 1 2; do
+    base=$((bank == 1 ? 0x10000 : 0x30000))
+    printf 'TVM_BANK%d\nVERSION 11\nMICRO ID 21\nS-records of bank %d follow\n' $bank $bank
+    srec_cat -generate $base $((base + 24576)) -repeat-string "$model firmware, bank $bank. " \
+        -o - -motorola -execution-start-address=$base
+done > "$data/tvm.mot"
+
+# The boot loader for the board's SPI flash (the simulated board boots from SPI).
+{
+    printf 'U-Boot for %s\n' "$model"
+    i=0
+    while [ $i -lt 4096 ]; do
+        printf 'boot loader of %s, line %04d\n' "$model" $i
+        i=$((i + 1))
+    done
+} > "$data/boot-$model.bin"

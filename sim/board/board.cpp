@@ -3,9 +3,12 @@
 #include "board/control.h"
 #include "board/device.h"
 #include "board/media.h"
+#include "board/microcontroller.h"
+#include "board/mtd.h"
 #include "board/ubi.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -310,6 +313,7 @@ void Board::reboot() {
         state_[volatile_state] = json::array();
     state_["rescans"] = json::object();
     state_["clock_ns"] = 0;
+    state_.erase("soc"); // registers and pin latches come up at their reset values
     std::error_code ec;
     for (const auto &entry : fs::directory_iterator(root_ + "/tmp", ec))
         fs::remove_all(entry.path(), ec);
@@ -318,11 +322,13 @@ void Board::reboot() {
 
 void Board::refresh_kernel_files() {
     refresh_media_files(*this);
+    refresh_mtd_files(*this);
 }
 
 std::unique_ptr<Device> Board::open_device(std::string_view path, int flags, int *err) {
     using Opener = std::unique_ptr<Device> (*)(Board &, std::string_view, int, int *);
-    static constexpr Opener kDeviceModels[] = {open_control_device, open_media_device};
+    static constexpr Opener kDeviceModels[] = {open_control_device, open_media_device,
+                                               open_microcontroller, open_mtd_device};
     *err = ENOENT;
     for (Opener open : kDeviceModels) {
         if (auto device = open(*this, path, flags, err))
@@ -337,6 +343,18 @@ const json &member(const json &obj, std::string_view key) {
         return kNull;
     auto it = obj.find(key);
     return it != obj.end() ? *it : kNull;
+}
+
+uint64_t number_from(const json &value, uint64_t fallback) {
+    if (value.is_number_unsigned() || (value.is_number_integer() && value.get<int64_t>() >= 0))
+        return value.get<uint64_t>();
+    if (!value.is_string())
+        return fallback;
+    const std::string &text = value.get_ref<const std::string &>();
+    char *end = nullptr;
+    errno = 0;
+    unsigned long long n = strtoull(text.c_str(), &end, 0);
+    return errno == 0 && end != text.c_str() && *end == '\0' ? n : fallback;
 }
 
 int errno_from_name(const json &value) {

@@ -107,6 +107,10 @@ const json &member(const json &obj, std::string_view key);
 // errno value for a name such as "EIO" (or a number in text); EIO when unknown.
 int errno_from_name(const json &value);
 
+// An unsigned number given as a JSON number or as text ("0x07120010", "1048576"); fallback
+// when the value is absent or neither.
+uint64_t number_from(const json &value, uint64_t fallback);
+
 // Reads a whole file; false when it cannot be read.
 bool read_file(const std::string &path, std::string *contents);
 // Replaces a file's contents; false on failure.

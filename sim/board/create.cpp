@@ -1,6 +1,9 @@
 #include "board/create.h"
 
 #include "board/board.h"
+#include "board/microcontroller.h"
+#include "board/mtd.h"
+#include "board/registers.h"
 
 #include <filesystem>
 #include <sys/stat.h>
@@ -55,6 +58,9 @@ json default_config(const NewBoardOptions &options) {
     return json{{"format", 1},
                 {"media", {{"usb", usb}, {"sd", sd}}},
                 {"ubi", default_ubi()},
+                {"soc", default_soc_config()},
+                {"mtd", default_mtd_config()},
+                {"microcontroller", default_microcontroller_config()},
                 {"faults", json::array()}};
 }
 
@@ -99,6 +105,9 @@ bool create_board(const std::string &dir, const NewBoardOptions &options, std::s
     ok = ok && write_executable(root / "update/update_tool.sh", kApplicationScript);
     for (const char *module : {"ubi.ko", "ubifs.ko", "zpl7ndfmc.ko"})
         ok = ok && write_file((root / "modules" / module).string(), "simulated kernel module\n");
+    for (const std::string &module : mtd_driver_modules(config["mtd"]))
+        ok = ok && write_file((root / "modules" / module).string(), "simulated kernel module\n");
+    ok = ok && create_microcontroller_files(board.string(), config["microcontroller"]);
     ok = ok && write_file((board / "board.json").string(), config.dump(2) + "\n");
     if (!ok || ec) {
         *error = "cannot write the board into " + dir;

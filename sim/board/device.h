@@ -5,11 +5,53 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <sys/sysmacros.h>
 #include <sys/types.h>
+#include <vector>
 
 namespace tvsim {
 
 class Board;
+
+// Registers that a program reaches through a mapping of a device (a register window): 32-bit
+// words at physical addresses. Every access is traced ("reg" events) with its value.
+class RegisterSpace {
+public:
+    RegisterSpace(Board &board, std::string name) : board_(board), name_(std::move(name)) {}
+    virtual ~RegisterSpace() = default;
+    RegisterSpace(const RegisterSpace &) = delete;
+    RegisterSpace &operator=(const RegisterSpace &) = delete;
+
+    // The program reads or writes the register at address. seen is empty when the access
+    // itself was observed; "map" for a value supplied when the window was mapped, "unmap" for
+    // a write found when it was unmapped (where accesses cannot be seen one by one).
+    uint32_t read(uint32_t address, std::string_view seen = {});
+    void write(uint32_t address, uint32_t value, std::string_view seen = {});
+
+    // The registers in [base, base + length) whose values a mapping supplies up front.
+    virtual std::vector<uint32_t> registers_in(uint32_t base, uint32_t length) const = 0;
+
+protected:
+    virtual uint32_t load(uint32_t address) = 0;
+    virtual void store(uint32_t address, uint32_t value) = 0;
+    // A register's name for the trace, or "".
+    virtual std::string register_name(uint32_t) const { return ""; }
+
+    Board &board_;
+
+private:
+    std::string name_;
+};
+
+// What a program's mmap of a device reaches.
+struct DeviceMapping {
+    std::unique_ptr<RegisterSpace> registers; // null, with errno set, when it cannot be mapped
+    uint32_t phys_base = 0;                   // physical address of the mapping's first byte
+    bool elsewhere = false;                   // an injected fault: not placed at the hint
+};
 
 class Device {
 public:
@@ -23,6 +65,10 @@ public:
     // arg is the call's third argument as one pointer-sized value.
     virtual int ioctl(unsigned long request, uintptr_t arg);
     virtual int64_t lseek(int64_t offset, int whence);
+    // Maps length bytes of the device at file offset offset (ENODEV by default).
+    virtual DeviceMapping map(int64_t offset, size_t length);
+    // The device number a stat of the node reports (a character device).
+    virtual dev_t node_number() const { return makedev(10, 0); }
     // Called once when the program closes its descriptor.
     virtual void close() {}
 

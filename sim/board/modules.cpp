@@ -64,6 +64,8 @@ int module_modprobe(Board &board, const std::vector<std::string> &args) {
         fprintf(stderr, "modprobe: missing module name\n");
         return 1;
     }
+    if (module_loaded(board, module_name(args[0])))
+        return 0; // as modprobe: a module already loaded is no error
     return load(board, "/modules/" + module_name(args[0]) + ".ko", join(args, 1));
 }
 

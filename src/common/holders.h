@@ -95,6 +95,21 @@ private:
     int count_ = 0;
 };
 
+// A malloc'd buffer freed when the holder goes out of scope.
+class HeapBuffer {
+public:
+    explicit HeapBuffer(size_t size) : p_(static_cast<unsigned char *>(malloc(size))) {}
+    ~HeapBuffer() { free(p_); }
+    HeapBuffer(const HeapBuffer &) = delete;
+    HeapBuffer &operator=(const HeapBuffer &) = delete;
+
+    unsigned char *get() const { return p_; }
+    explicit operator bool() const { return p_ != nullptr; }
+
+private:
+    unsigned char *p_;
+};
+
 // printf into buf of size bytes. Returns false, leaving buf empty, when the text does not fit
 // whole: a path or command is never used cut short.
 [[nodiscard]] inline bool __attribute__((format(printf, 3, 4)))

@@ -1,8 +1,11 @@
 #include "run/main.h"
 
+#include "bootloader/update_uboot.h"
 #include "common/holders.h"
 #include "data/update_data.h"
+#include "eeprom/eep_update.h"
 #include "run/flashimg.h"
+#include "tvmicro/tvm_update.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -39,6 +42,9 @@ struct UpdateStep {
     int (*update)(const RunContext &);
     const char *failure_line;
     const char *success_line;
+    // The start line stays open for the updater's own output; success first completes it.
+    bool start_line_continues = false;
+    const char *success_completion = nullptr;
 };
 
 // The application script succeeds only when the shell exited normally with status 0.
@@ -49,9 +55,19 @@ int run_application_script(const RunContext &) {
     return 0;
 }
 
+int update_boot_loader(const RunContext &run) {
+    return Update_uboot(run.write_dir, run.model);
+}
+
 template <int (*Update)(const char *, const uint32_t *)>
 int update_data_dir(const RunContext &run) {
     return Update(run.write_dir, run.flags);
+}
+
+// The microcontroller's updaters, called for its own EEPROM and with no HDMI upgrade.
+template <int (*Update)(const char *, const char *, int)>
+int update_microcontroller(const RunContext &run) {
+    return Update(run.write_dir, run.model, 0);
 }
 
 constexpr UpdateStep kUpdateSteps[] = {
@@ -73,6 +89,12 @@ constexpr UpdateStep kUpdateSteps[] = {
      "!!! Unable to update Bitmap data. !!!", "Updating Bitmap data is finished."},
     {0, FLAG_OTHER, "Start updating Other directory...", update_data_dir<Update_OtherDIR>,
      "!!! Unable to update Other data. !!!", "Updating Other data is finished."},
+    {0, FLAG_TVM_EEPROM, "Start updating TVM Eeprom...", update_microcontroller<Update_TVMEeprom>,
+     "!!! Unable to update TVM Eeprom. !!!", "TVM Eeprom updating is finished."},
+    {0, FLAG_TVM_HEX, "Start updating TVM Hex...", update_microcontroller<Update_TVMHex>,
+     "!!! Unable to update TVM HEX. !!!", "TVM Hex updating is finished."},
+    {0, FLAG_UBOOT, "Start updating U-boot..........", update_boot_loader,
+     "!!! Unable to update uboot. !!!", "uboot updating is finished.", true, "OK     "},
 };
 
 // Runs every selected step in order; returns -1 when any of them failed.
@@ -81,11 +103,16 @@ int run_selected_steps(const RunContext &run) {
     for (const UpdateStep &step : kUpdateSteps) {
         if ((run.flags[step.word] & step.mask) == 0)
             continue;
-        puts(step.start_line);
+        if (step.start_line_continues)
+            fputs(step.start_line, stdout);
+        else
+            puts(step.start_line);
         if (step.update(run) != 0) {
             result = -1;
             puts(step.failure_line);
         } else {
+            if (step.success_completion != nullptr)
+                puts(step.success_completion);
             puts(step.success_line);
         }
     }

@@ -1,0 +1,506 @@
+#include "board/microcontroller.h"
+
+#include "board/device.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <deque>
+#include <fcntl.h>
+#include <filesystem>
+#include <unistd.h>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace tvsim {
+
+namespace {
+
+constexpr uint64_t kNsPerUs = 1000ull;
+constexpr uint64_t kNsPerMs = 1000000ull;
+constexpr uint64_t kNsPerSecond = 1000000000ull;
+constexpr uint64_t kBitsPerByte = 10; // start bit, 8 data bits, stop bit
+constexpr size_t kBankSize = 98304;
+constexpr size_t kBlockSize = 64;
+constexpr uint8_t kStart = 0x3A;
+constexpr uint8_t kAck = 0x30;
+constexpr uint8_t kNak = 0x31;
+constexpr unsigned long kRateRequest = 2001;
+
+using Bytes = std::vector<uint8_t>;
+
+// One command the microcontroller understands: its parameter count and its reply's length.
+struct Command {
+    uint8_t code;
+    const char *name;
+    size_t params;
+    size_t reply_length;
+};
+
+constexpr Command kCommands[] = {
+    {0x21, "status", 0, 22},      {0x28, "version", 0, 6},      {0x83, "micro_id", 0, 6},
+    {0x16, "set_port", 2, 5},     {0x18, "clear_port", 2, 5},   {0xC1, "writing_mode", 1, 5},
+    {0x23, "guard_dog", 2, 5},    {0xC3, "erase", 1, 5},        {0xC0, "write_flash", 67, 5},
+    {0xC2, "checksum", 1, 7},     {0xC4, "close_write", 0, 5},  {0x2B, "power_on", 0, 5},
+    {0x2C, "power_off", 0, 5},    {0x06, "picture_mute", 1, 5}, {0xB7, "eeprom_write", 67, 6},
+    {0xB8, "eeprom_read", 4, 70},
+};
+constexpr Command kUnknownCommand = {0, "unknown", 0, 5};
+
+const Command &command_of(uint8_t code) {
+    for (const Command &c : kCommands) {
+        if (c.code == code)
+            return c;
+    }
+    return kUnknownCommand;
+}
+
+uint8_t checksum(const uint8_t *bytes, size_t count) {
+    uint8_t sum = 0;
+    for (size_t i = 0; i < count; ++i)
+        sum = static_cast<uint8_t>(sum + bytes[i]);
+    return sum;
+}
+
+std::string hex(const uint8_t *bytes, size_t count) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::string text;
+    for (size_t i = 0; i < count; ++i) {
+        text += kDigits[bytes[i] >> 4];
+        text += kDigits[bytes[i] & 0xF];
+    }
+    return text;
+}
+
+const json &settings(const Board &board) {
+    return member(board.config(), "microcontroller");
+}
+
+uint64_t setting(const Board &board, const char *key, uint64_t fallback) {
+    const json &value = member(settings(board), key);
+    return value.is_number_unsigned() || value.is_number_integer() ? value.get<uint64_t>()
+                                                                   : fallback;
+}
+
+// The memories and where they live in the board directory.
+struct MemorySpec {
+    const char *file;
+    const char *size_key;
+    size_t default_size;
+};
+constexpr MemorySpec kBank1 = {"tvm/bank1.bin", nullptr, kBankSize};
+constexpr MemorySpec kBank2 = {"tvm/bank2.bin", nullptr, kBankSize};
+constexpr MemorySpec kOwnEeprom = {"tvm/eeprom.bin", "eeprom_size", 32768};
+constexpr MemorySpec kFerundEeprom = {"tvm/ferund.bin", "ferund_size", 32768};
+
+size_t memory_size(const json &config, const MemorySpec &spec) {
+    if (spec.size_key == nullptr)
+        return spec.default_size;
+    return member(config, spec.size_key).is_number() ? member(config, spec.size_key).get<size_t>()
+                                                     : spec.default_size;
+}
+
+// One memory of the microcontroller, kept in a plain file and written through at once.
+class Memory {
+public:
+    Memory(const Board &board, const MemorySpec &spec)
+        : path_(board.file(spec.file)), size_(memory_size(settings(board), spec)) {}
+
+    const std::string &bytes() {
+        load();
+        return data_;
+    }
+    size_t size() const { return size_; }
+
+    // Flash and EEPROM cells written with data; a flash write can only clear bits.
+    void store(size_t offset, const uint8_t *data, size_t count, bool flash) {
+        load();
+        for (size_t i = 0; i < count; ++i) {
+            uint8_t old = static_cast<uint8_t>(data_[offset + i]);
+            data_[offset + i] = static_cast<char>(flash ? (old & data[i]) : data[i]);
+        }
+        persist(offset, count);
+    }
+    void erase() {
+        load();
+        data_.assign(size_, '\xff');
+        persist(0, size_);
+    }
+
+private:
+    void load() {
+        if (loaded_)
+            return;
+        loaded_ = true;
+        if (read_file(path_, &data_) && data_.size() == size_)
+            return;
+        data_.resize(size_, '\xff');
+        std::error_code ec;
+        fs::create_directories(fs::path(path_).parent_path(), ec);
+        write_file(path_, data_);
+    }
+    void persist(size_t offset, size_t count) {
+        int fd = ::open(path_.c_str(), O_WRONLY | O_CLOEXEC);
+        if (fd < 0)
+            return;
+        if (::pwrite(fd, data_.data() + offset, count, static_cast<off_t>(offset)) < 0) {
+            // The file is the board's record; the run itself goes on as the hardware would.
+        }
+        ::close(fd);
+    }
+
+    std::string path_;
+    size_t size_;
+    std::string data_;
+    bool loaded_ = false;
+};
+
+// What a command did: its acknowledge byte (reply byte 3), the bytes of its reply from byte 4
+// on, how long the microcontroller is busy before it answers, and how many times it sends that
+// reply, busy_ns apart (a busy EEPROM reports again until the board sends anew).
+struct Outcome {
+    uint8_t ack = kAck;
+    Bytes payload;
+    uint64_t busy_ns = 0;
+    size_t copies = 1;
+};
+
+Outcome refused() {
+    return Outcome{kNak, {}, 0};
+}
+
+// A reply byte on its way back, and when it has arrived in the driver.
+struct WireByte {
+    uint8_t value;
+    uint64_t arrives_ns;
+};
+
+class Microcontroller : public Device {
+public:
+    explicit Microcontroller(Board &board)
+        : Device(board), bank1_(board, kBank1), bank2_(board, kBank2), eeprom_(board, kOwnEeprom),
+          ferund_(board, kFerundEeprom), link_rate_(setting(board, "driver_rate", 115200)) {}
+
+    ssize_t write(const void *buf, size_t count) override {
+        const uint8_t *bytes = static_cast<const uint8_t *>(buf);
+        board_.advance_ns(count * byte_ns());
+        if (link_rate_ != setting(board_, "rate", 128906)) {
+            board_.trace("uart_garbled", {{"bytes", hex(bytes, count)}, {"rate", link_rate_}});
+            return static_cast<ssize_t>(count);
+        }
+        received_.insert(received_.end(), bytes, bytes + count);
+        take_frames();
+        return static_cast<ssize_t>(count);
+    }
+
+    // Waits until count bytes have arrived or the driver's time-out passes, and returns what
+    // has arrived by then.
+    ssize_t read(void *buf, size_t count) override {
+        uint64_t now = board_.now_ns();
+        uint64_t deadline = now + setting(board_, "read_timeout_ms", 500) * kNsPerMs;
+        uint8_t *out = static_cast<uint8_t *>(buf);
+        size_t got = 0;
+        uint64_t last = now;
+        while (got < count && !pending_.empty() && pending_.front().arrives_ns <= deadline) {
+            out[got++] = pending_.front().value;
+            last = std::max(last, pending_.front().arrives_ns);
+            pending_.pop_front();
+        }
+        board_.advance_ns((got == count ? last : deadline) - now);
+        if (got < count)
+            board_.trace("uart_read", {{"asked", count}, {"got", got}});
+        return static_cast<ssize_t>(got);
+    }
+
+    int ioctl(unsigned long request, uintptr_t arg) override {
+        if (request != kRateRequest)
+            return Device::ioctl(request, arg);
+        link_rate_ = static_cast<uint32_t>(arg);
+        board_.trace("uart_rate", {{"rate", link_rate_}});
+        return 0;
+    }
+
+private:
+    uint64_t byte_ns() const {
+        return link_rate_ == 0 ? 0 : kBitsPerByte * kNsPerSecond / link_rate_;
+    }
+
+    json &state() {
+        json &s = board_.state()["microcontroller"];
+        if (!s.is_object())
+            s = json::object();
+        return s;
+    }
+    bool flag(const char *key) { return state().value(key, false); }
+    int running_bank() const { return static_cast<int>(setting(board_, "running_bank", 1)); }
+
+    Memory &bank(int number) { return number == 2 ? bank2_ : bank1_; }
+    uint32_t bank_base(int number) const {
+        const json &bases = member(settings(board_), "bank_base");
+        size_t i = static_cast<size_t>(number - 1);
+        if (bases.is_array() && i < bases.size() && bases[i].is_number())
+            return bases[i].get<uint32_t>();
+        return number == 2 ? 0x30000 : 0x10000;
+    }
+
+    // Splits what has arrived into frames; bytes before a start byte are line noise.
+    void take_frames() {
+        for (;;) {
+            auto start = std::find(received_.begin(), received_.end(), kStart);
+            received_.erase(received_.begin(), start);
+            if (received_.size() < 2 || received_.size() < size_t{received_[1]} + 2)
+                return;
+            Bytes frame(received_.begin(), received_.begin() + received_[1] + 2);
+            received_.erase(received_.begin(), received_.begin() + received_[1] + 2);
+            if (frame[1] < 2 || checksum(frame.data(), frame.size() - 1) != frame.back()) {
+                board_.trace("uart_bad_frame", {{"bytes", hex(frame.data(), frame.size())}});
+                continue;
+            }
+            handle(frame);
+        }
+    }
+
+    void handle(const Bytes &frame) {
+        const Command &command = command_of(frame[2]);
+        board_.trace("uart_frame",
+                     {{"cmd", command.name}, {"bytes", hex(frame.data(), frame.size())}});
+        const uint8_t *params = frame.data() + 3;
+        size_t count = frame.size() - 4;
+        Outcome outcome;
+        if (const json *f = board_.take_fault("uart_nak", command.name)) {
+            outcome.ack = static_cast<uint8_t>(f->value("ack", int{kNak}));
+        } else if (&command == &kUnknownCommand || count != command.params) {
+            outcome = refused();
+        } else {
+            outcome = execute(command.code, params);
+        }
+        send(command, outcome);
+    }
+
+    // The reply of the command's length: start byte, length, code, acknowledge, payload, sum.
+    static Bytes reply_to(const Command &command, const Outcome &outcome) {
+        Bytes reply(command.reply_length, 0);
+        reply[0] = kStart;
+        reply[1] = static_cast<uint8_t>(reply.size() - 2);
+        reply[2] = command.code;
+        reply[3] = outcome.ack;
+        for (size_t i = 0; i < outcome.payload.size() && 4 + i < reply.size() - 1; ++i)
+            reply[4 + i] = outcome.payload[i];
+        reply.back() = checksum(reply.data(), reply.size() - 1);
+        return reply;
+    }
+
+    // Lets the faults spoil the reply and puts it on the wire after the microcontroller's own
+    // time; replies leave one after another, never overtaking.
+    void send(const Command &command, const Outcome &outcome) {
+        Bytes reply = reply_to(command, outcome);
+        uint64_t start = std::max(board_.now_ns(), busy_until_) +
+                         setting(board_, "reply_delay_us", 200) * kNsPerUs + outcome.busy_ns;
+        busy_until_ = start;
+        json event{{"cmd", command.name}};
+        if (board_.take_fault("uart_no_reply", command.name)) {
+            event["dropped"] = true;
+            board_.trace("uart_reply", event);
+            return;
+        }
+        if (const json *f = board_.take_fault("uart_short_reply", command.name))
+            reply.resize(std::min(reply.size(), f->value("bytes", reply.size() - 1)));
+        if (board_.take_fault("uart_bad_checksum", command.name))
+            reply.back() = static_cast<uint8_t>(reply.back() + 1);
+        if (board_.take_fault("uart_late_reply", command.name))
+            start += setting(board_, "read_timeout_ms", 500) * kNsPerMs + kNsPerMs;
+        uint64_t wire = reply.size() * byte_ns();
+        uint64_t gap = outcome.busy_ns + wire;
+        for (size_t copy = 0; copy < outcome.copies; ++copy) {
+            for (size_t i = 0; i < reply.size(); ++i)
+                pending_.push_back({reply[i], start + copy * gap + (i + 1) * byte_ns()});
+        }
+        busy_until_ = start + (outcome.copies - 1) * gap + wire;
+        event["bytes"] = hex(reply.data(), reply.size());
+        if (outcome.copies > 1)
+            event["copies"] = outcome.copies;
+        board_.trace("uart_reply", event);
+    }
+
+    Outcome execute(uint8_t code, const uint8_t *p) {
+        switch (code) {
+        case 0x21:
+            return status();
+        case 0x28:
+            return Outcome{kAck, {static_cast<uint8_t>(setting(board_, "software_version", 16))}};
+        case 0x83:
+            return Outcome{kAck, {static_cast<uint8_t>(setting(board_, "micro_id", 33))}};
+        case 0x16:
+        case 0x18:
+            return set_port(code == 0x16, p[0], p[1]);
+        case 0xC1:
+            return writing_mode(p[0]);
+        case 0x23:
+            state()["guard_dog"] = {{"mode", p[0]}, {"seconds", p[1]}};
+            return Outcome{};
+        case 0xC3:
+            return erase(p[0]);
+        case 0xC0:
+            return write_flash(static_cast<uint32_t>(p[0] << 16 | p[1] << 8 | p[2]), p + 3);
+        case 0xC2:
+            return bank_checksum(p[0]);
+        case 0xC4:
+            return close_write();
+        case 0x2B:
+        case 0x2C:
+            state()["power"] = code == 0x2B;
+            state()["picture_mute"] = false;
+            return Outcome{};
+        case 0x06:
+            return picture_mute(p[0]);
+        case 0xB7:
+            return eeprom_write(p[0], static_cast<size_t>(p[1] << 8 | p[2]), p + 3);
+        case 0xB8:
+            return eeprom_read(p[1], static_cast<size_t>(p[2] << 8 | p[3]));
+        default:
+            return refused();
+        }
+    }
+
+    Outcome status() {
+        Outcome o;
+        o.payload.assign(17, 0);
+        o.payload[8] = running_bank() == 2 ? 0x10 : 0x00; // reply byte 12
+        return o;
+    }
+
+    Outcome set_port(bool set, uint8_t port, uint8_t bits) {
+        json &ports = state()["ports"];
+        std::string key = std::to_string(port);
+        int value = ports.value(key, 0);
+        ports[key] = set ? (value | bits) : (value & ~bits);
+        return Outcome{};
+    }
+
+    Outcome writing_mode(uint8_t on) {
+        if (on != 1)
+            return refused();
+        state()["writing_mode"] = true;
+        state()["erased_bank"] = 0;
+        return Outcome{};
+    }
+
+    // Only the bank that is not running can be erased, and only in writing mode.
+    Outcome erase(uint8_t number) {
+        if (!flag("writing_mode") || (number != 1 && number != 2) || number == running_bank())
+            return refused();
+        bank(number).erase();
+        state()["erased_bank"] = number;
+        return Outcome{kAck, {}, setting(board_, "erase_ms", 300) * kNsPerMs};
+    }
+
+    // Blocks go to the bank erased last, at their address less the bank's base.
+    Outcome write_flash(uint32_t address, const uint8_t *data) {
+        int number = state().value("erased_bank", 0);
+        if (!flag("writing_mode") || number == 0 || address < bank_base(number) ||
+            address - bank_base(number) + kBlockSize > kBankSize)
+            return refused();
+        bank(number).store(address - bank_base(number), data, kBlockSize, true);
+        return Outcome{kAck, {}, setting(board_, "block_write_us", 1000) * kNsPerUs};
+    }
+
+    Outcome bank_checksum(uint8_t number) {
+        if (number != 1 && number != 2)
+            return refused();
+        uint16_t sum = 0;
+        for (char byte : bank(number).bytes())
+            sum = static_cast<uint16_t>(sum + static_cast<uint8_t>(byte));
+        if (const json *f = board_.take_fault("checksum_differs", "checksum"))
+            sum = static_cast<uint16_t>(sum + f->value("delta", 1));
+        return Outcome{kAck, {static_cast<uint8_t>(sum >> 8), static_cast<uint8_t>(sum)}};
+    }
+
+    Outcome close_write() {
+        if (!flag("writing_mode"))
+            return refused();
+        state()["writing_mode"] = false;
+        int erased = state().value("erased_bank", 0);
+        if (erased != 0)
+            state()["boot_bank"] = erased; // starts from the new firmware at the next power-up
+        state()["erased_bank"] = 0;
+        return Outcome{};
+    }
+
+    Outcome picture_mute(uint8_t on) {
+        if (!flag("power") || on != 1)
+            return refused();
+        state()["picture_mute"] = true;
+        return Outcome{};
+    }
+
+    // The Ferund EEPROM is reached only while the television is on.
+    Outcome eeprom_write(uint8_t target, size_t address, const uint8_t *data) {
+        Memory *memory =
+            target == 0 ? &eeprom_ : (target == 1 && flag("power") ? &ferund_ : nullptr);
+        if (memory == nullptr || address + kBlockSize > memory->size())
+            return refused();
+        uint64_t write_ns = setting(board_, "eeprom_write_ms", 5) * kNsPerMs;
+        if (const json *f = board_.take_fault("eeprom_write_status", "eeprom_write"))
+            return Outcome{kAck,
+                           {static_cast<uint8_t>(f->value("status", 1))},
+                           write_ns,
+                           f->value("replies", size_t{1})};
+        memory->store(address, data, kBlockSize, false);
+        return Outcome{kAck, {0}, write_ns};
+    }
+
+    Outcome eeprom_read(uint8_t count, size_t address) {
+        if (count > kBlockSize || address + count > eeprom_.size())
+            return refused();
+        Outcome o;
+        o.payload.assign(1 + kBlockSize, 0); // byte 4, then the data from byte 5
+        const std::string &cells = eeprom_.bytes();
+        for (size_t i = 0; i < count; ++i)
+            o.payload[1 + i] = static_cast<uint8_t>(cells[address + i]);
+        return o;
+    }
+
+    Memory bank1_, bank2_, eeprom_, ferund_;
+    uint64_t link_rate_;
+    Bytes received_;
+    std::deque<WireByte> pending_;
+    uint64_t busy_until_ = 0;
+};
+
+} // namespace
+
+json default_microcontroller_config() {
+    return json{{"rate", 128906},
+                {"driver_rate", 115200},
+                {"read_timeout_ms", 500},
+                {"running_bank", 1},
+                {"software_version", 16},
+                {"micro_id", 33},
+                {"bank_base", {0x10000, 0x30000}},
+                {"eeprom_size", 32768},
+                {"ferund_size", 32768},
+                {"reply_delay_us", 200},
+                {"erase_ms", 300},
+                {"block_write_us", 1000},
+                {"eeprom_write_ms", 5}};
+}
+
+bool create_microcontroller_files(const std::string &board_dir, const json &config) {
+    std::error_code ec;
+    fs::create_directories(fs::path(board_dir) / "tvm", ec);
+    bool ok = !ec;
+    for (const MemorySpec *spec : {&kBank1, &kBank2, &kOwnEeprom, &kFerundEeprom}) {
+        std::string erased(memory_size(config, *spec), '\xff');
+        ok = ok && write_file(board_dir + "/" + spec->file, erased);
+    }
+    return ok;
+}
+
+std::unique_ptr<Device> open_microcontroller(Board &board, std::string_view path, int, int *err) {
+    if (path != "/dev/uat_ucom" || !settings(board).is_object())
+        return nullptr;
+    *err = 0;
+    return std::make_unique<Microcontroller>(board);
+}
+
+} // namespace tvsim

@@ -1,0 +1,341 @@
+#include "board/mtd.h"
+
+#include "board/device.h"
+#include "board/modules.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <mtd/mtd-user.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace tvsim {
+
+namespace {
+
+constexpr unsigned kMtdCharMajor = 90;
+constexpr uint64_t kNsPerMs = 1000000;
+
+struct Partition {
+    std::string name;
+    int number = 0;
+    bool nand = false;
+    uint64_t size = 0;
+    uint32_t erasesize = 0;
+    uint32_t writesize = 1;
+    uint32_t oobsize = 0;
+    uint64_t erase_ns = 0;
+    uint64_t write_ns_per_byte = 0;
+    std::string contents; // host path of the contents file
+};
+
+Partition partition_from(const Board &board, const json &entry, size_t index) {
+    Partition p;
+    p.name = entry.value("name", "mtd" + std::to_string(index));
+    p.number = static_cast<int>(number_from(member(entry, "number"), index));
+    p.nand = entry.value("type", "nor") == "nand";
+    p.size = number_from(member(entry, "size"), 0x100000);
+    p.erasesize = static_cast<uint32_t>(number_from(member(entry, "erasesize"), 0x10000));
+    p.writesize = static_cast<uint32_t>(number_from(member(entry, "writesize"), p.nand ? 2048 : 1));
+    p.oobsize = p.nand ? 64 : 0;
+    p.erase_ns = number_from(member(entry, "erase_ms"), p.nand ? 2 : 500) * kNsPerMs;
+    p.write_ns_per_byte = number_from(member(entry, "write_ns_per_byte"), p.nand ? 100 : 3000);
+    p.contents = board.file("mtd/" + p.name + ".bin");
+    return p;
+}
+
+bool drivers_loaded(Board &board, const json &entry) {
+    const json &drivers = member(entry, "drivers");
+    for (size_t i = 0; drivers.is_array() && i < drivers.size(); ++i) {
+        if (!module_loaded(board, drivers[i].get<std::string>()))
+            return false;
+    }
+    return true;
+}
+
+// The partitions that exist now, by device number.
+std::vector<Partition> present_partitions(Board &board) {
+    std::vector<Partition> found;
+    const json &entries = member(board.config(), "mtd");
+    for (size_t i = 0; entries.is_array() && i < entries.size(); ++i) {
+        if (drivers_loaded(board, entries[i]))
+            found.push_back(partition_from(board, entries[i], i));
+    }
+    std::stable_sort(found.begin(), found.end(),
+                     [](const Partition &a, const Partition &b) { return a.number < b.number; });
+    return found;
+}
+
+// Reads n bytes at offset: the contents file, erased (0xFF) beyond its end.
+void read_contents(const Partition &p, uint64_t offset, uint8_t *out, size_t n) {
+    memset(out, 0xFF, n);
+    int fd = ::open(p.contents.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return;
+    size_t done = 0;
+    while (done < n) {
+        ssize_t got = ::pread(fd, out + done, n - done, static_cast<off_t>(offset + done));
+        if (got <= 0)
+            break;
+        done += static_cast<size_t>(got);
+    }
+    if (done < n)
+        memset(out + done, 0xFF, n - done);
+    ::close(fd);
+}
+
+bool pwrite_whole(int fd, const uint8_t *data, size_t n, uint64_t offset) {
+    while (n > 0) {
+        ssize_t put = ::pwrite(fd, data, n, static_cast<off_t>(offset));
+        if (put <= 0)
+            return false;
+        data += put;
+        n -= static_cast<size_t>(put);
+        offset += static_cast<uint64_t>(put);
+    }
+    return true;
+}
+
+// Stores n bytes at offset, first making the contents file the partition's full size.
+bool store_contents(const Partition &p, uint64_t offset, const uint8_t *data, size_t n) {
+    std::error_code ec;
+    fs::create_directories(fs::path(p.contents).parent_path(), ec);
+    int fd = ::open(p.contents.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return false;
+    struct stat st;
+    bool ok = ::fstat(fd, &st) == 0;
+    if (ok && static_cast<uint64_t>(st.st_size) < p.size) {
+        std::vector<uint8_t> erased(p.size - static_cast<uint64_t>(st.st_size), 0xFF);
+        ok = pwrite_whole(fd, erased.data(), erased.size(), static_cast<uint64_t>(st.st_size));
+    }
+    ok = ok && pwrite_whole(fd, data, n, offset);
+    return ::close(fd) == 0 && ok;
+}
+
+int fail(int err) {
+    errno = err;
+    return -1;
+}
+
+class MtdDevice : public Device {
+public:
+    MtdDevice(Board &board, Partition partition, bool writable)
+        : Device(board), p_(std::move(partition)), writable_(writable) {}
+
+    ssize_t read(void *buf, size_t count) override {
+        if (pos_ >= p_.size)
+            return 0;
+        size_t n = static_cast<size_t>(std::min<uint64_t>(count, p_.size - pos_));
+        read_contents(p_, pos_, static_cast<uint8_t *>(buf), n);
+        board_.trace("mtd_read", {{"mtd", p_.name}, {"offset", pos_}, {"length", n}});
+        pos_ += n;
+        return static_cast<ssize_t>(n);
+    }
+
+    ssize_t write(const void *buf, size_t count) override {
+        if (!writable_)
+            return fail(EBADF);
+        if (pos_ >= p_.size)
+            return fail(ENOSPC);
+        size_t n = static_cast<size_t>(std::min<uint64_t>(count, p_.size - pos_));
+        if (p_.nand && (pos_ % p_.writesize != 0 || n % p_.writesize != 0))
+            return fail(EINVAL);
+        json event{{"mtd", p_.name}, {"offset", pos_}, {"length", n}};
+        if (const json *fault = board_.take_fault("mtd_write", p_.name)) {
+            if (!fault->contains("bytes")) {
+                event["errno"] = errno_from_name(fault->value("errno", json("EIO")));
+                board_.trace("mtd_write", event);
+                return fail(event["errno"].get<int>());
+            }
+            n = std::min<size_t>(n, fault->value("bytes", size_t{0}));
+            event["short"] = n;
+        }
+        program(static_cast<const uint8_t *>(buf), n);
+        board_.advance_ns(n * p_.write_ns_per_byte);
+        board_.trace("mtd_write", event);
+        pos_ += n;
+        return static_cast<ssize_t>(n);
+    }
+
+    int64_t lseek(int64_t offset, int whence) override {
+        int64_t base = whence == SEEK_SET   ? 0
+                       : whence == SEEK_CUR ? static_cast<int64_t>(pos_)
+                       : whence == SEEK_END ? static_cast<int64_t>(p_.size)
+                                            : -1;
+        if (base < 0 || base + offset < 0 || static_cast<uint64_t>(base + offset) > p_.size)
+            return fail(EINVAL);
+        pos_ = static_cast<uint64_t>(base + offset);
+        return static_cast<int64_t>(pos_);
+    }
+
+    int ioctl(unsigned long request, uintptr_t arg) override {
+        switch (static_cast<uint32_t>(request)) {
+        case MEMGETINFO:
+            *reinterpret_cast<mtd_info_user *>(arg) = info();
+            return 0;
+        case MEMERASE: {
+            const auto *e = reinterpret_cast<const erase_info_user *>(arg);
+            return erase(e->start, e->length);
+        }
+        case MEMERASE64: {
+            const auto *e = reinterpret_cast<const erase_info_user64 *>(arg);
+            return erase(e->start, e->length);
+        }
+        case MEMGETREGIONCOUNT:
+            *reinterpret_cast<int *>(arg) = 0;
+            return 0;
+        case MEMGETBADBLOCK: {
+            int64_t offset = *reinterpret_cast<const int64_t *>(arg);
+            return offset < 0 || static_cast<uint64_t>(offset) >= p_.size ? fail(EINVAL) : 0;
+        }
+        case MEMLOCK:
+        case MEMUNLOCK:
+            return p_.nand ? fail(EOPNOTSUPP) : 0;
+        case ECCGETLAYOUT: // no out-of-band layout is described
+            return fail(EOPNOTSUPP);
+        default:
+            return fail(ENOTTY);
+        }
+    }
+
+    dev_t node_number() const override {
+        return makedev(kMtdCharMajor, static_cast<unsigned>(2 * p_.number));
+    }
+
+private:
+    mtd_info_user info() const {
+        mtd_info_user i{};
+        i.type = p_.nand ? MTD_NANDFLASH : MTD_NORFLASH;
+        i.flags = p_.nand ? MTD_CAP_NANDFLASH : MTD_CAP_NORFLASH;
+        i.size = static_cast<uint32_t>(p_.size);
+        i.erasesize = p_.erasesize;
+        i.writesize = p_.writesize;
+        i.oobsize = p_.oobsize;
+        return i;
+    }
+
+    int erase(uint64_t start, uint64_t length) {
+        if (!writable_)
+            return fail(EBADF);
+        json event{{"mtd", p_.name}, {"start", start}, {"length", length}};
+        if (p_.erasesize == 0 || start % p_.erasesize != 0 || length % p_.erasesize != 0 ||
+            start + length > p_.size) {
+            event["errno"] = EINVAL;
+            board_.trace("mtd_erase", event);
+            return fail(EINVAL);
+        }
+        if (const json *fault = board_.take_fault("mtd_erase", p_.name)) {
+            event["errno"] = errno_from_name(fault->value("errno", json("EIO")));
+            board_.trace("mtd_erase", event);
+            return fail(event["errno"].get<int>());
+        }
+        std::vector<uint8_t> erased(static_cast<size_t>(length), 0xFF);
+        if (!store_contents(p_, start, erased.data(), erased.size()))
+            return fail(EIO);
+        bad_program_ = board_.take_fault("mtd_program", p_.name) != nullptr;
+        board_.advance_ns(length / p_.erasesize * p_.erase_ns);
+        board_.trace("mtd_erase", event);
+        return 0;
+    }
+
+    // A write clears bits only; an injected bad program inverts the cycle's first byte.
+    void program(const uint8_t *data, size_t n) {
+        std::vector<uint8_t> cells(n);
+        read_contents(p_, pos_, cells.data(), n);
+        for (size_t i = 0; i < n; ++i)
+            cells[i] &= data[i];
+        if (bad_program_ && n > 0) {
+            cells[0] = static_cast<uint8_t>(~data[0]);
+            bad_program_ = false;
+        }
+        store_contents(p_, pos_, cells.data(), n);
+    }
+
+    Partition p_;
+    bool writable_;
+    uint64_t pos_ = 0;
+    bool bad_program_ = false;
+};
+
+std::string hex8(uint64_t value) {
+    char text[20];
+    snprintf(text, sizeof text, "%08llx", static_cast<unsigned long long>(value));
+    return text;
+}
+
+json partition(const char *name, const char *type, const char *size, const char *erasesize,
+               json drivers, int erase_ms, int write_ns_per_byte) {
+    return json{{"name", name},
+                {"type", type},
+                {"size", size},
+                {"erasesize", erasesize},
+                {"drivers", std::move(drivers)},
+                {"erase_ms", erase_ms},
+                {"write_ns_per_byte", write_ns_per_byte}};
+}
+
+} // namespace
+
+void refresh_mtd_files(Board &board) {
+    std::string text = "dev:    size   erasesize  name\n";
+    for (const Partition &p : present_partitions(board))
+        text += "mtd" + std::to_string(p.number) + ": " + hex8(p.size) + " " + hex8(p.erasesize) +
+                " \"" + p.name + "\"\n";
+    std::error_code ec;
+    fs::create_directories(board.file("fs/proc"), ec);
+    write_file(board.file("fs/proc/mtd"), text);
+}
+
+std::unique_ptr<Device> open_mtd_device(Board &board, std::string_view path, int flags, int *) {
+    constexpr std::string_view kPrefix = "/dev/mtd";
+    if (path.substr(0, kPrefix.size()) != kPrefix)
+        return nullptr;
+    std::string_view digits = path.substr(kPrefix.size());
+    if (digits.empty() || digits.size() > 6 ||
+        digits.find_first_not_of("0123456789") != std::string_view::npos)
+        return nullptr;
+    int number = std::stoi(std::string(digits));
+    for (Partition &p : present_partitions(board)) {
+        if (p.number == number)
+            return std::make_unique<MtdDevice>(board, std::move(p),
+                                               (flags & O_ACCMODE) != O_RDONLY);
+    }
+    return nullptr;
+}
+
+json default_mtd_config() {
+    const char *kNandBlock = "0x20000";
+    return json::array({
+        partition("nand_boot", "nand", "0x00100000", kNandBlock, json::array(), 2, 100),
+        partition("uboot_env", "nand", "0x00100000", kNandBlock, json::array(), 2, 100),
+        partition("kernel", "nand", "0x00800000", kNandBlock, json::array(), 2, 100),
+        partition("rootfs", "nand", "0x04000000", kNandBlock, json::array(), 2, 100),
+        partition("backup", "nand", "0x02000000", kNandBlock, json::array(), 2, 100),
+        partition("ubi_data", "nand", "0x19600000", kNandBlock, json::array(), 2, 100),
+        partition("uboot-nor", "nor", "0x00100000", "0x10000", json::array({"physmap"}), 700, 5000),
+        partition("uboot-spi", "nor", "0x00100000", "0x10000",
+                  json::array({"vq71206_spi", "m25p80"}), 400, 3000),
+    });
+}
+
+std::vector<std::string> mtd_driver_modules(const json &mtd_config) {
+    std::vector<std::string> modules;
+    for (size_t i = 0; mtd_config.is_array() && i < mtd_config.size(); ++i) {
+        const json &drivers = member(mtd_config[i], "drivers");
+        for (size_t j = 0; drivers.is_array() && j < drivers.size(); ++j) {
+            std::string file = drivers[j].get<std::string>() + ".ko";
+            if (std::find(modules.begin(), modules.end(), file) == modules.end())
+                modules.push_back(file);
+        }
+    }
+    return modules;
+}
+
+} // namespace tvsim

@@ -1,0 +1,153 @@
+#include "board/registers.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace tvsim {
+
+namespace {
+
+constexpr int kBanks = 3;
+constexpr int kPinsPerBank = 32;
+
+json &soc_state(Board &board) {
+    json &soc = board.state()["soc"];
+    if (!soc.is_object())
+        soc = json::object();
+    return soc;
+}
+
+int bank_at(uint32_t address) {
+    for (int bank = 0; bank < kBanks; ++bank) {
+        if (kGpioBankRegisters[bank] == address)
+            return bank;
+    }
+    return -1;
+}
+
+uint32_t output_latch(Board &board, int bank) {
+    const json &latches = member(soc_state(board), "gpio_out");
+    return latches.is_array() && static_cast<size_t>(bank) < latches.size()
+               ? static_cast<uint32_t>(number_from(latches[bank], 0))
+               : 0;
+}
+
+void set_output_latch(Board &board, int bank, uint32_t value) {
+    json &latches = soc_state(board)["gpio_out"];
+    if (!latches.is_array() || latches.size() != kBanks)
+        latches = json::array({0, 0, 0});
+    latches[bank] = value;
+}
+
+// The pins of a bank that are driven from outside, and their levels.
+void bank_inputs(const Board &board, int bank, uint32_t *mask, uint32_t *levels) {
+    *mask = 0;
+    *levels = 0;
+    const json &inputs = member(member(board.config(), "soc"), "pin_inputs");
+    if (!inputs.is_object())
+        return;
+    for (const auto &[key, level] : inputs.items()) {
+        int pin = atoi(key.c_str());
+        if (pin / kPinsPerBank != bank || pin < 0)
+            continue;
+        uint32_t bit = 1u << (pin % kPinsPerBank);
+        *mask |= bit;
+        if (number_from(level, 0) != 0)
+            *levels |= bit;
+    }
+}
+
+std::string address_key(uint32_t address) {
+    char text[11];
+    snprintf(text, sizeof text, "0x%08x", address);
+    return text;
+}
+
+class SocRegisters : public RegisterSpace {
+public:
+    SocRegisters(Board &board, const SocWindow &window) : RegisterSpace(board, window.name) {}
+
+    std::vector<uint32_t> registers_in(uint32_t base, uint32_t length) const override {
+        std::vector<uint32_t> found;
+        auto add = [&](uint32_t address) {
+            if (address >= base && address - base < length)
+                found.push_back(address);
+        };
+        add(kBootConfigRegister);
+        add(kRevisionRegister);
+        for (uint32_t bank : kGpioBankRegisters)
+            add(bank);
+        const json &stored = member(member(board_.state(), "soc"), "registers");
+        for (auto it = stored.begin(); stored.is_object() && it != stored.end(); ++it)
+            add(static_cast<uint32_t>(number_from(json(it.key()), 0)));
+        return found;
+    }
+
+protected:
+    uint32_t load(uint32_t address) override {
+        const json &soc = member(board_.config(), "soc");
+        if (address == kRevisionRegister)
+            return static_cast<uint32_t>(number_from(member(soc, "revision"), 0));
+        if (address == kBootConfigRegister)
+            return static_cast<uint32_t>(number_from(member(soc, "boot_config"), 0));
+        if (int bank = bank_at(address); bank >= 0) {
+            uint32_t mask, levels;
+            bank_inputs(board_, bank, &mask, &levels);
+            return (output_latch(board_, bank) & ~mask) | levels;
+        }
+        return static_cast<uint32_t>(
+            number_from(member(member(soc_state(board_), "registers"), address_key(address)), 0));
+    }
+
+    void store(uint32_t address, uint32_t value) override {
+        if (address == kRevisionRegister || address == kBootConfigRegister)
+            return; // read-only
+        int bank = bank_at(address);
+        if (bank < 0) {
+            soc_state(board_)["registers"][address_key(address)] = value;
+            return;
+        }
+        uint32_t inputs, levels;
+        bank_inputs(board_, bank, &inputs, &levels);
+        uint32_t changed = (output_latch(board_, bank) ^ value) & ~inputs; // outputs only
+        set_output_latch(board_, bank, value);
+        for (int bit = 0; bit < kPinsPerBank; ++bit) {
+            if ((changed >> bit) & 1)
+                board_.trace("pin",
+                             {{"pin", bank * kPinsPerBank + bit}, {"level", (value >> bit) & 1}});
+        }
+    }
+
+    std::string register_name(uint32_t address) const override {
+        if (address == kRevisionRegister)
+            return "REVID";
+        if (address == kBootConfigRegister)
+            return "CCFG";
+        if (int bank = bank_at(address); bank >= 0)
+            return "GPIO" + std::to_string(bank);
+        return "";
+    }
+};
+
+} // namespace
+
+std::unique_ptr<RegisterSpace> soc_registers(Board &board, const SocWindow &window) {
+    return std::make_unique<SocRegisters>(board, window);
+}
+
+int pin_level(Board &board, int pin) {
+    if (pin < 0 || pin >= kBanks * kPinsPerBank)
+        return 0;
+    int bank = pin / kPinsPerBank;
+    uint32_t mask, levels;
+    bank_inputs(board, bank, &mask, &levels);
+    uint32_t value = (output_latch(board, bank) & ~mask) | levels;
+    return static_cast<int>((value >> (pin % kPinsPerBank)) & 1);
+}
+
+json default_soc_config() {
+    return json{
+        {"revision", "0x00000000"}, {"boot_config", "0x00000000"}, {"pin_inputs", json::object()}};
+}
+
+} // namespace tvsim

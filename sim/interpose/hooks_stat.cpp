@@ -1,0 +1,126 @@
+// File status: board paths are resolved like every other path, and a board device node (by
+// path, or by a descriptor it was opened as) reports itself as a character device with its
+// device number, as the MTD tools check before they use a node.
+#include "interpose/session.h"
+
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using tvsim::interpose::Hook;
+
+extern "C" {
+#if defined(__arm__)
+// 32-bit builds with 64-bit time: the record is the C library's own, passed on untouched.
+int __stat64_time64(const char *path, void *buf);
+#endif
+}
+
+namespace {
+
+template <typename Stat> void describe_device(const tvsim::Device &device, Stat *buf) {
+    memset(buf, 0, sizeof *buf);
+    buf->st_mode = S_IFCHR | 0660;
+    buf->st_nlink = 1;
+    buf->st_rdev = device.node_number();
+    buf->st_blksize = 4096;
+}
+
+// A board device at a path: the node's description, or false when the path names none.
+template <typename Stat> bool describe_board_node(Hook &hook, const char *path, Stat *buf) {
+    std::string normal = tvsim::normal_path(path);
+    if (normal.rfind("/dev/", 0) != 0 || !tvsim::Board::is_board_path(normal))
+        return false;
+    int err = 0;
+    std::unique_ptr<tvsim::Device> device = hook.board().open_device(normal, O_RDONLY, &err);
+    if (device == nullptr)
+        return false;
+    describe_device(*device, buf);
+    return true;
+}
+
+template <typename Stat, typename RealStat>
+int stat_on_board(RealStat real, const char *path, Stat *buf) {
+    Hook hook;
+    if (!hook.active() || path == nullptr)
+        return real(path, buf);
+    std::string host;
+    try {
+        if (describe_board_node(hook, path, buf))
+            return 0;
+        std::string normal = tvsim::normal_path(path);
+        if (tvsim::Board::is_board_path(normal) &&
+            (normal.rfind("/proc/", 0) == 0 || normal.rfind("/sys/", 0) == 0))
+            hook.board().refresh_kernel_files();
+        host = hook.board().resolve(path).path;
+    } catch (...) {
+        errno = EIO;
+        return -1;
+    }
+    hook.restore_errno();
+    return real(host.c_str(), buf);
+}
+
+template <typename Stat, typename RealFstat> int fstat_on_board(RealFstat real, int fd, Stat *buf) {
+    if (tvsim::interpose::any_device_open()) {
+        Hook hook;
+        if (tvsim::Device *device = hook.active() ? tvsim::interpose::device_at(fd) : nullptr) {
+            describe_device(*device, buf);
+            return 0;
+        }
+        hook.restore_errno();
+    }
+    return real(fd, buf);
+}
+
+// Calls fn with where path lands.
+template <typename Fn> int on_resolved_path(const char *path, Fn fn) {
+    Hook hook;
+    if (!hook.active() || path == nullptr)
+        return fn(path);
+    std::string host;
+    try {
+        host = hook.board().resolve(path).path;
+    } catch (...) {
+        errno = EIO;
+        return -1;
+    }
+    hook.restore_errno();
+    return fn(host.c_str());
+}
+
+} // namespace
+
+#pragma GCC visibility push(default)
+extern "C" {
+
+int stat(const char *path, struct stat *buf) {
+    return stat_on_board(TVSIM_REAL(stat), path, buf);
+}
+
+int stat64(const char *path, struct stat64 *buf) {
+    return stat_on_board(TVSIM_REAL(stat64), path, buf);
+}
+
+int fstat(int fd, struct stat *buf) {
+    return fstat_on_board(TVSIM_REAL(fstat), fd, buf);
+}
+
+int fstat64(int fd, struct stat64 *buf) {
+    return fstat_on_board(TVSIM_REAL(fstat64), fd, buf);
+}
+
+int access(const char *path, int mode) {
+    return on_resolved_path(path, [&](const char *p) { return TVSIM_REAL(access)(p, mode); });
+}
+
+#if defined(__arm__)
+int __stat64_time64(const char *path, void *buf) {
+    return on_resolved_path(path,
+                            [&](const char *p) { return TVSIM_REAL(__stat64_time64)(p, buf); });
+}
+#endif
+
+} // extern "C"
+#pragma GCC visibility pop
