@@ -314,6 +314,7 @@ void Board::reboot() {
     state_["rescans"] = json::object();
     state_["clock_ns"] = 0;
     state_.erase("soc"); // registers and pin latches come up at their reset values
+    power_cycle_microcontroller(*this);
     std::error_code ec;
     for (const auto &entry : fs::directory_iterator(root_ + "/tmp", ec))
         fs::remove_all(entry.path(), ec);

@@ -232,7 +232,10 @@ private:
         return s;
     }
     bool flag(const char *key) { return state().value(key, false); }
-    int running_bank() const { return static_cast<int>(setting(board_, "running_bank", 1)); }
+    // The bank named in board.json, until a power cycle has started another one.
+    int running_bank() {
+        return state().value("running_bank", static_cast<int>(setting(board_, "running_bank", 1)));
+    }
 
     Memory &bank(int number) { return number == 2 ? bank2_ : bank1_; }
     uint32_t bank_base(int number) const {
@@ -494,6 +497,14 @@ bool create_microcontroller_files(const std::string &board_dir, const json &conf
         ok = ok && write_file(board_dir + "/" + spec->file, erased);
     }
     return ok;
+}
+
+void power_cycle_microcontroller(Board &board) {
+    json &s = board.state()["microcontroller"];
+    json after = json::object();
+    if (s.is_object() && (s.contains("boot_bank") || s.contains("running_bank")))
+        after["running_bank"] = s.contains("boot_bank") ? s["boot_bank"] : s["running_bank"];
+    s = after;
 }
 
 std::unique_ptr<Device> open_microcontroller(Board &board, std::string_view path, int, int *err) {

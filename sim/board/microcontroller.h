@@ -24,6 +24,10 @@ json default_microcontroller_config();
 // Writes the microcontroller's flash banks and EEPROMs, erased (0xFF), into a new board.
 bool create_microcontroller_files(const std::string &board_dir, const json &config);
 
+// A power cycle: writing mode, power, picture mute, ports and guard dog are gone, and the
+// microcontroller starts from the bank it was last told to boot.
+void power_cycle_microcontroller(Board &board);
+
 std::unique_ptr<Device> open_microcontroller(Board &board, std::string_view path, int flags,
                                              int *err);
 

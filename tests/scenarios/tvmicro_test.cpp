@@ -133,6 +133,13 @@ TEST_F(Microcontroller, FirmwareGoesToTheBankThatIsNotRunning) {
     EXPECT_FALSE(micro.value("writing_mode", true));
     EXPECT_EQ(frames("write_flash"), 1536u);
     EXPECT_EQ(frames("close_write"), 1u);
+
+    // After a power cycle it runs the new firmware, so the next update goes to the other bank.
+    board.reboot();
+    EXPECT_EQ(json::parse(board.read("state.json"))["microcontroller"],
+              json({{"running_bank", 1}}));
+    EXPECT_EQ(board.tvupdate({"M1"}).exit_status, 0);
+    EXPECT_TRUE(board.read("tvm/bank2.bin") == bank_with(bank2_data));
 }
 
 // Each case leaves the flash as it was; the run's result and lines tell why.
