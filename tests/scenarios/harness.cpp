@@ -107,6 +107,7 @@ void SimBoard::medium_list(const std::string &model, const std::string &list) co
 }
 
 void SimBoard::make(const std::string &slot) {
+    slot_ = slot;
     std::vector<std::string> args = {TVSIM_CLI, "new", dir()};
     if (!slot.empty()) {
         args.push_back(slot);
@@ -114,6 +115,15 @@ void SimBoard::make(const std::string &slot) {
     }
     RunResult made = capture(args);
     ASSERT_EQ(made.exit_status, 0) << made.output;
+}
+
+void SimBoard::remake(const json &sections) {
+    fs::remove_all(dir());
+    make(slot_);
+    json c = config();
+    for (const auto &[name, section] : sections.items())
+        c[name] = section;
+    set_config(c);
 }
 
 void SimBoard::reboot() const {

@@ -39,6 +39,9 @@ public:
     // Makes the board with the medium on a USB stick ("--usb"), an SD card ("--sd") or no
     // medium at all ("").
     void make(const std::string &slot = "--usb");
+    // Makes the board anew, as make() last did, then replaces these top-level sections of its
+    // board.json.
+    void remake(const json &sections = json::object());
 
     // Power-cycles the board, as the operator does after every update.
     void reboot() const;
@@ -68,6 +71,7 @@ public:
 
 private:
     std::string root_;
+    std::string slot_;
 };
 
 // Base of every scenario test: gives each test a board, and skips the test when the tool

@@ -91,14 +91,9 @@ TEST_F(UpdateRun, MediumDiscovery) {
     };
     board.medium_list("M1", "");
     board.make();
-    const json pristine = board.config();
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
-        ASSERT_EQ(system(("rm -rf '" + board.dir() + "'").c_str()), 0);
-        board.make();
-        json config = pristine;
-        config["media"] = c.media;
-        board.set_config(config);
+        board.remake({{"media", c.media}});
         RunResult r = board.tvupdate({"M1"});
         std::string mounted;
         for (const json &m : board.trace("mount")) {
@@ -280,16 +275,10 @@ TEST_F(UpdateRun, VolumeRecreationPrintsEachVerdict) {
     board.medium_list("M1", "app_data F\n");
     board.medium_file("M1/writedata/app_data/dpdc/new.dat", "new");
     board.make();
-    const json pristine = board.config();
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
-        ASSERT_EQ(system(("rm -rf '" + board.dir() + "'").c_str()), 0);
-        board.make();
+        board.remake({{"faults", c.fault.is_null() ? json::array() : json::array({c.fault})}});
         old_file("ubi4_0/factory/old.dat");
-        json config = pristine;
-        if (!c.fault.is_null())
-            config["faults"].push_back(c.fault);
-        board.set_config(config);
         RunResult r = board.tvupdate({"M1"});
         EXPECT_EQ(r.output.substr(0, r.output.find("ln -s")),
                   "----- searching media cards -----\n"
