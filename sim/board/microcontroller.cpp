@@ -83,28 +83,29 @@ uint64_t setting(const Board &board, const char *key, uint64_t fallback) {
 }
 
 // The memories and where they live in the board directory.
-struct MemorySpec {
+struct MemoryLayout {
     const char *file;
     const char *size_key;
     size_t default_size;
 };
-constexpr MemorySpec kBank1 = {"tvm/bank1.bin", nullptr, kBankSize};
-constexpr MemorySpec kBank2 = {"tvm/bank2.bin", nullptr, kBankSize};
-constexpr MemorySpec kOwnEeprom = {"tvm/eeprom.bin", "eeprom_size", 32768};
-constexpr MemorySpec kFerundEeprom = {"tvm/ferund.bin", "ferund_size", 32768};
+constexpr MemoryLayout kBank1 = {"tvm/bank1.bin", nullptr, kBankSize};
+constexpr MemoryLayout kBank2 = {"tvm/bank2.bin", nullptr, kBankSize};
+constexpr MemoryLayout kOwnEeprom = {"tvm/eeprom.bin", "eeprom_size", 32768};
+constexpr MemoryLayout kFerundEeprom = {"tvm/ferund.bin", "ferund_size", 32768};
 
-size_t memory_size(const json &config, const MemorySpec &spec) {
-    if (spec.size_key == nullptr)
-        return spec.default_size;
-    return member(config, spec.size_key).is_number() ? member(config, spec.size_key).get<size_t>()
-                                                     : spec.default_size;
+size_t memory_size(const json &config, const MemoryLayout &layout) {
+    if (layout.size_key == nullptr)
+        return layout.default_size;
+    return member(config, layout.size_key).is_number()
+               ? member(config, layout.size_key).get<size_t>()
+               : layout.default_size;
 }
 
 // One memory of the microcontroller, kept in a plain file and written through at once.
 class Memory {
 public:
-    Memory(const Board &board, const MemorySpec &spec)
-        : path_(board.file(spec.file)), size_(memory_size(settings(board), spec)) {}
+    Memory(const Board &board, const MemoryLayout &layout)
+        : path_(board.file(layout.file)), size_(memory_size(settings(board), layout)) {}
 
     const std::string &bytes() {
         load();
@@ -492,9 +493,9 @@ bool create_microcontroller_files(const std::string &board_dir, const json &conf
     std::error_code ec;
     fs::create_directories(fs::path(board_dir) / "tvm", ec);
     bool ok = !ec;
-    for (const MemorySpec *spec : {&kBank1, &kBank2, &kOwnEeprom, &kFerundEeprom}) {
-        std::string erased(memory_size(config, *spec), '\xff');
-        ok = ok && write_file(board_dir + "/" + spec->file, erased);
+    for (const MemoryLayout *layout : {&kBank1, &kBank2, &kOwnEeprom, &kFerundEeprom}) {
+        std::string erased(memory_size(config, *layout), '\xff');
+        ok = ok && write_file(board_dir + "/" + layout->file, erased);
     }
     return ok;
 }
