@@ -202,10 +202,19 @@ bool pio_register_bit(int pin, PioRegisterBit *where) {
     return true;
 }
 
-int get_pio(int pin, uint32_t *level) {
+namespace {
+
+// Reads the pin's bank register inside the mapped pin window and gives the pin's level, or with
+// a new level writes the register back with the pin's bit changed. -1, with the message, for a
+// pin that does not exist, a new level other than 0 and 1, or a window that cannot be mapped.
+int access_pio(int pin, const uint8_t *new_level, uint32_t *level) {
     PioRegisterBit where;
     if (!pio_register_bit(pin, &where)) {
         report_bad_argument("pin", pin);
+        return -1;
+    }
+    if (new_level != nullptr && *new_level > 1) {
+        report_bad_argument("level", *new_level);
         return -1;
     }
     MappedWindow window(SYS_WINDOW_S5LP);
@@ -214,30 +223,23 @@ int get_pio(int pin, uint32_t *level) {
         return -1;
     }
     uint32_t value = sys_reg_read(where.address);
-    if (level != nullptr)
+    if (new_level != nullptr) {
+        value = (value & ~(1u << where.bit)) | (static_cast<uint32_t>(*new_level) << where.bit);
+        sys_reg_write(where.address, value);
+    } else if (level != nullptr) {
         *level = (value >> where.bit) & 1;
+    }
     return 0;
 }
 
+} // namespace
+
+int get_pio(int pin, uint32_t *level) {
+    return access_pio(pin, nullptr, level);
+}
+
 int set_pio(int pin, uint8_t level) {
-    PioRegisterBit where;
-    if (!pio_register_bit(pin, &where)) {
-        report_bad_argument("pin", pin);
-        return -1;
-    }
-    if (level > 1) {
-        report_bad_argument("level", level);
-        return -1;
-    }
-    MappedWindow window(SYS_WINDOW_S5LP);
-    if (!window.mapped()) {
-        report_window_failure();
-        return -1;
-    }
-    uint32_t value = sys_reg_read(where.address);
-    value = (value & ~(1u << where.bit)) | (static_cast<uint32_t>(level) << where.bit);
-    sys_reg_write(where.address, value);
-    return 0;
+    return access_pio(pin, &level, nullptr);
 }
 
 int PIO_BitRead(int pin, uint8_t *level) {

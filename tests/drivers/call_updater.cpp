@@ -12,25 +12,15 @@
 #include <dlfcn.h>
 
 int main(int argc, char **argv) {
-    if (dlsym(RTLD_DEFAULT, "tvsim_attach") == nullptr) {
-        fputs("call_updater: runs only on a simulated board (tvsim --board DIR -- ...)\n", stderr);
-        return 2;
-    }
-    if (argc != 5) {
-        fputs("usage: call_updater tvm_eeprom|tvm_hex DIR MODEL NUMBER\n", stderr);
+    if (dlsym(RTLD_DEFAULT, "tvsim_attach") == nullptr || argc != 5) {
+        fputs("usage: tvsim --board DIR -- call_updater tvm_eeprom|tvm_hex DIR MODEL NUMBER\n",
+              stderr);
         return 2;
     }
     const char *model = strcmp(argv[3], "-") == 0 ? nullptr : argv[3];
     int number = atoi(argv[4]);
-    int result;
-    if (strcmp(argv[1], "tvm_eeprom") == 0) {
-        result = Update_TVMEeprom(argv[2], model, number);
-    } else if (strcmp(argv[1], "tvm_hex") == 0) {
-        result = Update_TVMHex(argv[2], model, number);
-    } else {
-        fprintf(stderr, "call_updater: no updater %s\n", argv[1]);
-        return 2;
-    }
+    int result = strcmp(argv[1], "tvm_hex") == 0 ? Update_TVMHex(argv[2], model, number)
+                                                 : Update_TVMEeprom(argv[2], model, number);
     printf("result %d\n", result);
     return result == 0 ? 0 : 1;
 }

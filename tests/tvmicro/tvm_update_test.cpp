@@ -1,233 +1,178 @@
+// The microcontroller's commands, firmware and EEPROM ones alike, over a link driven by the test.
+#include "eeprom/eep_update.h"
 #include "tvmicro/tvm_update.h"
 
-#include "scripted_link.h"
-
-#include <functional>
 #include <gtest/gtest.h>
+#include <numeric>
+#include <string>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vector>
 
 namespace {
 
-using testlink::bytes;
-using testlink::Bytes;
-using testlink::hex;
-using testlink::reply;
-using testlink::ScriptedLink;
+using Bytes = std::vector<uint8_t>;
 
-Bytes counting_block() {
-    Bytes block(64);
-    for (size_t i = 0; i < block.size(); ++i)
-        block[i] = static_cast<uint8_t>(i);
-    return block;
+Bytes operator+(Bytes a, const Bytes &b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
 }
 
-TEST(MicrocontrollerCommands, SendTheirFramesAndReadTheirResults) {
-    static const Bytes block = counting_block();
-    struct Case {
-        const char *what;
-        std::function<int(int)> call;
-        std::string frame;
-        Bytes answer;
-        int result;
-    } cases[] = {
-        {"status, bank 2 bit", tvm_GetStatus, "3a02215d",
-         reply(22, 0x21, 0, {0, 0, 0, 0, 0, 0, 0, 0, 0x10}), 2},
-        {"status, more bits", tvm_GetStatus, "3a02215d",
-         reply(22, 0x21, 0, {0, 0, 0, 0, 0, 0, 0, 0, 0x30}), 2},
-        {"status, all bits", tvm_GetStatus, "3a02215d",
-         reply(22, 0x21, 0, {0, 0, 0, 0, 0, 0, 0, 0, 0xFF}), 2},
-        {"status, no bit", tvm_GetStatus, "3a02215d", reply(22, 0x21, 0), 1},
-        {"status, all but it", tvm_GetStatus, "3a02215d",
-         reply(22, 0x21, 0, {0, 0, 0, 0, 0, 0, 0, 0, 0xEF}), 1},
-        {"version, no acknowledge needed", tvm_GetSoftwareVersion, "3a022864",
-         reply(6, 0x28, 0x00, {0x42}), 0x42},
-        {"ID, first bytes not examined", tvm_GetMicroID, "3a0283bf",
-         testlink::sealed({0, 0, 0, 0, 0xFF}), 0xFF},
-        {"set port", [](int fd) { return tvmuio_SetPort(fd, 1, 0x04); }, "3a0416010459",
-         reply(5, 0x16, 0x30), 0},
-        {"clear port", [](int fd) { return tvmuio_ClearPort(fd, 1, 0x04); }, "3a041801045b",
-         reply(5, 0x18, 0x30), 0},
-        {"writing mode", tvm_SetFlashWritingMode, "3a03c101ff", reply(5, 0xC1, 0x30), 0},
-        {"guard dog, mode 0", [](int fd) { return tvm_SetGuarddogTime(fd, 0); }, "3a04230078d9",
-         reply(5, 0x23, 0x30), 0},
-        {"guard dog, mode 1", [](int fd) { return tvm_SetGuarddogTime(fd, 1); }, "3a04230178da",
-         reply(5, 0x23, 0x30), 0},
-        {"erase bank 1", [](int fd) { return tvm_EraseFlash(fd, 1); }, "3a03c30101",
-         reply(5, 0xC3, 0x30), 0},
-        {"erase bank 2", [](int fd) { return tvm_EraseFlash(fd, 2); }, "3a03c30202",
-         reply(5, 0xC3, 0x30), 0},
-        {"erase bank 0 sends nothing", [](int fd) { return tvm_EraseFlash(fd, 0); }, "", {}, -1},
-        {"checksum bank 1", [](int fd) { return int{tvm_GetFlashCheckSum(fd, 1)}; }, "3a03c20100",
-         reply(7, 0xC2, 0x30, {0x12, 0x34}), 0x1234},
-        {"checksum bank 2", [](int fd) { return int{tvm_GetFlashCheckSum(fd, 2)}; }, "3a03c20201",
-         reply(7, 0xC2, 0x30, {0xAB, 0xCD}), 0xABCD},
-        {"close write, sum 0", tvm_CloseWriteFlash, "3a02c400", reply(5, 0xC4, 0x30), 0},
-        {"block at 0xC000", [](int fd) { return tvm_WriteFlash(fd, 0xC000, block.data()); },
-         "3a45c000c000" + hex(block) + "df", reply(5, 0xC0, 0x30), 0},
-        {"block address cut to 24 bits",
-         [](int fd) { return tvm_WriteFlash(fd, 0x0112C000, block.data()); },
-         "3a45c012c000" + hex(block) + "f1", reply(5, 0xC0, 0x30), 0},
-        {"block without data sends nothing",
-         [](int fd) { return tvm_WriteFlash(fd, 0, nullptr); },
-         "",
-         {},
-         -1},
-    };
-    for (const Case &c : cases) {
-        ScriptedLink link;
-        link.queue(c.answer);
-        EXPECT_EQ(c.call(link.fd()), c.result) << c.what;
-        EXPECT_EQ(hex(link.sent()), c.frame) << c.what;
+std::string hex(const Bytes &bytes) {
+    std::string text;
+    for (uint8_t b : bytes)
+        text += std::string(1, "0123456789abcdef"[b >> 4]) + "0123456789abcdef"[b & 0xF];
+    return text;
+}
+
+// A reply of n bytes: start byte, length, code, acknowledge byte, the given bytes padded with
+// zeros, and the sum of them all.
+Bytes reply(size_t n, uint8_t code, uint8_t ack = 0x30, const Bytes &from4 = {}) {
+    Bytes r = Bytes{0x3A, static_cast<uint8_t>(n - 2), code, ack} + from4;
+    r.resize(n - 1);
+    return r + Bytes(1, static_cast<uint8_t>(std::accumulate(r.begin(), r.end(), 0)));
+}
+
+// The tool's end is one side of a socket pair that never blocks (a read with nothing queued
+// returns at once, like the driver after its time-out); the test queues the microcontroller's
+// replies on the other side and collects what was sent.
+struct ScriptedLink {
+    int fds[2] = {-1, -1};
+    ScriptedLink() { socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fds); }
+    ~ScriptedLink() {
+        close(fds[0]);
+        close(fds[1]);
     }
-}
+    void queue(const Bytes &b) {
+        EXPECT_EQ(write(fds[1], b.data(), b.size()), static_cast<ssize_t>(b.size()));
+    }
+    std::string sent() {
+        uint8_t buf[8192];
+        ssize_t n = read(fds[1], buf, sizeof buf);
+        return hex(Bytes(buf, buf + (n > 0 ? n : 0)));
+    }
+};
 
-std::string repeated(const std::function<std::string(int)> &line, int from, int to) {
+// For each send from first to before last: what every send gives, then its own line.
+std::string sends(int first, int last, const std::string &each, const char *own) {
     std::string out;
-    for (int i = from; i < to; ++i)
-        out += line(i);
+    char line[128];
+    for (int t = first; t < last; ++t) {
+        snprintf(line, sizeof line, own, t);
+        out += each + line;
+    }
     return out;
 }
 
-char digit(int i) {
-    return "0123456789abcdef"[i];
+// One command on a link with these replies queued: what it returns and prints, and its frame,
+// sent `times` times.
+struct Exchange {
+    std::string frame;
+    int times;
+    int result;
+    int (*call)(int fd);
+    Bytes replies;
+    std::string output = "";
+};
+
+const uint8_t kTwoBytes[] = {0x12, 0x34};
+
+// The result, or 99 when the read filled more of the buffer than its length, or other bytes.
+int read_four(int fd) {
+    uint8_t buf[8] = {0, 0, 0, 0, 0xEE, 0xEE, 0xEE, 0xEE};
+    int result = ReadEeprom(fd, 0x0140, buf, 4);
+    return hex(Bytes(buf, buf + 8)) == "11111111eeeeeeee" ? result : 99;
 }
+
+const Bytes kBlockData(64, 0xA5);
+const std::string kBlock = "3a45c012c000" + hex(kBlockData) + "51"; // address cut to 24 bits
+const std::string kFerund = "3a45b70101401234" + hex(Bytes(62, 0xFF)) + "80"; // padded block
 
 int write_block(int fd) {
-    static const Bytes block = counting_block();
-    return tvm_WriteFlash(fd, 0, block.data());
+    return tvm_WriteFlash(fd, 0x0112C000, kBlockData.data());
+}
+int write_ferund(int fd) {
+    return WriteEeprom(fd, 0x0140, kTwoBytes, 2, 1);
 }
 
-int checksum_bank_2(int fd) {
-    return tvm_GetFlashCheckSum(fd, 2);
-}
-
-std::string block_lines(int) {
-    return repeated(
-        [](int r) {
-            return std::string("Uart Ack **ERROR** Cmd = 3a 45 c0, resp try = ") + digit(r) + "\n";
-        },
-        0, 11);
-}
-
-// Replies that never come, or come refused, are read again or resent as each exchange form
-// allows, with the command's messages.
-TEST(ExchangeForms, RetryAsTheirFormAllows) {
-    struct Case {
-        const char *what;
-        std::function<int(int)> call;
-        std::vector<Bytes> answers;
-        size_t frames_sent;
-        int result;
-        std::string output;
-    } cases[] = {
-        {"single: nine refusals, then accepted",
-         tvm_SetFlashWritingMode,
-         {Bytes(9 * 5, 0), reply(5, 0xC1, 0x30)},
-         10,
-         0,
-         ""},
-        {"single: ten refusals", tvm_SetFlashWritingMode, {Bytes(10 * 5, 0)}, 10, -1, ""},
-        {"single: 0x00 is no acknowledge",
-         tvm_SetFlashWritingMode,
-         {reply(5, 0xC1, 0x00), reply(5, 0xC1, 0x30)},
-         2,
-         0,
-         ""},
-        {"waiting: a failed read is read again, not resent",
-         tvm_CloseWriteFlash,
-         {Bytes{1, 2, 3, 4, 5}, reply(5, 0xC4, 0x30)},
-         1,
-         0,
+// Each command sends its frame and reads its result from the reply it accepts. Replies that never
+// come, or come refused, are read again or the frame is sent again as the command's exchange
+// form allows, with the form's messages.
+TEST(MicrocontrollerCommands, SendTheirFramesAndRetryAsTheirFormAllows) {
+    const Exchange cases[] = {
+        // the running bank: 2 only with bit 0x10 of reply byte 12
+        {"3a02215d", 1, 1, tvm_GetStatus, reply(22, 0x21, 0, Bytes(9, 0xEF))},
+        // a query needs no acknowledge and examines only its byte 4
+        {"3a0283bf", 1, 0xFF, tvm_GetMicroID, reply(6, 0xEE, 0xEE, {0xFF})},
+        {"3a0416010459", 1, 0, [](int fd) { return tvmuio_SetPort(fd, 1, 4); }, reply(5, 0x16)},
+        {"3a041801045b", 1, 0, [](int fd) { return tvmuio_ClearPort(fd, 1, 4); }, reply(5, 0x18)},
+        {"3a04230178da", 1, 0, [](int fd) { return tvm_SetGuarddogTime(fd, 1); }, reply(5, 0x23)},
+        {"", 0, -1, [](int fd) { return tvm_EraseFlash(fd, 0); }, Bytes()},
+        {"3a022b6700", 1, 0, [](int fd) { return tvm_PowerOnOff(fd, 1); }, reply(5, 0x2B)},
+        {"3a022c6800", 1, 0, [](int fd) { return tvm_PowerOnOff(fd, 0); }, reply(5, 0x2C)},
+        // single: send and read, ten times; 0x00 is no acknowledge
+        {"3a03c101ff", 2, 0, tvm_SetFlashWritingMode, reply(5, 0xC1, 0) + reply(5, 0xC1)},
+        {"3a03c101ff", 10, -1, tvm_SetFlashWritingMode, Bytes(10 * 5, 0)},
+        // waiting: a failed read is read again, ten times a send; a refusal is sent again (as the
+        // faults on the simulated board show)
+        {"3a02c400", 1, 0, tvm_CloseWriteFlash, Bytes{1, 2, 3, 4, 5} + reply(5, 0xC4),
          "Uart NG Cmd = c4,0\n"},
-        {"waiting: a refusal is resent",
-         [](int fd) { return tvm_EraseFlash(fd, 1); },
-         {reply(5, 0xC3, 0x31), reply(5, 0xC3, 0x30)},
-         2,
-         0,
-         "Uart Ack **ERROR** Cmd = 3a 03 c3,0\n"},
-        {"waiting: never answered, 100 reads",
-         [](int fd) { return tvm_EraseFlash(fd, 2); },
-         {},
-         10,
-         -1,
-         repeated(
-             [](int t) {
-                 return repeated(
-                            [](int r) {
-                                return std::string(
-                                           "**ERROR** Uart Not Return Cmd = 03 c3, retry = ") +
-                                       digit(r) + "\n";
-                            },
-                            0, 10) +
-                        "Uart Return Timeout Cmd = 3a 03 c3," + digit(t) + "\n";
-             },
-             0, 10)},
-        {"block: a refusal is read again, not resent",
-         write_block,
-         {reply(5, 0xC0, 0x31), reply(5, 0xC0, 0x30)},
-         1,
-         0,
+        {"3a03c30202", 10, -1, [](int fd) { return tvm_EraseFlash(fd, 2); }, Bytes(),
+         sends(0, 10, sends(0, 10, "", "**ERROR** Uart Not Return Cmd = 03 c3, retry = %x\n"),
+               "Uart Return Timeout Cmd = 3a 03 c3,%x\n")},
+        // block: a refusal is read again; after ten reads the block is sent again, five times
+        {kBlock, 1, 0, write_block, reply(5, 0xC0, 0x31) + reply(5, 0xC0),
          "Uart Ack **ERROR** Cmd = 3a 45 c0, resp try = 0\n"},
-        {"block: ten refused reads, then sent again",
-         write_block,
-         {Bytes(50, 0), reply(5, 0xC0, 0x30)},
-         2,
-         0,
-         block_lines(0)},
-        {"block: five sends of ten reads", write_block, {}, 5, -1, repeated(block_lines, 0, 5)},
-        {"value: a refusal is resent",
-         checksum_bank_2,
-         {reply(7, 0xC2, 0x31, {0x12, 0x34}), reply(7, 0xC2, 0x30, {0x12, 0x34})},
-         2,
-         0x1234,
-         "Uart Ack  ERROR: buf[3]=0x31, buf[4]=0x12 ,ret= 0x0  \n"},
-        {"value: ten tries",
-         checksum_bank_2,
-         {Bytes{0x3A}},
-         10,
-         0xFFFF,
-         repeated(
-             [](int t) { return std::string("Uart Not Return Cmd = 3a 03 c2,") + digit(t) + "\n"; },
-             0, 10)},
+        {kBlock, 5, -1, write_block, Bytes(),
+         sends(0, 5, sends(0, 11, "", "Uart Ack **ERROR** Cmd = 3a 45 c0, resp try = %x\n"), "")},
+        // value: send and read, ten times
+        {"3a03c20201", 10, 0xFFFF, [](int fd) { return int{tvm_GetFlashCheckSum(fd, 2)}; },
+         reply(7, 0xC2, 0x31, {0x12, 0x34}),
+         "Uart Ack  ERROR: buf[3]=0x31, buf[4]=0x12 ,ret= 0x0  \n" +
+             sends(1, 10, "", "Uart Not Return Cmd = 3a 03 c2,%x\n")},
+        // EEPROM write: refused and busy replies are read again, ten times a send, five sends
+        {kFerund, 1, 0, write_ferund,
+         reply(6, 0xB7, 0x31) + reply(6, 0xB7, 0x30, {1}) + reply(6, 0xB7, 0x30),
+         "Uart Ack **ERROR** Cmd = b7, resp try = 0\nEEP_WriteData Data0 = 1 : retrying 1\n"},
+        {kFerund, 5, -1, write_ferund, Bytes(),
+         sends(0, 5, sends(0, 10, "", "Uart Ack **ERROR** Cmd = b7, resp try = %x\n"),
+               "Uart Not Return **ERROR** Cmd = b7, write try = %x\n")},
+        // EEPROM read: send and read, ten times; a refused reply's data is taken all the same
+        {"3a06b80040014079", 10, -1, read_four, reply(70, 0xB8, 0x31, Bytes(65, 0x11)),
+         "Uart Ack  ERROR: buf[3]=0x31, buf[4]=0x11 ,ret= 0x0  \n" +
+             sends(1, 10, "", "Uart Not Return Cmd = b8,%x\n")},
     };
-    for (const Case &c : cases) {
+    for (const Exchange &c : cases) {
+        SCOPED_TRACE(testing::Message() << "case " << &c - cases);
         ScriptedLink link;
-        for (const Bytes &a : c.answers)
-            link.queue(a);
+        link.queue(c.replies);
         testing::internal::CaptureStdout();
-        EXPECT_EQ(c.call(link.fd()), c.result) << c.what;
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), c.output) << c.what;
-        Bytes sent = link.sent();
-        EXPECT_EQ(sent.size(), c.frames_sent * (sent.size() > 1 ? sent[1] + 2u : 1)) << c.what;
+        EXPECT_EQ(c.call(link.fds[0]), c.result);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), c.output);
+        EXPECT_EQ(link.sent(), sends(0, c.times, c.frame, ""));
     }
 }
 
+// Replies of 1 to 255 bytes, read whole and checked; any other length reads nothing.
 TEST(InUat, TakesExactlyTheReplyLengthAndChecksIt) {
     ScriptedLink link;
     uint8_t buf[5] = {};
-    Bytes good = reply(5, 0xC4, 0x30);
+    Bytes good = reply(5, 0xC4);
+    link.queue(good);
+    EXPECT_EQ(in_uat(link.fds[0], buf, 256), -1);
+    EXPECT_EQ(in_uat(link.fds[0], buf, 0), -1);
+    EXPECT_EQ(in_uat(link.fds[0], buf, 5), 0);
     // A reply cut short is no reply; its late remainder then spoils the next one.
     link.queue(Bytes(good.begin(), good.begin() + 3));
-    EXPECT_EQ(in_uat(link.fd(), buf, 5), -1);
-    link.queue(Bytes(good.begin() + 3, good.end()));
-    link.queue(good);
-    EXPECT_EQ(in_uat(link.fd(), buf, 5), -1);
-    link.discard_unread();
-    // Any first bytes pass when the checksum matches them.
-    link.queue(testlink::sealed({0xFF, 0xEE, 0xDD, 0x30}));
-    EXPECT_EQ(in_uat(link.fd(), buf, 5), 0);
-    EXPECT_EQ(in_uat(-1, buf, 5), -1);
-    EXPECT_EQ(in_uat(link.fd(), nullptr, 5), -1);
-    EXPECT_EQ(in_uat(link.fd(), buf, 256), -1);
-    EXPECT_EQ(out_uat(link.fd(), nullptr, 4), -1);
-    EXPECT_EQ(out_uat(-1, buf, 4), 0);
+    EXPECT_EQ(in_uat(link.fds[0], buf, 5), -1);
+    link.queue(Bytes(good.begin() + 3, good.end()) + good);
+    EXPECT_EQ(in_uat(link.fds[0], buf, 5), -1);
 }
 
 TEST(LinkRate, DunlyModelsGetTheFastRate) {
     EXPECT_EQ(tvm_link_rate("DUNLY"), 208333);
-    EXPECT_EQ(tvm_link_rate("DUNLY55X"), 208333);
-    EXPECT_EQ(tvm_link_rate("dunly55"), 128906);
-    EXPECT_EQ(tvm_link_rate("DUNL"), 128906);
-    EXPECT_EQ(tvm_link_rate(nullptr), 128906);
+    for (const char *other : {"dunly55", "DUNL", static_cast<const char *>(nullptr)})
+        EXPECT_EQ(tvm_link_rate(other), 128906) << (other != nullptr ? other : "no name");
 }
 
 } // namespace
