@@ -31,15 +31,15 @@ auto on_device(tvsim::Device *device, Call call) -> decltype(call(device)) {
     }
 }
 
-int device_ioctl(int fd, unsigned long request, uintptr_t arg, bool *handled) {
-    Hook hook;
-    tvsim::Device *device = program_device(hook, fd);
-    *handled = device != nullptr;
-    if (device == nullptr) {
-        hook.restore_errno();
-        return -1;
+// A request on a board device reaches its model; any other goes to the C library.
+template <typename RealIoctl>
+int ioctl_on_board(RealIoctl real, int fd, unsigned long request, uintptr_t arg) {
+    {
+        Hook hook;
+        if (tvsim::Device *device = program_device(hook, fd))
+            return on_device(device, [&](tvsim::Device *d) { return d->ioctl(request, arg); });
     }
-    return on_device(device, [&](tvsim::Device *d) { return d->ioctl(request, arg); });
+    return real(fd, request, arg);
 }
 
 uintptr_t third_argument(va_list ap) {
@@ -107,9 +107,7 @@ int ioctl(int fd, unsigned long request, ...) {
     va_start(ap, request);
     uintptr_t arg = third_argument(ap);
     va_end(ap);
-    bool handled = false;
-    int result = device_ioctl(fd, request, arg, &handled);
-    return handled ? result : TVSIM_REAL(ioctl)(fd, request, arg);
+    return ioctl_on_board(TVSIM_REAL(ioctl), fd, request, arg);
 }
 
 #if defined(__arm__)
@@ -119,9 +117,7 @@ int __ioctl_time64(int fd, unsigned long request, ...) {
     va_start(ap, request);
     uintptr_t arg = third_argument(ap);
     va_end(ap);
-    bool handled = false;
-    int result = device_ioctl(fd, request, arg, &handled);
-    return handled ? result : TVSIM_REAL(__ioctl_time64)(fd, request, arg);
+    return ioctl_on_board(TVSIM_REAL(__ioctl_time64), fd, request, arg);
 }
 #endif
 
