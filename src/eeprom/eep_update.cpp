@@ -2,6 +2,7 @@
 
 #include "common/holders.h"
 #include "hw/utils.h"
+#include "run/main.h"
 #include "tvmicro/tvm_update.h"
 
 #include <cstring>
@@ -13,7 +14,6 @@ uint8_t eep_rom_buf[kEepRomSize];
 
 namespace {
 
-constexpr const char *kControlDevice = "/dev/cn_user";
 constexpr const char *kTvmTextPrefix = "TVM_DATA";
 constexpr int kTvmLineSize = 64;
 

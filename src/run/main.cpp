@@ -24,7 +24,6 @@ void show_progress(uint32_t total, uint32_t done) {
 
 namespace {
 
-constexpr const char *kControlDevice = "/dev/cn_user";
 constexpr const char *kApplicationScript = "./update/update_tool.sh /tmp/boot/update_mode.conf";
 
 // What every updater may be handed.

@@ -3,7 +3,8 @@
 
 #include <cstdint>
 
-// Descriptor of the board control device, open for the whole run.
+// The board control device, and its descriptor, open for the whole run.
+inline constexpr const char kControlDevice[] = "/dev/cn_user";
 extern int cn_user_fd;
 
 // Prints " %3d %%" for done/total and six backspaces, so the next call overwrites it.

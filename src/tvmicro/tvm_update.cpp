@@ -2,6 +2,7 @@
 
 #include "common/holders.h"
 #include "hw/utils.h"
+#include "run/main.h"
 
 #include <cstring>
 #include <dirent.h>
@@ -153,7 +154,6 @@ int store_data_record(const char *line, int width, ImageBase *base) {
 
 // --- firmware programming ------------------------------------------------------------------
 
-constexpr const char *kControlDevice = "/dev/cn_user";
 constexpr const char *kFirmwareName = "tvm.mot";
 constexpr int kHeaderLineSize = 30;
 constexpr int kLineSize = 256;
