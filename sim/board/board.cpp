@@ -275,6 +275,10 @@ int Board::mount(std::string_view source, std::string_view target, std::string_v
         return fail(ENOENT);
     if (!S_ISDIR(st.st_mode))
         return fail(ENOTDIR);
+    for (const json &m : state_["mounts"]) {
+        if (m["source"] == source && m["target"] == normal_target)
+            return fail(EBUSY); // already mounted there
+    }
     if (const json *f = take_fault("mount", std::string(source) + " " + normal_target))
         return fail(errno_from_name(f->value("errno", json("EIO"))));
 
@@ -332,8 +336,10 @@ std::unique_ptr<Device> Board::open_device(std::string_view path, int flags, int
                                                open_microcontroller, open_mtd_device};
     *err = ENOENT;
     for (Opener open : kDeviceModels) {
-        if (auto device = open(*this, path, flags, err))
+        if (auto device = open(*this, path, flags, err)) {
+            device->set_open_flags(flags);
             return device;
+        }
     }
     return nullptr;
 }

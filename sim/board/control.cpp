@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 
 namespace tvsim {
 
@@ -22,12 +23,20 @@ struct MapRequestRecord {
 };
 static_assert(sizeof(MapRequestRecord) == 24);
 
-const SocWindow *window_named(std::string_view name) {
-    for (const SocWindow &w : kSocWindows) {
-        if (name == w.name)
-            return &w;
+constexpr size_t kWindowCount = std::size(kSocWindows);
+
+// The file offset the driver hands out for window i: its own numbering, unrelated to the
+// window's physical address, so a program must use what the request returned.
+constexpr uint32_t driver_offset(size_t i) {
+    return static_cast<uint32_t>((i + 1) << 20);
+}
+
+size_t window_index(std::string_view name) {
+    for (size_t i = 0; i < kWindowCount; ++i) {
+        if (name == kSocWindows[i].name)
+            return i;
     }
-    return nullptr;
+    return kWindowCount;
 }
 
 class ControlDevice : public Device {
@@ -45,10 +54,10 @@ public:
                    {"phys_addr", record->phys_addr},
                    {"size", record->size},
                    {"flags", record->flags}};
-        const SocWindow *window = window_named(name);
+        size_t index = window_index(name);
         int err = 0;
-        if (window == nullptr || window->phys_base != record->phys_addr ||
-            window->size != record->size)
+        if (index == kWindowCount || kSocWindows[index].phys_base != record->phys_addr ||
+            kSocWindows[index].size != record->size)
             err = EINVAL;
         else if (const json *fault = board_.take_fault("map_request", name))
             err = errno_from_name(fault->value("errno", json("EIO")));
@@ -58,15 +67,17 @@ public:
             errno = err;
             return -1;
         }
-        record->offset = window->phys_base;
+        record->offset = driver_offset(index);
+        requested_[index] = true;
         event["offset"] = record->offset;
         board_.trace("map_request", event);
         return 0;
     }
 
     DeviceMapping map(int64_t offset, size_t length) override {
-        for (const SocWindow &w : kSocWindows) {
-            if (offset != w.phys_base || length == 0 || length > w.size)
+        for (size_t i = 0; i < kWindowCount; ++i) {
+            const SocWindow &w = kSocWindows[i];
+            if (!requested_[i] || offset != driver_offset(i) || length == 0 || length > w.size)
                 continue;
             DeviceMapping mapping;
             if (const json *fault = board_.take_fault("mmap", w.name)) {
@@ -83,6 +94,9 @@ public:
         errno = EINVAL;
         return {};
     }
+
+private:
+    bool requested_[kWindowCount] = {}; // windows this descriptor has asked for
 };
 
 } // namespace

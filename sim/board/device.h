@@ -72,8 +72,15 @@ public:
     // Called once when the program closes its descriptor.
     virtual void close() {}
 
+    // The flags the node was opened with (O_RDWR, O_NONBLOCK, ...).
+    int open_flags() const { return open_flags_; }
+    void set_open_flags(int flags) { open_flags_ = flags; }
+
 protected:
     Board &board_;
+
+private:
+    int open_flags_ = 0;
 };
 
 } // namespace tvsim

@@ -195,10 +195,13 @@ public:
     }
 
     // Waits until count bytes have arrived or the driver's time-out passes, and returns what
-    // has arrived by then.
+    // has arrived by then. Opened with O_NONBLOCK it does not wait: it returns what has arrived
+    // already, or fails with EAGAIN when nothing has.
     ssize_t read(void *buf, size_t count) override {
         uint64_t now = board_.now_ns();
-        uint64_t deadline = now + setting(board_, "read_timeout_ms", 500) * kNsPerMs;
+        bool nonblocking = (open_flags() & O_NONBLOCK) != 0;
+        uint64_t deadline =
+            nonblocking ? now : now + setting(board_, "read_timeout_ms", 500) * kNsPerMs;
         uint8_t *out = static_cast<uint8_t *>(buf);
         size_t got = 0;
         uint64_t last = now;
@@ -210,6 +213,10 @@ public:
         board_.advance_ns((got == count ? last : deadline) - now);
         if (got < count)
             board_.trace("uart_read", {{"asked", count}, {"got", got}});
+        if (got == 0 && nonblocking && count > 0) {
+            errno = EAGAIN;
+            return -1;
+        }
         return static_cast<ssize_t>(got);
     }
 
@@ -247,16 +254,27 @@ private:
         return number == 2 ? 0x30000 : 0x10000;
     }
 
-    // Splits what has arrived into frames; bytes before a start byte are line noise.
+    // The power commands are sent as 5 bytes: their 4-byte frame and a 0x00 after it.
+    static bool padded(uint8_t code) { return code == 0x2B || code == 0x2C; }
+
+    // Splits what has arrived into frames; bytes before a start byte are line noise. A frame
+    // that must be followed by a pad byte is taken only once that byte has arrived, and only
+    // when it is 0x00.
     void take_frames() {
         for (;;) {
             auto start = std::find(received_.begin(), received_.end(), kStart);
             received_.erase(received_.begin(), start);
-            if (received_.size() < 2 || received_.size() < size_t{received_[1]} + 2)
+            if (received_.size() < 3)
                 return;
-            Bytes frame(received_.begin(), received_.begin() + received_[1] + 2);
-            received_.erase(received_.begin(), received_.begin() + received_[1] + 2);
-            if (frame[1] < 2 || checksum(frame.data(), frame.size() - 1) != frame.back()) {
+            size_t length = size_t{received_[1]} + 2;
+            size_t pad = padded(received_[2]) ? 1 : 0;
+            if (received_.size() < length + pad)
+                return;
+            Bytes frame(received_.begin(), received_.begin() + static_cast<long>(length + pad));
+            received_.erase(received_.begin(), received_.begin() + static_cast<long>(length + pad));
+            bool pad_ok = pad == 0 || frame.back() == 0x00;
+            frame.resize(length);
+            if (frame[1] < 2 || !pad_ok || checksum(frame.data(), length - 1) != frame.back()) {
                 board_.trace("uart_bad_frame", {{"bytes", hex(frame.data(), frame.size())}});
                 continue;
             }
@@ -270,6 +288,7 @@ private:
                      {{"cmd", command.name}, {"bytes", hex(frame.data(), frame.size())}});
         const uint8_t *params = frame.data() + 3;
         size_t count = frame.size() - 4;
+        watch_guard_dog();
         Outcome outcome;
         if (const json *f = board_.take_fault("uart_nak", command.name)) {
             outcome.ack = static_cast<uint8_t>(f->value("ack", int{kNak}));
@@ -340,8 +359,7 @@ private:
         case 0xC1:
             return writing_mode(p[0]);
         case 0x23:
-            state()["guard_dog"] = {{"mode", p[0]}, {"seconds", p[1]}};
-            return Outcome{};
+            return set_guard_dog(p[0], p[1]);
         case 0xC3:
             return erase(p[0]);
         case 0xC0:
@@ -360,7 +378,8 @@ private:
         case 0xB7:
             return eeprom_write(p[0], static_cast<size_t>(p[1] << 8 | p[2]), p + 3);
         case 0xB8:
-            return eeprom_read(p[1], static_cast<size_t>(p[2] << 8 | p[3]));
+            return p[0] == 0 ? eeprom_read(p[1], static_cast<size_t>(p[2] << 8 | p[3]))
+                             : refused(); // only its own EEPROM can be read
         default:
             return refused();
         }
@@ -385,8 +404,37 @@ private:
         if (on != 1)
             return refused();
         state()["writing_mode"] = true;
+        state()["write_closed"] = false;
         state()["erased_bank"] = 0;
+        state()["guard_dog_since_ns"] = board_.now_ns();
         return Outcome{};
+    }
+
+    // The guard dog runs from power-up with the board's default time; mode 1 sets its time in
+    // units of 100 ms, mode 0 stops it.
+    Outcome set_guard_dog(uint8_t mode, uint8_t tenths) {
+        if (mode > 1)
+            return refused();
+        state()["guard_dog"] = {{"on", mode == 1}, {"ms", uint64_t{tenths} * 100}};
+        state()["guard_dog_since_ns"] = board_.now_ns();
+        return Outcome{};
+    }
+
+    // While writing mode leaves its main loop idle, nothing feeds the guard dog: once its time
+    // has passed the microcontroller resets, which ends writing mode (and everything else a
+    // power cycle ends) and starts it again from the bank it runs.
+    void watch_guard_dog() {
+        if (!flag("writing_mode"))
+            return;
+        const json &dog = member(state(), "guard_dog");
+        bool on = dog.is_object() ? dog.value("on", true) : true;
+        uint64_t ms =
+            dog.is_object() ? dog.value("ms", uint64_t{0}) : setting(board_, "guard_dog_ms", 2000);
+        uint64_t since = state().value("guard_dog_since_ns", uint64_t{0});
+        if (!on || board_.now_ns() < since + ms * kNsPerMs)
+            return;
+        board_.trace("guard_dog_reset", {{"after_ms", ms}});
+        power_cycle_microcontroller(board_);
     }
 
     // Only the bank that is not running can be erased, and only in writing mode.
@@ -419,10 +467,13 @@ private:
         return Outcome{kAck, {static_cast<uint8_t>(sum >> 8), static_cast<uint8_t>(sum)}};
     }
 
+    // A close that repeats the one that ended writing mode (its reply was lost) is acknowledged
+    // again without effect; outside writing mode any other close is refused.
     Outcome close_write() {
         if (!flag("writing_mode"))
-            return refused();
+            return flag("write_closed") ? Outcome{} : refused();
         state()["writing_mode"] = false;
+        state()["write_closed"] = true;
         int erased = state().value("erased_bank", 0);
         if (erased != 0)
             state()["boot_bank"] = erased; // starts from the new firmware at the next power-up
@@ -486,7 +537,8 @@ json default_microcontroller_config() {
                 {"reply_delay_us", 200},
                 {"erase_ms", 300},
                 {"block_write_us", 1000},
-                {"eeprom_write_ms", 5}};
+                {"eeprom_write_ms", 5},
+                {"guard_dog_ms", 2000}};
 }
 
 bool create_microcontroller_files(const std::string &board_dir, const json &config) {

@@ -124,12 +124,34 @@ int fail(int err) {
     return -1;
 }
 
+// Requests the MTD character device allows on a descriptor opened read-only.
+bool safe_request(uint32_t request) {
+    switch (request) {
+    case MEMGETINFO:
+    case MEMGETREGIONCOUNT:
+    case MEMGETREGIONINFO:
+    case MEMGETBADBLOCK:
+    case MEMISLOCKED:
+    case MEMREADOOB:
+    case MEMREADOOB64:
+    case ECCGETLAYOUT:
+    case ECCGETSTATS:
+    case MTDFILEMODE:
+        return true;
+    default:
+        return false;
+    }
+}
+
 class MtdDevice : public Device {
 public:
-    MtdDevice(Board &board, Partition partition, bool writable)
-        : Device(board), p_(std::move(partition)), writable_(writable) {}
+    MtdDevice(Board &board, Partition partition, int access)
+        : Device(board), p_(std::move(partition)), readable_(access != O_WRONLY),
+          writable_(access != O_RDONLY) {}
 
     ssize_t read(void *buf, size_t count) override {
+        if (!readable_)
+            return fail(EBADF);
         if (pos_ >= p_.size)
             return 0;
         size_t n = static_cast<size_t>(std::min<uint64_t>(count, p_.size - pos_));
@@ -176,6 +198,8 @@ public:
     }
 
     int ioctl(unsigned long request, uintptr_t arg) override {
+        if (!writable_ && !safe_request(static_cast<uint32_t>(request)))
+            return fail(EPERM); // changing requests need a descriptor open for writing
         switch (static_cast<uint32_t>(request)) {
         case MEMGETINFO:
             *reinterpret_cast<mtd_info_user *>(arg) = info();
@@ -221,12 +245,12 @@ private:
         return i;
     }
 
+    // As the kernel's MTD layer: the range must lie inside the partition and on erase blocks
+    // (EINVAL); an empty range at a valid start erases nothing and succeeds.
     int erase(uint64_t start, uint64_t length) {
-        if (!writable_)
-            return fail(EBADF);
         json event{{"mtd", p_.name}, {"start", start}, {"length", length}};
         if (p_.erasesize == 0 || start % p_.erasesize != 0 || length % p_.erasesize != 0 ||
-            start + length > p_.size) {
+            start >= p_.size || length > p_.size - start) {
             event["errno"] = EINVAL;
             board_.trace("mtd_erase", event);
             return fail(EINVAL);
@@ -247,6 +271,8 @@ private:
 
     // A write clears bits only; an injected bad program inverts the cycle's first byte.
     void program(const uint8_t *data, size_t n) {
+        if (n == 0)
+            return;
         std::vector<uint8_t> cells(n);
         read_contents(p_, pos_, cells.data(), n);
         for (size_t i = 0; i < n; ++i)
@@ -259,6 +285,7 @@ private:
     }
 
     Partition p_;
+    bool readable_;
     bool writable_;
     uint64_t pos_ = 0;
     bool bad_program_ = false;
@@ -304,8 +331,7 @@ std::unique_ptr<Device> open_mtd_device(Board &board, std::string_view path, int
     int number = std::stoi(std::string(digits));
     for (Partition &p : present_partitions(board)) {
         if (p.number == number)
-            return std::make_unique<MtdDevice>(board, std::move(p),
-                                               (flags & O_ACCMODE) != O_RDONLY);
+            return std::make_unique<MtdDevice>(board, std::move(p), flags & O_ACCMODE);
     }
     return nullptr;
 }

@@ -15,6 +15,11 @@
 //   was supplied is applied as a write ("seen": "unmap"). This suffices for a program that
 //   maps a window around each access; a write of the value already there goes unseen.
 //
+// The kernel's rules come first: the board's register drivers map device memory shared only
+// (a private mapping is refused with EINVAL), a descriptor not open for reading cannot be
+// mapped and one open read-only cannot be mapped writable (EACCES). A window keeps the access
+// the program asked for: a store to a window mapped without PROT_WRITE faults, as on the board.
+//
 // A window lands at the address the program asks for when that range is free. A program built
 // with the address sanitizer keeps its shadow memory where the control device's windows live
 // (0x80000000 is shadow of the otherwise unused addresses 0x40000-0x60000); there the window
@@ -23,6 +28,7 @@
 
 #include <csignal>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <ucontext.h>
 
@@ -51,6 +57,7 @@ struct Window {
     size_t length;
     uint32_t phys_base;
     tvsim::RegisterSpace *registers;
+    int prot;             // the access the program mapped it with
     uint32_t *supplied;   // compared windows: the words as mapped
     bool replaced_shadow; // placed over the address sanitizer's shadow
 };
@@ -173,6 +180,11 @@ void on_window_fault(int sig, siginfo_t *info, void *context) {
     }
     uintptr_t word = reinterpret_cast<uintptr_t>(info->si_addr) & ~uintptr_t{3};
     bool write = (uc->uc_mcontext.gregs[REG_ERR] & kWriteFault) != 0;
+    if ((w->prot & (write ? PROT_WRITE : PROT_READ)) == 0) {
+        pass_on(sig, info, context, g_previous_segv); // the program's own fault
+        errno = saved_errno;
+        return;
+    }
     set_access(*w, PROT_READ | PROT_WRITE);
     if (!write) {
         // The fault comes from a plain load in the program, never from inside the C library,
@@ -248,6 +260,7 @@ void supply_values(Window &w) {
     }
     for (size_t i = 0; i < words; ++i)
         poke(w.addr + i * 4, w.supplied[i]);
+    mprotect(reinterpret_cast<void *>(w.addr), w.length, w.prot);
 }
 
 void apply_changed_words(const Window &w) {
@@ -266,8 +279,24 @@ std::string hex(uint64_t value) {
     return text;
 }
 
-void *map_device(Hook &hook, tvsim::Device *device, void *hint, size_t length, int fd,
-                 int64_t offset) {
+// errno the kernel gives a mapping of a device with these arguments, or 0.
+int mapping_refusal(const tvsim::Device &device, int prot, int flags) {
+    int type = flags & MAP_TYPE;
+    if (type != MAP_SHARED && type != MAP_SHARED_VALIDATE)
+        return EINVAL;
+    int access = device.open_flags() & O_ACCMODE;
+    if (access == O_WRONLY || (access == O_RDONLY && (prot & PROT_WRITE) != 0))
+        return EACCES;
+    return 0;
+}
+
+void *map_device(Hook &hook, tvsim::Device *device, void *hint, size_t length, int prot, int flags,
+                 int fd, int64_t offset) {
+    if (int err = mapping_refusal(*device, prot, flags)) {
+        hook.board().trace("mmap", {{"fd", fd}, {"errno", err}});
+        errno = err;
+        return MAP_FAILED;
+    }
     tvsim::DeviceMapping mapping = device->map(offset, length);
     if (!mapping.registers)
         return MAP_FAILED;
@@ -287,8 +316,13 @@ void *map_device(Hook &hook, tvsim::Device *device, void *hint, size_t length, i
     if (at == MAP_FAILED)
         return MAP_FAILED;
     Window &w = g_windows[g_window_count++];
-    w = {reinterpret_cast<uintptr_t>(at), length,  mapping.phys_base,
-         mapping.registers.release(),     nullptr, replaced_shadow};
+    w = {reinterpret_cast<uintptr_t>(at),
+         length,
+         mapping.phys_base,
+         mapping.registers.release(),
+         prot,
+         nullptr,
+         replaced_shadow};
     if (!observed)
         supply_values(w);
     return at;
@@ -302,7 +336,7 @@ void *mmap_on_board(RealMmap real, void *addr, size_t length, int prot, int flag
         tvsim::Device *device = hook.active() ? tvsim::interpose::device_at(fd) : nullptr;
         if (device != nullptr) {
             try {
-                return map_device(hook, device, addr, length, fd, offset);
+                return map_device(hook, device, addr, length, prot, flags, fd, offset);
             } catch (...) {
                 errno = ENOMEM;
                 return MAP_FAILED;

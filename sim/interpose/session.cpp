@@ -109,11 +109,10 @@ __attribute__((visibility("default"))) void tvsim_detach() {
 
 namespace {
 
-// The board's console is a terminal: line-buffered output, as the tool has on the TV.
+// The program's output keeps the buffering the C library gives it, as on the board.
 __attribute__((constructor)) void start_on_board() {
     Hook hook;
     if (hook.active()) {
-        setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
         hook.board().trace("start", {{"pid", getpid()}});
     }
 }

@@ -73,10 +73,11 @@ public:
     DirListing(const DirListing &) = delete;
     DirListing &operator=(const DirListing &) = delete;
 
-    // Lists dir (every entry, sorted alphabetically); returns the count, or -1 with errno.
-    int scan(const char *dir) {
+    // Lists dir (every entry, or those that filter accepts, sorted alphabetically); returns
+    // the count, or -1 with errno.
+    int scan(const char *dir, int (*filter)(const struct dirent *) = nullptr) {
         reset();
-        int n = scandir(dir, &entries_, nullptr, alphasort);
+        int n = scandir(dir, &entries_, filter, alphasort);
         count_ = n > 0 ? n : 0;
         return n;
     }

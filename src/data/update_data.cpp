@@ -1,6 +1,7 @@
 #include "data/update_data.h"
 
 #include "common/holders.h"
+#include "common/shell.h"
 #include "run/flashimg.h"
 
 #include <cstdio>
@@ -45,7 +46,7 @@ bool erase_target(const DataDir &d) {
                         d.target))
         return false;
     printf("Erasing all of files on %s...\n", d.target);
-    if (system(command) != 0) {
+    if (run_shell(command) != 0) {
         printf("!!! Unable to erase all of files from %s. !!!\n", d.target);
         return false;
     }
@@ -60,7 +61,7 @@ bool copy_source(const DataDir &d, const char *source, bool erased) {
                      ? bounded_format(command, sizeof command, "cp -rf %s %s", source, d.target)
                      : bounded_format(command, sizeof command, "cp -rf %s/* %s", source, d.target);
     printf("Copying %s to %s...\n", source, d.target);
-    if (!built || system(command) != 0) {
+    if (!built || run_shell(command) != 0) {
         printf("!!! Unable to copy %s to %s. !!!\n", source, d.target);
         return false;
     }

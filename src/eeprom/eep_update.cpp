@@ -85,13 +85,6 @@ private:
     bool on_ = false;
 };
 
-// How much of a caller's buffer of length bytes one block uses.
-size_t block_part(int length) {
-    if (length <= 0)
-        return 0;
-    return length < kTvmEepromBlock ? static_cast<size_t>(length) : kTvmEepromBlock;
-}
-
 struct BlockTarget {
     int link;
     uint8_t target;
@@ -131,16 +124,15 @@ FILE *open_tvm_text_file(const char *write_dir, int target) {
 } // namespace
 
 int WriteEeprom(int fd, uint32_t address, const uint8_t *data, int length, uint8_t target) {
-    if (data == nullptr)
-        return -1;
+    if (data == nullptr || length != kTvmEepromBlock)
+        return -1; // a block is always 64 bytes: never read past a shorter buffer
     uint8_t frame[kWriteFrameSize] = {0x3A,
                                       0x45,
                                       kEepromWriteCode,
                                       target,
                                       static_cast<uint8_t>(address >> 8),
                                       static_cast<uint8_t>(address)};
-    memset(frame + 6, 0xFF, kTvmEepromBlock);
-    memcpy(frame + 6, data, block_part(length));
+    memcpy(frame + 6, data, kTvmEepromBlock);
     frame[kWriteFrameSize - 1] = uat_checksum(frame, kWriteFrameSize - 1);
     for (int send = 0; send < kWriteSends; ++send) {
         out_uat(fd, frame, sizeof frame);
@@ -160,8 +152,8 @@ int WriteEeprom(int fd, uint32_t address, const uint8_t *data, int length, uint8
 }
 
 int ReadEeprom(int fd, uint32_t address, uint8_t *buffer, int length) {
-    if (buffer == nullptr)
-        return -1;
+    if (buffer == nullptr || length != kTvmEepromBlock)
+        return -1; // a block is always 64 bytes: never write past a shorter buffer
     uint8_t frame[kReadFrameSize] = {0x3A,
                                      0x06,
                                      kEepromReadCode,
@@ -178,7 +170,7 @@ int ReadEeprom(int fd, uint32_t address, uint8_t *buffer, int length) {
             printf("Uart Not Return Cmd = %x,%x\n", kEepromReadCode, t);
             continue;
         }
-        memcpy(buffer, reply + kReadDataOffset, block_part(length));
+        memcpy(buffer, reply + kReadDataOffset, kTvmEepromBlock);
         if (reply[3] == kUatAck)
             return 0;
         printf("Uart Ack  ERROR: buf[3]=0x%X, buf[4]=0x%X ,ret= 0x%X  \n", reply[3], reply[4],

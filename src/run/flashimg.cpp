@@ -1,6 +1,7 @@
 #include "run/flashimg.h"
 
 #include "common/holders.h"
+#include "common/shell.h"
 
 #include <cctype>
 #include <cerrno>
@@ -125,7 +126,7 @@ void apply_list_line(const char *line, const MediaFound &media, uint32_t *flags)
 
 // For the commands whose outcome shows only later (a missing list, a missing link).
 void run_unchecked(const char *command) {
-    int status = system(command);
+    int status = run_shell(command);
     (void)status;
 }
 
@@ -136,18 +137,19 @@ void print_verdict(int status) {
 
 void run_module_command(const char *command) {
     printf("... %s: ", command);
-    print_verdict(system(command));
+    print_verdict(run_shell(command));
 }
 
 } // namespace
 
-void read_update_list(FILE *list, const MediaFound &media, uint32_t *flags) {
+int read_update_list(FILE *list, const MediaFound &media, uint32_t *flags) {
     flags[0] = flags[1] = flags[2] = flags[3] = 0;
     char line[kLineSize];
     while (fgets(line, sizeof line, list) != nullptr) {
         if (line[0] != '#')
             apply_list_line(line, media, flags);
     }
+    return ferror(list) ? -1 : 0;
 }
 
 unsigned int directory_mode_clearing_umask() {
@@ -167,7 +169,8 @@ int check_model_name(const char *model) {
         usable = isalnum(c) || strchr("._+-", c) != nullptr;
     }
     if (!usable) {
-        printf("Invalid model name '%.*s': use at most %d letters, digits, '.', '_', '+' or '-'.\n",
+        printf("Invalid model name '%.*s': use at most %d letters, digits, '.', '_', '+' or '-', "
+               "beginning with a letter, a digit or '_'.\n",
                kMaxModelNameLength, model, kMaxModelNameLength);
         return -1;
     }
@@ -228,9 +231,8 @@ int search_imglist_file(char *mount_point, char *write_dir, const char *model, u
         return -1;
     {
         UniqueFile list(fopen(list_path, "r"));
-        if (!list)
-            return -1;
-        read_update_list(list.get(), media, flags);
+        if (!list || read_update_list(list.get(), media, flags) != 0)
+            return -1; // a list that cannot be read (a folder, say) is no list
     }
 
     char link_command[kLinkCommandSize];
@@ -276,6 +278,11 @@ bool mount_first_usb_disk() {
     return false;
 }
 
+// The entries of the SCSI device folder that are devices: not "." or "..".
+int is_scsi_device(const struct dirent *entry) {
+    return strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0;
+}
+
 void rescan_scsi_devices(const DirListing &devices) {
     for (int i = 0; i < devices.size(); ++i) {
         char path[kPathBufferSize];
@@ -295,7 +302,7 @@ int search_usb_media(const char **mount_point) {
     *mount_point = kUsbMountPoint;
     DirListing devices;
     for (int listing = 1;; ++listing) {
-        int n = devices.scan("/sys/class/scsi_device/");
+        int n = devices.scan("/sys/class/scsi_device/", is_scsi_device);
         if (n < 0)
             return -1;
         if (n > 0)
@@ -336,7 +343,7 @@ void remove_ubifs_volume(const char *device, const char *volume_id) {
     char command[kPathBufferSize];
     int status = -1;
     if (bounded_format(command, sizeof command, "/update/ubirmvol %s -n %s", device, volume_id))
-        status = system(command);
+        status = run_shell(command);
     printf("... remove UBIFS volume [%s_%s] : ", device, volume_id);
     print_verdict(status);
 }
@@ -347,7 +354,7 @@ void make_ubifs_volume(const char *device, const char *volume_id, const char *si
     int status = -1;
     if (bounded_format(command, sizeof command, "/update/ubimkvol %s -n %s %s -N %s", device,
                        volume_id, size_option, volume_name))
-        status = system(command);
+        status = run_shell(command);
     printf("... make UBIFS volume [%s] : ", volume_name);
     print_verdict(status);
 }
@@ -366,7 +373,7 @@ void insmod_ubifs_drivers() {
     char command[kPathBufferSize];
     if (bounded_format(command, sizeof command, "/sbin/insmod /modules/ubi.ko %s", "mtd=5")) {
         printf("... %s : ", command);
-        print_verdict(system(command));
+        print_verdict(run_shell(command));
     }
     run_module_command("/sbin/insmod /modules/ubifs.ko");
 }

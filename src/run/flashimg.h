@@ -65,8 +65,8 @@ struct MediaFound {
 };
 
 // Reads an image list into the four words of flags (cleared first), recreating UBIFS volumes
-// for the lines that ask for it.
-void read_update_list(FILE *list, const MediaFound &media, uint32_t *flags);
+// for the lines that ask for it. Returns 0, or -1 when the list could not be read to its end.
+int read_update_list(FILE *list, const MediaFound &media, uint32_t *flags);
 
 int search_imglist_file(char *mount_point, char *write_dir, const char *model, uint32_t *flags);
 uint32_t check_update_flag(const char *text);

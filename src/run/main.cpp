@@ -2,6 +2,7 @@
 
 #include "bootloader/update_uboot.h"
 #include "common/holders.h"
+#include "common/shell.h"
 #include "data/update_data.h"
 #include "eeprom/eep_update.h"
 #include "run/flashimg.h"
@@ -48,7 +49,7 @@ struct UpdateStep {
 
 // The application script succeeds only when the shell exited normally with status 0.
 int run_application_script(const RunContext &) {
-    int status = system(kApplicationScript);
+    int status = run_shell(kApplicationScript);
     if ((status & 0x7f) != 0 || ((status >> 8) & 0xff) != 0)
         return -1;
     return 0;

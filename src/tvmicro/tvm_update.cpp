@@ -126,6 +126,7 @@ constexpr HexConverter kAddressConverters[] = {nullptr, nullptr, ToHex2Byte, ToH
 struct ImageBase {
     uint32_t address = 0;
     bool set = false;
+    uint32_t stored = 0; // data bytes stored in the image
 };
 
 // Stores one data record's bytes in rom_buf; -1 when any of them falls outside the image.
@@ -142,6 +143,7 @@ int store_data_record(const char *line, int width, ImageBase *base) {
         uint32_t index = address - base->address + static_cast<uint32_t>(k);
         if (index < MaxRomSize) {
             rom_buf[index] = static_cast<uint8_t>(ToHex1Byte(data + 2 * k));
+            ++base->stored;
             continue;
         }
         printf("Array boundary exceeded !! Requested array index = %4X but maximum size is %4X \n",
@@ -565,6 +567,11 @@ int MotSRecordLoadImage(FILE *file, uint32_t *start_address) {
             if (stored != 0)
                 return -1;
         }
+    }
+    if (base.stored == 0) {
+        // Nothing to program: an image of erased cells must never replace firmware.
+        puts("**ERROR** no data record in the firmware section");
+        return -1;
     }
     return 0;
 }

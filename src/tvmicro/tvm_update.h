@@ -123,7 +123,8 @@ int MotSRecordCheckLineCheckSum(const char *line);
 
 // Loads the data records that follow in file into rom_buf, relative to the address of the first
 // data record, which it stores in *start_address. 0 when the section was read to its termination
-// record or the end of the file, -1 when a record fell outside the image or was of no known type.
+// record or the end of the file, -1 when a record fell outside the image or was of no known type,
+// or when no data byte was stored at all.
 int MotSRecordLoadImage(FILE *file, uint32_t *start_address);
 
 // --- firmware programming ------------------------------------------------------------------

@@ -37,7 +37,7 @@ Selection read_list(const std::string &text, MediaFound media = {true, false}) {
     uint32_t flags[4] = {0xdead, 0xbeef, 0xdead, 0xbeef}; // cleared by the reader
     if (list == nullptr)
         return {0xffffffff, 0xffffffff};
-    read_update_list(list, media, flags);
+    EXPECT_EQ(read_update_list(list, media, flags), 0);
     fclose(list);
     EXPECT_EQ(flags[2], 0u);
     EXPECT_EQ(flags[3], 0u);

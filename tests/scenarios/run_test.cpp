@@ -2,6 +2,8 @@
 // selects, UBIFS volume recreation, the data directories and the application script.
 #include "scenarios/harness.h"
 
+#include <cerrno>
+
 namespace scenario {
 namespace {
 
@@ -33,10 +35,25 @@ TEST_F(UpdateRun, EmptyListUpdatesNothingAndSucceeds) {
     EXPECT_EQ(r.output, run_prologue("M1") + run_epilogue());
     EXPECT_EQ(r.exit_status, 0);
     EXPECT_EQ(board.read("fs/tmp/boot/flashimg.lst"), "# nothing this time\n");
-    // Without a reboot the stick is still mounted; mounting it again over itself works.
+    // Without a reboot the stick is still mounted and the kernel refuses to mount it there
+    // again: the run finds no medium, yet reads the list through the mount that is left.
     RunResult again = board.tvupdate({"M1"});
-    EXPECT_EQ(again.output, r.output);
+    EXPECT_EQ(again.output, "----- searching media cards -----\nUnable mount media\n" +
+                                r.output.substr(r.output.find("ln -s")));
     EXPECT_EQ(again.exit_status, 0);
+    size_t refused = 0;
+    for (const json &m : board.trace("mount"))
+        refused += m.value("errno", 0) == EBUSY ? 1 : 0;
+    EXPECT_EQ(refused, 5u); // once a pass
+}
+
+TEST_F(UpdateRun, AListThatCannotBeReadIsNoList) {
+    board.medium_file("M1/flashimg.lst/qvxbin", "a folder named like the list\n");
+    board.make();
+    RunResult r = board.tvupdate({"M1"});
+    EXPECT_EQ(r.output, "----- searching media cards -----\n"
+                        "Unable to find flashimg.lst file on MediaCard.\n");
+    EXPECT_EQ(r.exit_status, 255);
 }
 
 TEST_F(UpdateRun, MediumDiscovery) {
@@ -81,13 +98,23 @@ TEST_F(UpdateRun, MediumDiscovery) {
          {{"usb", json::array()}, {"sd", sd({{"block_device_after_seconds", 3}})}},
          "/dev/sdcarda1",
          0,
-         3},
-        {"nothing inserted", {{"usb", json::array()}, {"sd", sd({{"slot", "remove"}})}}, "", 0, 0},
+         9},
+        {"stick appears after 2 s: found after two sleeps",
+         {{"usb", {disk("b", {{"appears_after_seconds", 2}})}}},
+         "/dev/sdb1",
+         0,
+         2},
+        {"no SCSI device within ten listings: SD card",
+         {{"usb", {disk("b", {{"appears_after_seconds", 10}})}}, {"sd", sd()}},
+         "/dev/sdcarda1",
+         0,
+         9},
+        {"nothing inserted", {{"usb", json::array()}, {"sd", sd({{"slot", "remove"}})}}, "", 0, 9},
         {"SD block device never appears",
          {{"usb", json::array()}, {"sd", sd({{"block_device_after_seconds", nullptr}})}},
          "",
          0,
-         10},
+         19},
     };
     board.medium_list("M1", "");
     board.make();
@@ -291,7 +318,7 @@ TEST_F(UpdateRun, VolumeRecreationPrintsEachVerdict) {
 
 TEST_F(UpdateRun, UnusableModelNamesAreRefusedBeforeAnything) {
     const std::string invalid = "Invalid model name '%s': use at most 106 letters, digits, '.', "
-                                "'_', '+' or '-'.\n";
+                                "'_', '+' or '-', beginning with a letter, a digit or '_'.\n";
     auto refused = [&](const std::string &name) {
         std::string line = invalid;
         return line.replace(line.find("%s"), 2, name.substr(0, 106));
@@ -303,6 +330,8 @@ TEST_F(UpdateRun, UnusableModelNamesAreRefusedBeforeAnything) {
         {{}, "No model name given: usage: tvupdate MODEL\n"},
         {{""}, "No model name given: usage: tvupdate MODEL\n"},
         {{"../../etc"}, refused("../../etc")},
+        {{".M1"}, refused(".M1")},
+        {{"-M1"}, refused("-M1")},
         {{"M1; reboot"}, refused("M1; reboot")},
         {{std::string(107, 'M')}, refused(std::string(107, 'M'))},
     };

@@ -35,6 +35,7 @@ std::string written_cells() {
 TEST(SRecordLoad, SectionsLoadRelativeToTheirFirstDataRecord) {
     const std::string kNotS =
         "Starting character does not conform to Motorola S Record standard.\n";
+    const std::string kNoData = "**ERROR** no data record in the firmware section\n";
     struct Case {
         const char *what;
         std::string text;
@@ -54,6 +55,9 @@ TEST(SRecordLoad, SectionsLoadRelativeToTheirFirstDataRecord) {
          "0:aa 1:ef 2:cc ", // what the line buffer still holds past the end does not complete them
          "Invalid line checksum : S1060100AA \nInvalid line checksum : S1 \n"},
         {"image at address 0", "S104000055A6\nS10400106685\n", 0, 0, "0:55 10:66 ", ""},
+        {"no valid data record stores nothing and fails", "S1040120CC0F\nS9030000FC\n", -1, 0, "",
+         "Invalid line checksum : S1040120CC0F \n" + kNoData},
+        {"a data record without data bytes", "S1030100FB\n", -1, 0x100, "", kNoData},
         {"unknown type fails silently", "S1050100AABB94\nS404010001F9\n", -1, 0x100, "0:aa 1:bb ",
          ""},
         {"below the first record", "S1050100AABB94\nS10400FF11EB\n", -1, 0x100, "0:aa 1:bb ",

@@ -75,24 +75,23 @@ struct Exchange {
     std::string output = "";
 };
 
-const uint8_t kTwoBytes[] = {0x12, 0x34};
-
-// The result, or 99 when the read filled more of the buffer than its length, or other bytes.
-int read_four(int fd) {
-    uint8_t buf[8] = {0, 0, 0, 0, 0xEE, 0xEE, 0xEE, 0xEE};
-    int result = ReadEeprom(fd, 0x0140, buf, 4);
-    return hex(Bytes(buf, buf + 8)) == "11111111eeeeeeee" ? result : 99;
+// The result, or 99 when the read filled other bytes than the block's 64.
+int read_block(int fd) {
+    Bytes buf(68, 0xEE);
+    int result = ReadEeprom(fd, 0x0140, buf.data(), 64);
+    return buf == Bytes(64, 0x11) + Bytes(4, 0xEE) ? result : 99;
 }
 
 const Bytes kBlockData(64, 0xA5);
 const std::string kBlock = "3a45c012c000" + hex(kBlockData) + "51"; // address cut to 24 bits
-const std::string kFerund = "3a45b70101401234" + hex(Bytes(62, 0xFF)) + "80"; // padded block
+const Bytes kFerundBlock = Bytes{0x12, 0x34} + Bytes(62, 0xFF);
+const std::string kFerund = "3a45b70101401234" + hex(Bytes(62, 0xFF)) + "80";
 
 int write_block(int fd) {
     return tvm_WriteFlash(fd, 0x0112C000, kBlockData.data());
 }
 int write_ferund(int fd) {
-    return WriteEeprom(fd, 0x0140, kTwoBytes, 2, 1);
+    return WriteEeprom(fd, 0x0140, kFerundBlock.data(), 64, 1);
 }
 
 // Each command sends its frame and reads its result from the reply it accepts. Replies that never
@@ -138,7 +137,11 @@ TEST(MicrocontrollerCommands, SendTheirFramesAndRetryAsTheirFormAllows) {
          sends(0, 5, sends(0, 10, "", "Uart Ack **ERROR** Cmd = b7, resp try = %x\n"),
                "Uart Not Return **ERROR** Cmd = b7, write try = %x\n")},
         // EEPROM read: send and read, ten times; a refused reply's data is taken all the same
-        {"3a06b80040014079", 10, -1, read_four, reply(70, 0xB8, 0x31, Bytes(65, 0x11)),
+        // a block is 64 bytes: any other length is refused before anything is sent
+        {"", 0, -1, [](int fd) { return WriteEeprom(fd, 0x0140, kFerundBlock.data(), 2, 1); },
+         Bytes()},
+        {"", 0, -1, [](int fd) { return ReadEeprom(fd, 0x0140, Bytes(64).data(), 4); }, Bytes()},
+        {"3a06b80040014079", 10, -1, read_block, reply(70, 0xB8, 0x31, Bytes(65, 0x11)),
          "Uart Ack  ERROR: buf[3]=0x31, buf[4]=0x11 ,ret= 0x0  \n" +
              sends(1, 10, "", "Uart Not Return Cmd = b8,%x\n")},
     };
