@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -131,6 +132,13 @@ TEST_F(Microcontroller, FirmwareGoesToTheBankThatIsNotRunningAndIsChecked) {
     EXPECT_EQ(r.output, hex_run(1, progress() + checksums(1) + "TVM Hex updating is finished.\n"));
     EXPECT_EQ(r.exit_status, 0);
     EXPECT_TRUE(board.read("tvm/bank1.bin") == programmed(1));
+    // The link is opened read-write and nothing else: a non-blocking read would not wait for
+    // the replies.
+    for (const json &open : board.trace("open")) {
+        if (open["path"] == "/dev/uat_ucom") {
+            EXPECT_EQ(open["flags"], O_RDWR);
+        }
+    }
 
     // After a power cycle it runs the new firmware, so the next update goes to the other bank.
     // There a checksum that differs fails the update and leaves writing mode open.

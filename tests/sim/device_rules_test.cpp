@@ -1,0 +1,229 @@
+// The board's device models refuse what the kernel and the hardware refuse, so that a tool that
+// leaves out a step, or asks for the wrong thing, fails here as it would on the TV.
+#include "board/create.h"
+#include "hw/systool.h"
+#include "interpose/control.h"
+#include "tvmicro/tvm_update.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <gtest/gtest.h>
+#include <mtd/mtd-user.h>
+#include <nlohmann/json.hpp>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+namespace {
+
+class DeviceRules : public testing::Test {
+protected:
+    void SetUp() override {
+        dir_ = fs::temp_directory_path() / ("tvsim-device-rules." + std::to_string(getpid()));
+        fs::remove_all(dir_);
+        std::string error;
+        ASSERT_TRUE(tvsim::create_board(dir_.string(), {}, &error)) << error;
+    }
+    void TearDown() override {
+        if (attached_)
+            tvsim_detach();
+        fs::remove_all(dir_);
+    }
+    void add_fault(const json &fault) const {
+        json config = json::parse(std::ifstream(dir_ / "board.json"));
+        config["faults"].push_back(fault);
+        std::ofstream(dir_ / "board.json") << config.dump(2);
+    }
+    void attach() {
+        ASSERT_EQ(tvsim_attach(dir_.c_str()), 0);
+        attached_ = true;
+    }
+    void detach() {
+        tvsim_detach();
+        attached_ = false;
+    }
+    // errno of a failed call, 0 when it succeeded.
+    static int error_of(bool failed) { return failed ? errno : 0; }
+
+    fs::path dir_;
+    bool attached_ = false;
+};
+
+// The S5LP window's map request on fd: the driver's offset, or -1.
+int64_t request_window(int fd) {
+    const sys_mmap_entry &e = sys_mmap_table[SYS_WINDOW_S5LP];
+    mmap_request r{};
+    memcpy(r.name, e.name, sizeof r.name);
+    r.phys_addr = e.phys_addr;
+    r.size = e.size;
+    return ioctl(fd, SYS_MMAP_REQUEST, &r) == 0 ? int64_t{r.offset} : -1;
+}
+
+// errno of a mapping of the S5LP window, 0 when it was mapped (and is released again).
+int map_window(int fd, int prot, int flags, int64_t offset) {
+    void *at = mmap(nullptr, 0x1000, prot, flags, fd, static_cast<off_t>(offset));
+    if (at == MAP_FAILED)
+        return errno;
+    munmap(at, 0x1000);
+    return 0;
+}
+
+TEST_F(DeviceRules, RegisterWindowsMapOnlyAsTheControlDriverAllows) {
+    attach();
+    const uint32_t phys = sys_mmap_table[SYS_WINDOW_S5LP].phys_addr;
+    struct Case {
+        const char *what;
+        int open_flags;
+        bool request;
+        bool driver_offset; // else the physical address
+        int prot;
+        int map_flags;
+        int err;
+    } cases[] = {
+        {"as the tool maps it", O_RDWR, true, true, PROT_READ | PROT_WRITE, MAP_SHARED, 0},
+        {"without the map request", O_RDWR, false, true, PROT_READ | PROT_WRITE, MAP_SHARED,
+         EINVAL},
+        {"at the physical address", O_RDWR, true, false, PROT_READ | PROT_WRITE, MAP_SHARED,
+         EINVAL},
+        {"a private mapping", O_RDWR, true, true, PROT_READ | PROT_WRITE, MAP_PRIVATE, EINVAL},
+        {"writable through a read-only descriptor", O_RDONLY, true, true, PROT_READ | PROT_WRITE,
+         MAP_SHARED, EACCES},
+        {"readable through a read-only descriptor", O_RDONLY, true, true, PROT_READ, MAP_SHARED, 0},
+    };
+    int64_t offset_seen = -1;
+    for (const Case &c : cases) {
+        int fd = open("/dev/cn_user", c.open_flags);
+        ASSERT_GE(fd, 0) << c.what;
+        // A request on another descriptor does not open the window on this one.
+        int other = open("/dev/cn_user", O_RDWR);
+        int64_t offset = request_window(c.request ? fd : other);
+        close(other);
+        ASSERT_GE(offset, 0) << c.what;
+        offset_seen = offset;
+        EXPECT_EQ(map_window(fd, c.prot, c.map_flags, c.driver_offset ? offset : phys), c.err)
+            << c.what;
+        close(fd);
+    }
+    EXPECT_NE(offset_seen, int64_t{phys}); // a tool that ignored the offset could not map
+}
+
+TEST_F(DeviceRules, MtdDescriptorsDoOnlyWhatTheirOpenModeAllows) {
+    add_fault({{"fault", "mtd_write"}, {"target", "uboot_env"}, {"bytes", 0}});
+    attach();
+    int write_only = open("/dev/mtd1", O_WRONLY);
+    int read_only = open("/dev/mtd1", O_RDONLY);
+    int read_write = open("/dev/mtd1", O_RDWR);
+    ASSERT_TRUE(write_only >= 0 && read_only >= 0 && read_write >= 0);
+    mtd_info_user info{};
+    ASSERT_EQ(ioctl(read_only, MEMGETINFO, &info), 0);
+    uint8_t page[2048];
+    memset(page, 0x5A, sizeof page);
+    erase_info_user block{0, info.erasesize}, empty{0, 0}, past_end{info.size, 0};
+    loff_t first_block = 0;
+    const struct {
+        const char *what;
+        std::function<bool()> fails;
+        int err;
+    } cases[] = {
+        {"read, write-only", [&] { return read(write_only, page, 16) < 0; }, EBADF},
+        {"write, read-only", [&] { return write(read_only, page, sizeof page) < 0; }, EBADF},
+        {"erase, read-only", [&] { return ioctl(read_only, MEMERASE, &block) != 0; }, EPERM},
+        {"bad block query, read-only",
+         [&] { return ioctl(read_only, MEMGETBADBLOCK, &first_block) < 0; }, 0},
+        {"erase of nothing", [&] { return ioctl(read_write, MEMERASE, &empty) != 0; }, 0},
+        {"erase of nothing past the end", [&] { return ioctl(read_write, MEMERASE, &past_end); },
+         EINVAL},
+        {"write that stores nothing", [&] { return write(read_write, page, sizeof page) != 0; }, 0},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(error_of(c.fails()), c.err) << c.what;
+    close(write_only);
+    close(read_only);
+    close(read_write);
+}
+
+// The microcontroller's link on the board, at its rate, opened with these flags.
+int open_link(int flags) {
+    int fd = open("/dev/uat_ucom", flags);
+    if (fd >= 0)
+        set_uat_rate(fd, tvm_link_rate("M1"));
+    return fd;
+}
+
+TEST_F(DeviceRules, TheMicrocontrollerAnswersOnlyWhatItIsSent) {
+    testing::internal::CaptureStdout(); // the commands' retry messages (/tmp is the board's)
+    attach();
+    int fd = open_link(O_RDWR);
+    uint8_t reply[70];
+    // A read of another EEPROM than its own is refused.
+    const uint8_t read_ferund[] = {0x3A, 0x06, 0xB8, 0x01, 0x40, 0x00, 0x00, 0x39};
+    out_uat(fd, read_ferund, sizeof read_ferund);
+    int read_result = in_uat(fd, reply, 70);
+    int refusal = reply[3];
+    // A close-write outside writing mode is refused, unless it repeats the close that ended
+    // writing mode (whose reply may have been lost).
+    int close_outside = tvm_CloseWriteFlash(fd);
+    tvm_SetFlashWritingMode(fd);
+    int close_first = tvm_CloseWriteFlash(fd);
+    int close_again = tvm_CloseWriteFlash(fd);
+    // A power command without its pad byte is not complete: nothing comes back.
+    const uint8_t power_on[] = {0x3A, 0x02, 0x2B, 0x67};
+    out_uat(fd, power_on, sizeof power_on);
+    int unpadded = in_uat(fd, reply, 5);
+    close(fd);
+    // Without O_NONBLOCK a read waits for the reply; with it, it returns at once.
+    int nonblocking = open_link(O_RDWR | O_NONBLOCK);
+    const uint8_t status[] = {0x3A, 0x02, 0x21, 0x5D};
+    ASSERT_EQ(write(nonblocking, status, sizeof status), 4);
+    int early = error_of(read(nonblocking, reply, 22) < 0);
+    close(nonblocking);
+    detach();
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(unpadded, -1);
+    EXPECT_EQ(read_result, 0);
+    EXPECT_EQ(refusal, 0x31);
+    EXPECT_EQ(close_outside, -1);
+    EXPECT_EQ(close_first, 0);
+    EXPECT_EQ(close_again, 0);
+    EXPECT_EQ(early, EAGAIN);
+}
+
+TEST_F(DeviceRules, TheGuardDogEndsWritingModeUnlessItIsStopped) {
+    testing::internal::CaptureStdout();
+    attach();
+    struct Case {
+        const char *what;
+        int guard_dog_mode; // -1: no guard-dog command
+        unsigned seconds;   // between entering writing mode and the erase
+        int erase;
+    } cases[] = {
+        // in this order: a reset brings back the power-up time, a stop lasts until a reset
+        {"never set: its power-up time", -1, 3, -1},
+        {"mode 1: 12 s", 1, 13, -1},
+        {"mode 1, erased in time", 1, 11, 0},
+        {"stopped", 0, 30, 0},
+    };
+    int results[std::size(cases)];
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        int fd = open_link(O_RDWR);
+        tvm_SetFlashWritingMode(fd);
+        if (cases[i].guard_dog_mode >= 0)
+            tvm_SetGuarddogTime(fd, static_cast<uint8_t>(cases[i].guard_dog_mode));
+        sleep(cases[i].seconds);
+        results[i] = tvm_EraseFlash(fd, 2);
+        tvm_CloseWriteFlash(fd);
+        close(fd);
+    }
+    detach();
+    testing::internal::GetCapturedStdout();
+    for (size_t i = 0; i < std::size(cases); ++i)
+        EXPECT_EQ(results[i], cases[i].erase) << cases[i].what;
+}
+
+} // namespace
