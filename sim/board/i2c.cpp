@@ -395,7 +395,7 @@ json default_i2c_config() {
                    {"address", "0x0A"},
                    {"file", "i2c/vornek.bin"},
                    {"size", 32768},
-                   {"write_us", 3000}}}}};
+                   {"write_us", 200}}}}};
 }
 
 bool create_i2c_files(const std::string &board_dir, const json &config) {
