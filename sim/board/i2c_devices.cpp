@@ -44,7 +44,8 @@ uint64_t setting(const json &config, const char *key, uint64_t fallback) {
 class SerialEeprom : public I2cDevice {
 public:
     SerialEeprom(Board &board, const json &config)
-        : I2cDevice(board, config), cells_(board, config), page_(setting(config, "page", 32)) {}
+        : I2cDevice(board, config), cells_(board, config), page_(setting(config, "page", 32)),
+          width_(static_cast<int>(setting(config, "address_bytes", 2))) {}
 
     bool select(bool) override {
         return board_.now_ns() >= volatile_state().value("busy_until_ns", uint64_t{0});
@@ -52,9 +53,9 @@ public:
 
     size_t write_message(const uint8_t *bytes, size_t count) override {
         size_t i = 0;
-        for (; i < count && address_bytes_ < 2; ++i, ++address_bytes_)
+        for (; i < count && address_bytes_ < width_; ++i, ++address_bytes_)
             counter_ = (counter_ << 8 | bytes[i]) % cells_.size();
-        if (address_bytes_ == 2)
+        if (address_bytes_ == width_)
             volatile_state()["counter"] = counter_;
         pending_.insert(pending_.end(), bytes + i, bytes + count);
         return count;
@@ -92,6 +93,7 @@ private:
 
     EepromCells cells_;
     size_t page_;
+    int width_; // address bytes
     size_t counter_ = 0;
     int address_bytes_ = 0;
     std::vector<uint8_t> pending_;

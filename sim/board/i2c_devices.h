@@ -1,11 +1,12 @@
 // Device models on the I2C buses.
 //
-// "serial_eeprom": a serial EEPROM with two-byte word addresses (high byte first). A write
+// "serial_eeprom": a serial EEPROM with two-byte word addresses (high byte first; one byte with
+//   "address_bytes": 1). A write
 //   message sets the address and then fills the page buffer; the stop condition stores the
 //   bytes, wrapping within the page ("page", default 32), and starts the write cycle
 //   ("write_cycle_us", default 5000) during which the device does not acknowledge its address.
 //   A read continues from the address counter (sequential read, wrapping at the end).
-//   Keys: "size", "page", "write_cycle_us", "file".
+//   Keys: "size", "page", "address_bytes", "write_cycle_us", "file".
 //
 // Register interfaces ("kolma", "vornek"): an EEPROM behind 16-bit registers holding 16-bit
 //   values, each model described by a RegisterMap. A register write is one 4-byte message

@@ -1,8 +1,10 @@
 // The I2C bus layer and device functions: page and chunk arithmetic, argument refusals, and
 // the retry rules against the buses of an attached board.
 #include "board/create.h"
+#include "eeprom/eep_update.h"
 #include "hw/utils.h"
 #include "interpose/control.h"
+#include "run/main.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -10,7 +12,10 @@
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
+#include <linux/i2c-dev.h>
+#include <linux/i2c.h>
 #include <nlohmann/json.hpp>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -200,6 +205,205 @@ TEST_F(I2cOnBoard, KolmaHeldInResetNeverAnswers) {
               "error num = -6 \nerror num = -6 \nerror num = -6 \nIIC_KOLMAEEP_Read() ERROR!\n");
     EXPECT_EQ(result, 6);
     EXPECT_EQ(transfers().size(), 3u * (kI2cBusyTries + 1));
+}
+
+TEST_F(I2cOnBoard, HdmiEepromPagesAndHalves) {
+    change_config([](json &c) {
+        for (int half : {0, 1})
+            c["i2c"]["devices"].push_back({{"name", "hdmi" + std::to_string(half)},
+                                           {"model", "serial_eeprom"},
+                                           {"bus", 1},
+                                           {"address", 0x50 + half},
+                                           {"size", 256},
+                                           {"page", 16},
+                                           {"address_bytes", 1}});
+    });
+    attach();
+    uint8_t data[40];
+    for (int i = 0; i < 40; ++i)
+        data[i] = static_cast<uint8_t>(0x80 + i);
+    uint16_t count = 0;
+    uint8_t error = 0x55;
+    ASSERT_EQ(IIC_EEPROM_HDMI_Write(1, 0x00F8, sizeof data, data, &count, &error), 0);
+    EXPECT_EQ(error, 0);
+    // The low half takes 0xF8..0xFF, the high half (address bit 8) the rest from its word 0.
+    uint8_t low[8] = {};
+    uint8_t high[32] = {};
+    uint16_t covered = 0;
+    ASSERT_EQ(IIC_EEPROM_HDMI_Read(1, 0x00F8, sizeof low, &error, low, &covered), 0);
+    ASSERT_EQ(IIC_EEPROM_HDMI_Read(1, 0x0100, sizeof high, &error, high, &covered), 0);
+    EXPECT_EQ(covered, 32);
+    EXPECT_EQ(memcmp(low, data, 8), 0);
+    EXPECT_EQ(memcmp(high, data + 8, 32), 0);
+    std::vector<std::string> acked;
+    for (const std::string &t : transfers()) {
+        if (t != "nak")
+            acked.push_back(t);
+    }
+    // Writes of 8, 16 and 16 bytes after the word address, then the two reads.
+    EXPECT_EQ(acked, (std::vector<std::string>{"9", "17", "17", "1", "1"}));
+}
+
+TEST_F(I2cOnBoard, KolmaReadInterfaceAfterReleaseAndEnable) {
+    std::string cells(32768, '\xff');
+    for (int i = 0; i < 16; ++i)
+        cells[0x0123 + i] = static_cast<char>(i * 3);
+    std::ofstream(dir_ / "i2c/kolma_1.bin", std::ios::binary) << cells;
+    attach();
+    cn_user_fd = open("/dev/cn_user", O_RDWR);
+    eep_flags = 0;
+    SetKolmaHwReset();
+    ASSERT_EQ(EnableKOLMAEeprom(), 0);
+    uint8_t buffer[12];
+    memset(buffer, 0xEE, sizeof buffer);
+    EXPECT_EQ(ReadKOLMAEeprom(0x0123, buffer, 10), 0);
+    for (int i = 0; i < 10; ++i)
+        EXPECT_EQ(buffer[i], i * 3) << i;
+    EXPECT_EQ(buffer[10], 0xEE);
+    close(cn_user_fd);
+    cn_user_fd = -1;
+}
+
+// The simulated adapters and devices refuse what the kernel and the devices would.
+class I2cModels : public I2cOnBoard {
+protected:
+    void SetUp() override {
+        I2cOnBoard::SetUp();
+        attach();
+        bus0_ = open("/dev/i2c-0", O_RDWR);
+        bus2_ = open("/dev/i2c-2", O_RDWR);
+        ASSERT_GE(bus0_, 0);
+        ASSERT_GE(bus2_, 0);
+    }
+    void TearDown() override {
+        close(bus0_);
+        close(bus2_);
+        I2cOnBoard::TearDown();
+    }
+    // errno of a failed request, 0 when it succeeded.
+    static int error_of(int result) { return result < 0 ? errno : 0; }
+    int rdwr(int fd, std::vector<i2c_msg> messages) {
+        i2c_rdwr_ioctl_data data{messages.data(), static_cast<uint32_t>(messages.size())};
+        return error_of(ioctl(fd, I2C_RDWR, &data));
+    }
+    int vornek(uint16_t reg, uint16_t value) {
+        uint8_t m[4] = {static_cast<uint8_t>(reg >> 8), static_cast<uint8_t>(reg),
+                        static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
+        return rdwr(bus2_, {{0x0A, 0, 4, m}});
+    }
+    uint16_t vornek_status() {
+        uint8_t reg[2] = {0x70, 0xF8};
+        uint8_t value[2] = {};
+        EXPECT_EQ(rdwr(bus2_, {{0x0A, 0, 2, reg}, {0x0A, I2C_M_RD, 2, value}}), 0);
+        return static_cast<uint16_t>(value[0] << 8 | value[1]);
+    }
+    std::string vornek_cells() {
+        std::ifstream in(dir_ / "i2c/vornek.bin", std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    }
+    int bus0_ = -1;
+    int bus2_ = -1;
+};
+
+TEST_F(I2cModels, AdapterRefusesWhatI2cDevRefuses) {
+    uint8_t byte = 0;
+    std::vector<i2c_msg> too_many(43, i2c_msg{0x51, I2C_M_RD, 1, &byte});
+    std::vector<uint8_t> big(8193);
+    i2c_smbus_ioctl_data bad_direction{2, 0, I2C_SMBUS_BYTE_DATA, nullptr};
+    i2c_smbus_data data{};
+    i2c_smbus_ioctl_data bad_size{I2C_SMBUS_READ, 0, 99, &data};
+    const struct {
+        const char *what;
+        int error;
+        int expected;
+    } cases[] = {
+        {"no messages", rdwr(bus0_, {}), EINVAL},
+        {"43 messages", rdwr(bus0_, too_many), EINVAL},
+        {"8193 bytes", rdwr(bus0_, {{0x51, 0, 8193, big.data()}}), EINVAL},
+        {"ten-bit flag", rdwr(bus0_, {{0x51, I2C_M_TEN, 1, &byte}}), EOPNOTSUPP},
+        {"address 0x80", error_of(ioctl(bus0_, I2C_SLAVE, 0x80)), EINVAL},
+        {"SMBus direction", error_of(ioctl(bus0_, I2C_SMBUS, &bad_direction)), EINVAL},
+        {"SMBus size", error_of(ioctl(bus0_, I2C_SMBUS, &bad_size)), EINVAL},
+        {"no device", rdwr(bus0_, {{0x52, I2C_M_RD, 1, &byte}}), ENXIO},
+        {"unknown request", error_of(ioctl(bus0_, 0x7799, &byte)), ENOTTY},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(c.error, c.expected) << c.what;
+    uint32_t status = 0;
+    ASSERT_EQ(ioctl(bus0_, I2C_BUSY_STATUS_REQUEST, &status), 0);
+    EXPECT_EQ(status, kI2cStatusBusy); // the last transfer's address was not acknowledged
+}
+
+TEST_F(I2cModels, SerialEepromWrapsWithinThePageAndIsDeafDuringItsCycle) {
+    uint8_t message[2 + 34] = {0x00, 0x1E};
+    for (int i = 0; i < 34; ++i)
+        message[2 + i] = static_cast<uint8_t>(i);
+    ASSERT_EQ(rdwr(bus0_, {{0x51, 0, sizeof message, message}}), 0);
+    uint8_t address[2] = {0x00, 0x00};
+    uint8_t page[32] = {};
+    EXPECT_EQ(rdwr(bus0_, {{0x51, 0, 2, address}, {0x51, I2C_M_RD, 32, page}}), ENXIO);
+    usleep(5000);
+    ASSERT_EQ(rdwr(bus0_, {{0x51, 0, 2, address}, {0x51, I2C_M_RD, 32, page}}), 0);
+    // Bytes 0 and 1 went to 0x1E and 0x1F, 2 to 33 wrapped to 0x00..0x1F; 32 and 33 replaced
+    // the first two.
+    EXPECT_EQ(page[0x1E], 32);
+    EXPECT_EQ(page[0x1F], 33);
+    EXPECT_EQ(page[0x00], 2);
+    EXPECT_EQ(page[0x1D], 31);
+}
+
+TEST_F(I2cModels, RegisterBlockStoredOnlyWhenTheSequenceWasFollowed) {
+    uint8_t message[66] = {0xF1, 0x00};
+    for (int i = 0; i < 64; ++i)
+        message[2 + i] = static_cast<uint8_t>(i + 1);
+    // Locked: the address and the data are refused.
+    EXPECT_EQ(vornek(0x70FE, 0x0040), EREMOTEIO);
+    EXPECT_EQ(rdwr(bus2_, {{0x0A, 0, sizeof message, message}}), EREMOTEIO);
+    EXPECT_EQ(vornek(0x1234, 0), EREMOTEIO); // no such register
+    // Unlocked without data: the lock stores nothing and never shows "stored".
+    EXPECT_EQ(vornek(0x70FA, 0x5745), 0);
+    EXPECT_EQ(vornek(0x70FC, 0x5043), 0);
+    EXPECT_EQ(vornek_status(), 0x1000);
+    EXPECT_EQ(vornek(0x70FE, 0x0040), 0);
+    EXPECT_EQ(vornek(0x70FA, 0), 0);
+    EXPECT_EQ(vornek(0x70FC, 0), 0);
+    usleep(10000);
+    EXPECT_EQ(vornek_status(), 0x0000);
+    EXPECT_TRUE(vornek_cells() == std::string(32768, '\xff'));
+    // The whole sequence: stored at the address, status shows the sum, then "stored".
+    EXPECT_EQ(vornek(0x70FA, 0x5745), 0);
+    EXPECT_EQ(vornek(0x70FC, 0x5043), 0);
+    EXPECT_EQ(vornek(0x70FE, 0x0040), 0);
+    EXPECT_EQ(rdwr(bus2_, {{0x0A, 0, sizeof message, message}}), 0);
+    EXPECT_EQ(vornek_status(), 0x1000 | (64 * 65 / 2 % 256));
+    EXPECT_EQ(vornek(0x70FA, 0), 0);
+    EXPECT_EQ(vornek(0x70FC, 0), 0);
+    usleep(1000);
+    EXPECT_EQ(vornek_status() >> 8, 0x01);
+    std::string cells = vornek_cells();
+    EXPECT_EQ(cells[0x40], 1);
+    EXPECT_EQ(cells[0x7F], 64);
+    EXPECT_EQ(cells[0x80], '\xff');
+}
+
+TEST_F(I2cModels, KolmaAnswersAfterResetReleaseAndOpensItsEepromAfterEnable) {
+    uint8_t unlock[4] = {0x40, 0xFA, 0x57, 0x45};
+    uint8_t enable_on[4] = {0x00, 0x16, 0x00, 0x01};
+    uint8_t enable_off[4] = {0x00, 0x16, 0x00, 0x00};
+    EXPECT_EQ(rdwr(bus2_, {{0x29, 0, 4, unlock}}), ENXIO); // held in reset
+    cn_user_fd = open("/dev/cn_user", O_RDWR);
+    ASSERT_EQ(PIO_BitWrite(23, 1), PIO_OK);
+    EXPECT_EQ(rdwr(bus2_, {{0x29, 0, 4, unlock}}), EREMOTEIO); // EEPROM not enabled
+    EXPECT_EQ(rdwr(bus2_, {{0x29, 0, 4, enable_on}}), 0);
+    EXPECT_EQ(rdwr(bus2_, {{0x29, 0, 4, enable_off}}), 0);
+    EXPECT_EQ(rdwr(bus2_, {{0x29, 0, 4, unlock}}), 0);
+    // A reset forgets the enable.
+    ASSERT_EQ(PIO_BitWrite(23, 0), PIO_OK);
+    EXPECT_EQ(rdwr(bus2_, {{0x29, 0, 4, unlock}}), ENXIO);
+    ASSERT_EQ(PIO_BitWrite(23, 1), PIO_OK);
+    EXPECT_EQ(rdwr(bus2_, {{0x29, 0, 4, unlock}}), EREMOTEIO);
+    close(cn_user_fd);
+    cn_user_fd = -1;
 }
 
 } // namespace
