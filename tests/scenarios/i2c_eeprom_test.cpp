@@ -86,7 +86,13 @@ TEST_F(I2cEeproms, RunWritesPeltoAndBothKolmaDevices) {
     for (const json &e : board.trace("eeprom_write"))
         pelto_writes += e["device"] == "pelto" && e["count"] == 1;
     EXPECT_EQ(pelto_writes, 3);
-    EXPECT_GT(board.board_seconds(), 8.0); // two 2 s pauses per KOLMA device
+    // Each KOLMA update first sets port 1 bit 4 of the microcontroller, which answers at once.
+    json state = json::parse(board.read("state.json"));
+    EXPECT_EQ(state["microcontroller"]["ports"]["1"], 4);
+    EXPECT_EQ(board.trace("uart_reply").size(), 2u);
+    // Two 2 s pauses and 0.35 s of shorter ones per KOLMA device, and the transfers.
+    EXPECT_GT(board.board_seconds(), 8.7);
+    EXPECT_LT(board.board_seconds(), 9.5);
 }
 
 TEST_F(I2cEeproms, FailingKolma1LeavesKolma2Untouched) {
