@@ -25,6 +25,9 @@ echo "application installer ran with: $(cat fs/update/last_update_mode.conf 2>/d
 for mem in tvm/*.bin; do
     printf '%-16s %6d bytes not erased\n' "$mem" "$(tr -d '\377' < "$mem" | wc -c)"
 done
+for mem in i2c/*.bin; do
+    printf '%-16s %6d bytes not erased\n' "$mem" "$(tr -d '\377' < "$mem" | wc -c)"
+done
 for part in mtd/*.bin; do
     printf '%-16s %6d bytes not erased\n' "$part" "$(tr -d '\377' < "$part" | wc -c)"
 done

@@ -1,7 +1,7 @@
 #!/bin/sh
 # Writes a sample update medium for model MODEL into DIR: an image list that selects the
 # application, every data directory, the TV microcontroller's EEPROM and firmware and the boot
-# loader, and the files each of them needs.
+# loader, the Pelto and KOLMA EEPROMs, and the files each of them needs.
 # Usage: make-demo-medium.sh DIR MODEL
 set -eu
 dir=$1
@@ -11,6 +11,7 @@ data="$top/writedata"
 mkdir -p "$data"
 cat > "$top/flashimg.lst" <<LIST
 # Sample image list for $model
+pelto_eeprom
 qvxbin
 app_data NF
 app_data/factory N
@@ -22,6 +23,7 @@ other
 tvm_eeprom
 tvm_hex
 uboot
+kolma_eeprom
 LIST
 printf 'mode=full\nmodel=%s\n' "$model" > "$top/update_mode.conf"
 for d in app_data/dpdc app_data/factory model_data jpeg_user jpeg_factory bitmap other; do
@@ -59,3 +61,13 @@ done > "$data/tvm.mot"
         i=$((i + 1))
     done
 } > "$data/boot-$model.bin"
+
+# The Pelto EEPROM: single bytes, in any address order.
+printf '0010 5A\r\n0011 A5\r\n0000 01\r\n0200 3C\r\n' > "$data/PELTO_DATA_demo.txt"
+
+# Both KOLMA EEPROMs: 256 bytes, four 64-byte blocks.
+i=0
+while [ $i -lt 256 ]; do
+    printf '%04X %02X\n' $i $(((i * 13 + 5) % 256))
+    i=$((i + 1))
+done > "$data/kolma_eep_demo.txt"

@@ -2,6 +2,7 @@
 
 #include "board/control.h"
 #include "board/device.h"
+#include "board/i2c.h"
 #include "board/media.h"
 #include "board/microcontroller.h"
 #include "board/mtd.h"
@@ -318,6 +319,7 @@ void Board::reboot() {
     state_["rescans"] = json::object();
     state_["clock_ns"] = 0;
     state_.erase("soc"); // registers and pin latches come up at their reset values
+    state_.erase("i2c"); // I2C devices lose their registers, the bus driver its status
     power_cycle_microcontroller(*this);
     std::error_code ec;
     for (const auto &entry : fs::directory_iterator(root_ + "/tmp", ec))
@@ -333,7 +335,7 @@ void Board::refresh_kernel_files() {
 std::unique_ptr<Device> Board::open_device(std::string_view path, int flags, int *err) {
     using Opener = std::unique_ptr<Device> (*)(Board &, std::string_view, int, int *);
     static constexpr Opener kDeviceModels[] = {open_control_device, open_media_device,
-                                               open_microcontroller, open_mtd_device};
+                                               open_microcontroller, open_mtd_device, open_i2c_bus};
     *err = ENOENT;
     for (Opener open : kDeviceModels) {
         if (auto device = open(*this, path, flags, err)) {

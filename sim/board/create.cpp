@@ -1,6 +1,7 @@
 #include "board/create.h"
 
 #include "board/board.h"
+#include "board/i2c.h"
 #include "board/microcontroller.h"
 #include "board/mtd.h"
 #include "board/registers.h"
@@ -61,6 +62,7 @@ json default_config(const NewBoardOptions &options) {
                 {"soc", default_soc_config()},
                 {"mtd", default_mtd_config()},
                 {"microcontroller", default_microcontroller_config()},
+                {"i2c", default_i2c_config()},
                 {"faults", json::array()}};
 }
 
@@ -108,6 +110,7 @@ bool create_board(const std::string &dir, const NewBoardOptions &options, std::s
     for (const std::string &module : mtd_driver_modules(config["mtd"]))
         ok = ok && write_file((root / "modules" / module).string(), "simulated kernel module\n");
     ok = ok && create_microcontroller_files(board.string(), config["microcontroller"]);
+    ok = ok && create_i2c_files(board.string(), config["i2c"]);
     ok = ok && write_file((board / "board.json").string(), config.dump(2) + "\n");
     if (!ok || ec) {
         *error = "cannot write the board into " + dir;

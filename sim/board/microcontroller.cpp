@@ -394,6 +394,8 @@ private:
 
     Outcome set_port(bool set, uint8_t port, uint8_t bits) {
         json &ports = state()["ports"];
+        if (!ports.is_object()) // the first port command of a power cycle
+            ports = json::object();
         std::string key = std::to_string(port);
         int value = ports.value(key, 0);
         ports[key] = set ? (value | bits) : (value & ~bits);

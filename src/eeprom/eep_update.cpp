@@ -232,3 +232,385 @@ int Update_TVMEeprom(const char *write_dir, const char *model, int target) {
     putchar('\r');
     return blocks > 0 ? 0 : -1;
 }
+
+// --- EEPROMs on the I2C buses ------------------------------------------------------------
+
+uint8_t kolma_eeprom_buf[kKolmaEepromSize];
+int eep_flags = 0;
+
+namespace {
+
+constexpr int kEepLineSize = 64;
+constexpr int kPeltoBus = 0;
+constexpr int kRegisterBlock = 64;
+constexpr uint16_t kUnlockA = 0x5745;
+constexpr uint16_t kUnlockB = 0x5043;
+constexpr int kKolmaResetPin = 23;
+constexpr int kKolmaStatusTimeoutUs = 5000;
+constexpr int kKolmaReadLimit = 16;
+constexpr int kUatKolmaRate = 128906;
+
+// The KOLMA registers.
+constexpr uint16_t kKolmaEnable = 0x0016;
+constexpr uint16_t kKolmaBlockStart = 0x4026;
+constexpr uint16_t kKolmaUnlockA = 0x40FA;
+constexpr uint16_t kKolmaUnlockB = 0x40FC;
+constexpr uint16_t kKolmaAddress = 0x40FE;
+constexpr uint16_t kKolmaData = 0x4100;
+constexpr uint16_t kKolmaStatus = 0x40F8;
+constexpr uint16_t kKolmaReadCommand = 0x4000;
+constexpr uint16_t kKolmaReadAddress = 0x400A;
+constexpr uint16_t kKolmaReadStart = 0x401C;
+constexpr uint16_t kKolmaReadStatus = 0x4002;
+constexpr uint16_t kKolmaReadData = 0x400C;
+
+// The Vornek registers.
+constexpr uint16_t kVornekUnlockA = 0x70FA;
+constexpr uint16_t kVornekUnlockB = 0x70FC;
+constexpr uint16_t kVornekAddress = 0x70FE;
+constexpr uint16_t kVornekStatus = 0x70F8;
+constexpr uint8_t kVornekDataMessage[2] = {0xF1, 0x00};
+constexpr useconds_t kVornekPause = 5000;
+constexpr int kVornekLockReads = 100;
+
+// A register write message: register and value, high bytes first.
+void register_message(uint16_t reg, uint16_t value, uint8_t *message) {
+    message[0] = static_cast<uint8_t>(reg >> 8);
+    message[1] = static_cast<uint8_t>(reg);
+    message[2] = static_cast<uint8_t>(value >> 8);
+    message[3] = static_cast<uint8_t>(value);
+}
+
+int kolma_write(uint16_t reg, uint16_t value) {
+    uint8_t message[4];
+    register_message(reg, value, message);
+    return IIC_KOLMAEEP_Write(sizeof message, message, eep_flags);
+}
+
+// Reads a register into status (high, low); status keeps its content when the read fails.
+int kolma_read(uint16_t reg, uint8_t *status) {
+    uint8_t number[2] = {static_cast<uint8_t>(reg >> 8), static_cast<uint8_t>(reg)};
+    return IIC_KOLMAEEP_Read(number, 2, status, eep_flags);
+}
+
+int vornek_write(uint16_t reg, uint16_t value) {
+    uint8_t message[4];
+    register_message(reg, value, message);
+    return IIC_VornekEEP_Write(sizeof message, message);
+}
+
+// Reads the Vornek write status, then pauses.
+void vornek_status(uint8_t *status) {
+    uint8_t number[2] = {static_cast<uint8_t>(kVornekStatus >> 8),
+                         static_cast<uint8_t>(kVornekStatus)};
+    IIC_VornekEEP_Read(number, 2, status);
+    usleep(kVornekPause);
+}
+
+// Exactly bits 4 and 0 of status high.
+bool vornek_shows(const uint8_t *status, uint8_t bits) {
+    return (status[0] & 0x11) == bits;
+}
+
+// A block copied into a zero-filled block of the interface's size, and its sum.
+uint8_t copy_block(const uint8_t *data, int length, uint8_t *block) {
+    memset(block, 0, kRegisterBlock);
+    if (data != nullptr && length > 0)
+        memcpy(block, data, length < kRegisterBlock ? static_cast<size_t>(length) : kRegisterBlock);
+    uint8_t sum = 0;
+    for (int i = 0; i < kRegisterBlock; ++i)
+        sum = static_cast<uint8_t>(sum + block[i]);
+    return sum;
+}
+
+// A block writer of the walk that keeps the block's own result.
+struct RegisterBlockWriter {
+    int (*write)(uint32_t address, const uint8_t *data, int length);
+    int result;
+};
+
+int write_register_block(void *context, uint32_t address, const uint8_t *block) {
+    RegisterBlockWriter &writer = *static_cast<RegisterBlockWriter *>(context);
+    writer.result = writer.write(address, block, kRegisterBlock);
+    return writer.result;
+}
+
+// Finds the file with prefix; prints missing_line when no entry matches.
+bool find_text_file(const char *write_dir, const char *prefix, const char *missing_line,
+                    char *path) {
+    EepFileSearch found = find_eep_text_file(write_dir, prefix, path, kEepPathSize);
+    if (found == EEP_FILE_NOT_FOUND)
+        puts(missing_line);
+    return found == EEP_FILE_FOUND;
+}
+
+// The port command the KOLMA update sends first; its outcome does not matter.
+int send_kolma_port_command() {
+    UniqueFd link(open(kUatDevice, O_RDWR));
+    if (!link.valid())
+        return -1;
+    set_uat_rate(link.get(), kUatKolmaRate);
+    tvmuio_SetPort(link.get(), 1, 4);
+    return 0;
+}
+
+// One step of the KOLMA block sequence: false, after printing failure_line, on a time-out.
+bool kolma_step(uint8_t high, uint8_t low, const char *failure_line) {
+    const uint8_t pattern[2] = {high, low};
+    if (CheckKOLMAWriteStatus(pattern, kKolmaStatusTimeoutUs) == 0)
+        return true;
+    puts(failure_line);
+    return false;
+}
+
+// Unlock, address, data words and sum of one KOLMA block; a failed step is reported only.
+void kolma_block_body(uint32_t address, const uint8_t *data, int length) {
+    kolma_write(kKolmaBlockStart, 0x0000);
+    kolma_write(kKolmaUnlockA, kUnlockA);
+    kolma_write(kKolmaUnlockB, kUnlockB);
+    if (!kolma_step(0x10, 0x00, "KOLMA EEP Write ERROR! on xxx1xxx0 detection"))
+        return;
+    kolma_write(kKolmaAddress, static_cast<uint16_t>(address));
+    if (!kolma_step(0x10, 0x00, "KOLMA EEP Write ERROR! on xxx1xxxx detection"))
+        return;
+    uint8_t block[kRegisterBlock];
+    uint8_t sum = copy_block(data, length, block);
+    for (int i = 0; i < kRegisterBlock; i += 2) {
+        kolma_write(static_cast<uint16_t>(kKolmaData + i),
+                    static_cast<uint16_t>(block[i] << 8 | block[i + 1]));
+        usleep(i == 0 ? 9 : 4);
+    }
+    if (!kolma_step(0x10, 0x00, "KOLMA EEP Write ERROR! on xxx1xxxx detection ") ||
+        !kolma_step(0x10, 0x00, "KOLMA EEP Write ERROR! on xxx1xxxx detection "))
+        return;
+    kolma_step(0x00, sum, "KOLMA EEP Checksum ERROR!");
+}
+
+// Reads a KOLMA read-interface status until bit is clear in status low, at most six reads.
+bool kolma_read_idle(uint8_t bit, uint8_t *status) {
+    for (int read = 0; read < 6; ++read) {
+        if (read > 0)
+            usleep(1000);
+        kolma_read(kKolmaReadStatus, status);
+        if ((status[1] & bit) == 0)
+            return true;
+    }
+    return false;
+}
+
+} // namespace
+
+int Update_PeltoEeprom(const char *, const char *write_dir) {
+    struct timeval epoch = {0, 0};
+    settimeofday(&epoch, nullptr);
+    char path[kEepPathSize] = {};
+    if (!find_text_file(write_dir, "PELTO_DATA", "No EEP text file", path))
+        return -1;
+    UniqueFile file(open_eep_text_file(path));
+    if (!file)
+        return -1;
+    puts("Start writing to EEPROM, please wait... ");
+    int result = -1;
+    char line[kEepLineSize];
+    while (Get_Fgets(line, sizeof line, file.get()) != 0) {
+        uint32_t address = 0;
+        uint8_t written = 0;
+        int parsed = parse_eep_data_line(line, &address, &written);
+        if (parsed < 0)
+            return -1;
+        if (parsed == 0)
+            continue;
+        uint16_t count = 0;
+        uint8_t error = 0;
+        int16_t at = static_cast<int16_t>(address);
+        if (IIC_EEPROM_Write(kPeltoBus, at, 1, &written, &count, &error) != 0)
+            return -1;
+        uint8_t read_back = 0;
+        if (IIC_EEPROM_Read(kPeltoBus, at, 1, &error, &read_back) != 0)
+            continue; // this byte stays unverified
+        if (read_back != written)
+            return -1;
+        result = 0;
+    }
+    return result;
+}
+
+void SetKolmaHwReset() {
+    usleep(100000);
+    uint8_t level = 0;
+    PIO_BitRead(kKolmaResetPin, &level);
+    puts(" test ");
+    if (level == 1)
+        return;
+    if (PIO_BitWrite(kKolmaResetPin, 1) != PIO_OK)
+        printf("PIO_BitWrite ERROR(pio=%d)\n", kKolmaResetPin);
+    usleep(50000);
+}
+
+int EnableKOLMAEeprom() {
+    if (kolma_write(kKolmaEnable, 0x0001) != 0 || kolma_write(kKolmaEnable, 0x0000) != 0) {
+        puts("IIC_KOLMAEEP_Write Error");
+        return 1;
+    }
+    usleep(200000);
+    return 0;
+}
+
+int CheckKOLMAWriteStatus(const uint8_t *pattern, int timeout_us) {
+    uint8_t status[2] = {0, 0};
+    kolma_read(kKolmaStatus, status);
+    for (int elapsed = 0;;) {
+        if ((status[0] & pattern[0]) == pattern[0] && (status[1] & pattern[1]) == pattern[1])
+            return 0;
+        usleep(1000);
+        elapsed += 1000;
+        if (elapsed > timeout_us) {
+            printf("KOLMA EEP Write ERROR! on 0x%02x%02x detection(read 0x%02x%02x) \n", pattern[0],
+                   pattern[1], status[0], status[1]);
+            return 1;
+        }
+        kolma_read(kKolmaStatus, status);
+    }
+}
+
+int WriteKOLMAEeprom(uint32_t address, const uint8_t *data, int length) {
+    if (length > kRegisterBlock)
+        printf("KOLMA EEP Write ERROR! your specified size(%dbyte) exceed buffer(%dbyte).\n",
+               length, kRegisterBlock);
+    else
+        kolma_block_body(address, data, length);
+    // The interface is locked after every block, whatever happened in it.
+    kolma_write(kKolmaUnlockA, 0x0000);
+    kolma_write(kKolmaUnlockB, 0x0000);
+    return kolma_step(0x01, 0x00, "KOLMA EEP Write ERROR! on xxx0xxx1 detection ") ? 0 : 2;
+}
+
+int ReadKOLMAEeprom(uint32_t address, uint8_t *buffer, int length) {
+    if (length > kKolmaReadLimit) {
+        printf("KOLMA EEP Read ERROR! your specified size(%dbyte) exceed buffer(%dbyte).\n", length,
+               kKolmaReadLimit);
+        return 1;
+    }
+    kolma_write(kKolmaReadCommand, 0x0007);
+    kolma_write(kKolmaReadCommand, 0x0007);
+    kolma_write(kKolmaReadAddress, static_cast<uint16_t>(address));
+    kolma_write(kKolmaReadStart, 0x0000);
+    uint8_t status[2] = {0, 0};
+    if (!kolma_read_idle(0x01, status) || !kolma_read_idle(0x08, status)) {
+        printf("KOLMA EEP Read ERROR! on xxxxxxx0 detection (0x%02x)\n", status[1]);
+        return 1;
+    }
+    uint8_t block[kKolmaReadLimit] = {};
+    for (int i = 0; i < kKolmaReadLimit; i += 2)
+        kolma_read(static_cast<uint16_t>(kKolmaReadData + i), block + i);
+    if (buffer != nullptr && length > 0) {
+        memset(buffer, 0, static_cast<size_t>(length));
+        memcpy(buffer, block, static_cast<size_t>(length));
+    }
+    return 0;
+}
+
+int Update_KOLMAEeprom(const char *write_dir, const char *, const int *index) {
+    if (index != nullptr)
+        eep_flags = *index;
+    printf(" --- updating  KOLMA_%d EEPROM data\n", eep_flags + 1);
+    char path[kEepPathSize] = {};
+    if (!find_text_file(write_dir, "kolma_eep", "No KOLMA EEPROM found", path))
+        return -1;
+    UniqueFile file(fopen(path, "r"));
+    if (!file) {
+        printf("**ERROR** fail to open file %s \n", path);
+        return -1;
+    }
+    EepImage image{kolma_eeprom_buf, sizeof kolma_eeprom_buf, kRegisterBlock};
+    uint32_t end_address = 0;
+    if (read_eep_image(file.get(), kEepLineSize, EEP_LAYOUT_DATA_ONLY, image, &end_address) != 0)
+        return -1;
+    if (send_kolma_port_command() != 0)
+        return -1;
+    SetKolmaHwReset();
+    sleep(2);
+    if (int enabled = EnableKOLMAEeprom(); enabled != 0)
+        return enabled;
+    sleep(2);
+    RegisterBlockWriter writer{WriteKOLMAEeprom, -1};
+    eep_block_walk(image, end_address, write_register_block, &writer);
+    if (writer.result != 0) {
+        if (end_address != 0)
+            puts("ERROR: EEPROM Write Failure ");
+        return writer.result;
+    }
+    printf("\r 100%% completed\n");
+    return 0;
+}
+
+int WriteVornekEeprom(uint32_t address, const uint8_t *data, int length) {
+    if (data == nullptr || length <= 0 || length > kRegisterBlock)
+        return 1;
+    vornek_write(kVornekUnlockA, kUnlockA);
+    usleep(kVornekPause);
+    vornek_write(kVornekUnlockB, kUnlockB);
+    usleep(kVornekPause);
+    uint8_t status[2] = {0, 0};
+    vornek_status(status);
+    if (!vornek_shows(status, 0x10)) {
+        puts("EEP Write ERROR! on xxx1xxx0 detection 0");
+        return 1;
+    }
+    vornek_write(kVornekAddress, static_cast<uint16_t>(address));
+    uint8_t message[2 + kRegisterBlock];
+    memcpy(message, kVornekDataMessage, sizeof kVornekDataMessage);
+    uint8_t sum = copy_block(data, length, message + 2);
+    IIC_VornekEEP_Write(sizeof message, message);
+    usleep(kVornekPause);
+    vornek_status(status);
+    if (!vornek_shows(status, 0x10)) {
+        puts("EEP Write ERROR! on xxx1xxx0 detection 0");
+        return 1;
+    }
+    vornek_status(status);
+    if (status[1] != sum) {
+        puts("Checksum ERROR!!");
+        return 1;
+    }
+    vornek_write(kVornekUnlockA, 0x0000);
+    usleep(kVornekPause);
+    vornek_write(kVornekUnlockB, 0x0000);
+    for (int read = 0; read < kVornekLockReads; ++read) {
+        uint8_t number[2] = {static_cast<uint8_t>(kVornekStatus >> 8),
+                             static_cast<uint8_t>(kVornekStatus)};
+        IIC_VornekEEP_Read(number, 2, status);
+        if (vornek_shows(status, 0x01))
+            return 0;
+        usleep(kVornekPause);
+        puts("Timeout ERROR!!");
+    }
+    return 2;
+}
+
+int Update_VornekEeprom(const char *write_dir) {
+    char path[kEepPathSize] = {};
+    if (!find_text_file(write_dir, "vornek_eep.txt", "No Vornek EEPROM [vornek_eep.txt] found",
+                        path))
+        return -1;
+    // Whatever the letter case of the entry, the file opened is the lower-case name.
+    if (!bounded_format(path, sizeof path, "%s/vornek_eep.txt", write_dir))
+        return -1;
+    UniqueFile file(open_eep_text_file(path));
+    if (!file)
+        return -1;
+    EepImage image{eep_rom_buf, sizeof eep_rom_buf, kRegisterBlock};
+    uint32_t end_address = 0;
+    int data_lines = 0;
+    if (read_eep_image(file.get(), kEepLineSize, EEP_LAYOUT_DATA_ONLY, image, &end_address,
+                       &data_lines) != 0 ||
+        data_lines == 0)
+        return -1;
+    puts("Start writing to Vornek EEPROM, please wait... ");
+    RegisterBlockWriter writer{WriteVornekEeprom, 0};
+    eep_block_walk(image, end_address, write_register_block, &writer);
+    putchar('\r');
+    if (writer.result == 0)
+        printf("\r 100%% completed\n");
+    return writer.result;
+}

@@ -39,3 +39,39 @@ int tvm_setPictureMute(int fd);
 
 // Name of a model's EEPROM text file, or null; the table holds only 0, "RESERVED".
 const char *GetEEPTextFile(int model_id);
+
+// --- EEPROMs on the I2C buses ------------------------------------------------------------
+
+// Writes the Pelto EEPROM (bus 0) from the "PELTO_DATA" text file, one byte per data line in
+// file order, each read back at once. 0 when the last verified line matched; -1 otherwise.
+int Update_PeltoEeprom(const char *model, const char *write_dir);
+
+// The image of the KOLMA text file, and the KOLMA device (0 or 1) every register access of
+// the KOLMA functions goes to.
+constexpr size_t kKolmaEepromSize = 32767;
+extern uint8_t kolma_eeprom_buf[kKolmaEepromSize];
+extern int eep_flags;
+
+// Writes one KOLMA device's EEPROM (index copied into eep_flags when not null) from the
+// "kolma_eep" text file in 64-byte blocks. 0; -1, 1 (enable failed) or 2 (a block's lock was
+// not confirmed) otherwise.
+int Update_KOLMAEeprom(const char *write_dir, const char *model, const int *index);
+// Releases the KOLMA reset line (GPIO pin 23) unless it is released already.
+void SetKolmaHwReset();
+// Enables the EEPROM interface: 0, or 1 when a register write failed.
+int EnableKOLMAEeprom();
+// Polls the write status until the bits of pattern (high, low) are set: 0, or 1 after
+// timeout_us of 1 ms steps.
+int CheckKOLMAWriteStatus(const uint8_t *pattern, int timeout_us);
+// One block through unlock, address, data words, sum and lock: 0 when the lock is confirmed,
+// else 2.
+int WriteKOLMAEeprom(uint32_t address, const uint8_t *data, int length);
+// Reads up to 16 bytes at address through the read interface: 0, or 1.
+int ReadKOLMAEeprom(uint32_t address, uint8_t *buffer, int length);
+
+// Writes the Vornek EEPROM from "vornek_eep.txt" in 64-byte blocks. 0; -1, 1 or 2 otherwise.
+// No step of the update run calls it.
+int Update_VornekEeprom(const char *write_dir);
+// One 64-byte block: 0, 1 when a step failed (or for null data or a length outside 1..64),
+// 2 when the lock was not confirmed.
+int WriteVornekEeprom(uint32_t address, const uint8_t *data, int length);

@@ -70,7 +70,31 @@ int update_microcontroller(const RunContext &run) {
     return Update(run.write_dir, run.model, 0);
 }
 
+int update_pelto_eeprom(const RunContext &run) {
+    return Update_PeltoEeprom(run.model, run.write_dir);
+}
+
+// KOLMA_1, then KOLMA_2 only when the first succeeded; each device has its own lines.
+int update_kolma_eeproms(const RunContext &run) {
+    int index = 0;
+    if (Update_KOLMAEeprom(run.write_dir, run.model, &index) != 0) {
+        puts("!!! Unable to update KOLMA_1 EEPROM data. !!!");
+        return -1;
+    }
+    puts("--- KOLMA_1 EEPROM data updating is finished.");
+    index = 1;
+    if (Update_KOLMAEeprom(run.write_dir, run.model, &index) != 0) {
+        puts("!!! Unable to update KOLMA_2 EEPROM data. !!!");
+        return -1;
+    }
+    puts("--- KOLMA_2 EEPROM data updating is finished.");
+    puts("KOLMA all EEPROM data updating is finished.");
+    return 0;
+}
+
 constexpr UpdateStep kUpdateSteps[] = {
+    {0, FLAG_PELTO_EEPROM, "Start updating Pelto Eeprom...", update_pelto_eeprom,
+     "!!! Unable to update Pelto Eeprom. !!!", "Pelto Eeprom updating is finished."},
     {0, FLAG_QVXBIN, "Start updating Application binary...", run_application_script,
      "!!! Unable to update Binary Image. !!!", "Binary image updating is finished."},
     {0, FLAG_APP_DATA, "Start updating App data directory...", update_data_dir<Update_APPDIR>,
@@ -95,6 +119,9 @@ constexpr UpdateStep kUpdateSteps[] = {
      "!!! Unable to update TVM HEX. !!!", "TVM Hex updating is finished."},
     {0, FLAG_UBOOT, "Start updating U-boot..........", update_boot_loader,
      "!!! Unable to update uboot. !!!", "uboot updating is finished.", true, "OK     "},
+    // The KOLMA step prints its own result lines.
+    {1, FLAG1_KOLMA_EEPROM, "Start updating KOLMA EEPROM data...", update_kolma_eeproms, nullptr,
+     nullptr},
 };
 
 // Runs every selected step in order; returns -1 when any of them failed.
@@ -109,11 +136,13 @@ int run_selected_steps(const RunContext &run) {
             puts(step.start_line);
         if (step.update(run) != 0) {
             result = -1;
-            puts(step.failure_line);
+            if (step.failure_line != nullptr)
+                puts(step.failure_line);
         } else {
             if (step.success_completion != nullptr)
                 puts(step.success_completion);
-            puts(step.success_line);
+            if (step.success_line != nullptr)
+                puts(step.success_line);
         }
     }
     return result;

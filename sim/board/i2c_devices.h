@@ -1,0 +1,62 @@
+// Device models on the I2C buses.
+//
+// "serial_eeprom": a serial EEPROM with two-byte word addresses (high byte first; one byte with
+//   "address_bytes": 1). A write
+//   message sets the address and then fills the page buffer; the stop condition stores the
+//   bytes, wrapping within the page ("page", default 32), and starts the write cycle
+//   ("write_cycle_us", default 5000) during which the device does not acknowledge its address.
+//   A read continues from the address counter (sequential read, wrapping at the end).
+//   Keys: "size", "page", "address_bytes", "write_cycle_us", "file".
+//
+// Register interfaces ("kolma", "vornek"): an EEPROM behind 16-bit registers holding 16-bit
+//   values, each model described by a RegisterMap. A register write is one 4-byte message
+//   (register, value, high bytes first); a read writes the 2-byte register number and reads
+//   the value with a repeated start. A register the map does not name, or one not open yet,
+//   is refused with a NAK of its low byte. The sequence for one block: unlock A and B with
+//   their values (status high bit 4, "ready", is set while both are), EEPROM address, the
+//   data (words, or one data message), lock A and B with 0. The lock stores the block only
+//   when address and every data byte came while unlocked; then status high shows bit 0
+//   ("stored") once "write_us" (default 1000) has passed, otherwise never. Status low is the
+//   sum of the data bytes received since the unlock.
+//   Keys: "size", "file", "write_us", "reset_pin" (the device answers only while that pin is
+//   1; while it is 0 the device forgets its registers).
+//   Faults (target: the device's name): register_status_missing ("bits" of status high that
+//   never show, default 0x01), register_wrong_sum (status low off by "delta", default 1).
+#pragma once
+
+#include "board/i2c.h"
+
+namespace tvsim {
+
+// One register that reads a fixed value and accepts writes (0: unused entry).
+struct FixedRegister {
+    uint16_t reg;
+    uint16_t value;
+};
+
+// Where a register interface keeps each role; 0 where the interface has no such register.
+struct RegisterMap {
+    const char *model;
+    size_t block_size;
+    uint16_t enable;           // written enable_values in order to open the EEPROM registers
+    uint16_t enable_values[2]; // ... enable_count of them
+    int enable_count;          // 0: the EEPROM registers are open from power-on
+    uint16_t block_start;      // written at the start of a block: forgets the block so far
+    uint16_t unlock_a;         // takes 0x5745 to unlock, 0 to lock
+    uint16_t unlock_b;         // takes 0x5043 to unlock, 0 to lock
+    uint16_t address;          // EEPROM address of the block
+    uint16_t status;           // write status: high bit 4 ready, bit 0 stored; low the sum
+    uint16_t data_words;       // block bytes i, i+1 at data_words + i
+    uint16_t data_message;     // one message of the register and the whole block
+    uint16_t read_command;     // read interface: command, address, start, status, data
+    uint16_t read_address;
+    uint16_t read_start;
+    uint16_t read_status;   // low bits 0 and 3 clear: the data is ready
+    uint16_t read_data;     // bytes at read address + i at read_data + i, i < 16
+    FixedRegister fixed[6]; // further registers of the device (PLL, calibration, ...)
+};
+
+// The register maps of the models; null for an unknown model.
+const RegisterMap *register_map(std::string_view model);
+
+} // namespace tvsim

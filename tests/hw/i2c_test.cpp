@@ -1,0 +1,409 @@
+// The I2C bus layer and device functions: page and chunk arithmetic, argument refusals, and
+// the retry rules against the buses of an attached board.
+#include "board/create.h"
+#include "eeprom/eep_update.h"
+#include "hw/utils.h"
+#include "interpose/control.h"
+#include "run/main.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <gtest/gtest.h>
+#include <linux/i2c-dev.h>
+#include <linux/i2c.h>
+#include <nlohmann/json.hpp>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+namespace {
+
+TEST(I2cArithmetic, WriteChunksEndAtThePageEnd) {
+    const struct {
+        uint32_t address, left, page;
+        uint16_t chunk;
+    } cases[] = {
+        {0x001C, 40, 32, 4}, {0x0020, 36, 32, 32}, {0x0040, 4, 32, 4},   {0x0000, 1, 32, 1},
+        {0x001F, 9, 32, 1},  {0x7FE0, 64, 32, 32}, {0x000F, 100, 16, 1}, {0x0100, 300, 256, 256},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(i2c_page_chunk(c.address, c.left, c.page), c.chunk)
+            << std::hex << c.address << " " << c.left << " " << c.page;
+}
+
+TEST(I2cArithmetic, ErrorByteKeepsBits8To11And0To3) {
+    const struct {
+        int result;
+        uint8_t error;
+    } cases[] = {{0, 0x00},          {-1, 0xFF},    {-ENXIO, 0xFA},
+                 {-EREMOTEIO, 0xF7}, {0x123, 0x13}, {0xA5C, 0xAC}};
+    for (const auto &c : cases)
+        EXPECT_EQ(i2c_error_byte(c.result), c.error) << c.result;
+}
+
+// Argument refusals come before any bus is opened: no board is needed to see them.
+TEST(I2cArguments, RefusedWithoutATransfer) {
+    uint8_t bytes[70] = {};
+    uint8_t error = 0x55;
+    uint16_t count = 0;
+    EXPECT_EQ(IIC_EEPROM_Write(0, static_cast<int16_t>(0x8000), 1, bytes, &count, &error), 3);
+    EXPECT_EQ(IIC_EEPROM_Write(3, 0, 1, bytes, &count, &error), 3);
+    EXPECT_EQ(IIC_EEPROM_Read(-1, 0, 1, &error, bytes), 3);
+    EXPECT_EQ(IIC_EEPROM_Read(0, 0, 1, &error, nullptr), 3);
+    EXPECT_EQ(IIC_EEPROM_HDMI_Write(0, 0x7FF0, 16, bytes, &count, &error), 3);
+    EXPECT_EQ(IIC_KOLMAEEP_Read(bytes, 3, bytes, 0), 3);
+    EXPECT_EQ(IIC_KOLMAEEP_Write(4, bytes, 2), 3);
+    EXPECT_EQ(IIC_VornekEEP_Write(0, bytes), 3);
+    EXPECT_EQ(IIC_VornekEEP_Write(67, bytes), 3);
+    EXPECT_EQ(IIC_VornekEEP_Read(nullptr, 2, bytes), 3);
+    EXPECT_EQ(i2c_write(0, 0xA2, 0, bytes), -1);
+    EXPECT_EQ(i2c_write(3, 0xA2, 1, bytes), -1);
+    EXPECT_EQ(i2c_read_write(0, 0xA2, 2, bytes, 0, bytes), -1);
+    EXPECT_EQ(i2c_handle_initialized, 0);
+    testing::internal::CaptureStdout();
+    int fpga = IIC_FPGAEEP_Write(4, bytes, 3);
+    fflush(stdout);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "IIC_FPGAEEP_Write() error ** fpga type fail. (3) \n");
+    EXPECT_EQ(fpga, 3);
+}
+
+// A board in a temporary folder, attached while the test calls the device functions.
+class I2cOnBoard : public testing::Test {
+protected:
+    void SetUp() override {
+        dir_ = fs::temp_directory_path() / ("tvsim-i2c-test." + std::to_string(getpid()));
+        fs::remove_all(dir_);
+        std::string error;
+        ASSERT_TRUE(tvsim::create_board(dir_.string(), {}, &error)) << error;
+    }
+    void TearDown() override {
+        tvsim_detach();
+        fs::remove_all(dir_);
+    }
+    void change_config(const std::function<void(json &)> &change) {
+        json config = json::parse(std::ifstream(dir_ / "board.json"));
+        change(config);
+        std::ofstream(dir_ / "board.json") << config.dump();
+    }
+    void add_fault(const json &fault) {
+        change_config([&](json &c) { c["faults"].push_back(fault); });
+    }
+    void attach() { ASSERT_EQ(tvsim_attach(dir_.c_str()), 0); }
+    // What call prints on standard output (kept inside the board folder, which the attached
+    // process reaches as it is).
+    template <typename Call> std::string printed(Call call) {
+        std::string path = (dir_ / "stdout.txt").string();
+        fflush(stdout);
+        int saved = dup(1);
+        int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        dup2(file, 1);
+        close(file);
+        call();
+        fflush(stdout);
+        dup2(saved, 1);
+        close(saved);
+        std::ifstream in(path);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    }
+    // The I2C transfers so far, as "w" hex lengths of their first message ("nak" when any
+    // message of the transfer was refused).
+    std::vector<std::string> transfers() const {
+        std::vector<std::string> seen;
+        std::ifstream trace(dir_ / "trace.jsonl");
+        for (std::string line; std::getline(trace, line);) {
+            json e = json::parse(line);
+            if (e["ev"] != "i2c")
+                continue;
+            const json &first = e["msgs"][0];
+            seen.push_back(e.contains("errno") ? "nak"
+                                               : std::to_string(first.value("w", "").size() / 2));
+        }
+        return seen;
+    }
+    fs::path dir_;
+};
+
+TEST_F(I2cOnBoard, PagedWriteSplitsAtPageEndsAndReadsBack) {
+    attach();
+    uint8_t data[40];
+    for (int i = 0; i < 40; ++i)
+        data[i] = static_cast<uint8_t>(i + 1);
+    uint16_t count = 0;
+    uint8_t error = 0x55;
+    ASSERT_EQ(IIC_EEPROM_Write(0, 0x001C, sizeof data, data, &count, &error), 0);
+    EXPECT_EQ(count, 40);
+    EXPECT_EQ(error, 0);
+    uint8_t back[40] = {};
+    ASSERT_EQ(IIC_EEPROM_Read(0, 0x001C, sizeof back, &error, back), 0);
+    EXPECT_EQ(memcmp(back, data, sizeof data), 0);
+    // Messages of 6, 34 and 6 bytes; the write cycle after each makes the next one retry.
+    std::vector<std::string> acked;
+    for (const std::string &t : transfers()) {
+        if (t != "nak")
+            acked.push_back(t);
+    }
+    EXPECT_EQ(acked, (std::vector<std::string>{"6", "34", "6", "2"}));
+    EXPECT_GT(transfers().size(), acked.size()); // busy tries during the write cycles
+    EXPECT_EQ(i2c_handle_initialized, 0);
+}
+
+TEST_F(I2cOnBoard, BusyTwiceThenSuccess) {
+    add_fault({{"fault", "i2c_busy"}, {"target", "pelto"}, {"times", 2}});
+    attach();
+    uint8_t byte = 0;
+    uint8_t error = 0x55;
+    EXPECT_EQ(IIC_EEPROM_Read(0, 0x0100, 1, &error, &byte), 0);
+    EXPECT_EQ(byte, 0xFF);
+    EXPECT_EQ(transfers(), (std::vector<std::string>{"nak", "nak", "2"}));
+}
+
+TEST_F(I2cOnBoard, BusyForeverEndsAfterItsTries) {
+    add_fault({{"fault", "i2c_busy"}, {"target", "pelto"}});
+    attach();
+    uint8_t byte = 0x12;
+    uint16_t count = 0;
+    uint8_t error = 0;
+    EXPECT_EQ(IIC_EEPROM_Write(0, 0, 1, &byte, &count, &error), 6);
+    EXPECT_EQ(error, 0xFF); // low byte of -1, the bus layer's busy result
+    EXPECT_EQ(transfers().size(), 3u * kI2cBusyTries);
+}
+
+TEST_F(I2cOnBoard, RefusedDataIsFinalAfterThreeAttempts) {
+    add_fault({{"fault", "i2c_nak"}, {"target", "vornek"}});
+    attach();
+    const uint8_t message[4] = {0x70, 0xFA, 0x57, 0x45};
+    int result = 0;
+    EXPECT_EQ(printed([&] { result = IIC_VornekEEP_Write(sizeof message, message); }),
+              "IIC_VornekEEP_Write() ERROR!\n");
+    EXPECT_EQ(result, 6);
+    EXPECT_EQ(transfers(), (std::vector<std::string>{"nak", "nak", "nak"}));
+}
+
+TEST_F(I2cOnBoard, BusWithoutStatusRequestFailsAtOnceWithTheTransferError) {
+    change_config([](json &c) { c["i2c"]["without_status_request"] = {0}; });
+    add_fault({{"fault", "i2c_busy"}, {"target", "pelto"}});
+    attach();
+    i2c_init();
+    uint8_t bytes[3] = {0, 0, 0x42};
+    EXPECT_EQ(i2c_write(0, 0xA2, sizeof bytes, bytes), -ENXIO);
+    i2c_deinit();
+    EXPECT_EQ(transfers().size(), 1u);
+}
+
+TEST_F(I2cOnBoard, KolmaHeldInResetNeverAnswers) {
+    attach();
+    const uint8_t status_register[2] = {0x40, 0xF8};
+    uint8_t status[2] = {};
+    int result = 0;
+    EXPECT_EQ(printed([&] { result = IIC_KOLMAEEP_Read(status_register, 2, status, 1); }),
+              "error num = -6 \nerror num = -6 \nerror num = -6 \nIIC_KOLMAEEP_Read() ERROR!\n");
+    EXPECT_EQ(result, 6);
+    EXPECT_EQ(transfers().size(), 3u * (kI2cBusyTries + 1));
+}
+
+TEST_F(I2cOnBoard, HdmiEepromPagesAndHalves) {
+    change_config([](json &c) {
+        for (int half : {0, 1})
+            c["i2c"]["devices"].push_back({{"name", "hdmi" + std::to_string(half)},
+                                           {"model", "serial_eeprom"},
+                                           {"bus", 1},
+                                           {"address", 0x50 + half},
+                                           {"size", 256},
+                                           {"page", 16},
+                                           {"address_bytes", 1}});
+    });
+    attach();
+    uint8_t data[40];
+    for (int i = 0; i < 40; ++i)
+        data[i] = static_cast<uint8_t>(0x80 + i);
+    uint16_t count = 0;
+    uint8_t error = 0x55;
+    ASSERT_EQ(IIC_EEPROM_HDMI_Write(1, 0x00F8, sizeof data, data, &count, &error), 0);
+    EXPECT_EQ(error, 0);
+    // The low half takes 0xF8..0xFF, the high half (address bit 8) the rest from its word 0.
+    uint8_t low[8] = {};
+    uint8_t high[32] = {};
+    uint16_t covered = 0;
+    ASSERT_EQ(IIC_EEPROM_HDMI_Read(1, 0x00F8, sizeof low, &error, low, &covered), 0);
+    ASSERT_EQ(IIC_EEPROM_HDMI_Read(1, 0x0100, sizeof high, &error, high, &covered), 0);
+    EXPECT_EQ(covered, 32);
+    EXPECT_EQ(memcmp(low, data, 8), 0);
+    EXPECT_EQ(memcmp(high, data + 8, 32), 0);
+    std::vector<std::string> acked;
+    for (const std::string &t : transfers()) {
+        if (t != "nak")
+            acked.push_back(t);
+    }
+    // Writes of 8, 16 and 16 bytes after the word address, then the two reads.
+    EXPECT_EQ(acked, (std::vector<std::string>{"9", "17", "17", "1", "1"}));
+}
+
+TEST_F(I2cOnBoard, KolmaReadInterfaceAfterReleaseAndEnable) {
+    std::string cells(32768, '\xff');
+    for (int i = 0; i < 16; ++i)
+        cells[0x0123 + i] = static_cast<char>(i * 3);
+    std::ofstream(dir_ / "i2c/kolma_1.bin", std::ios::binary) << cells;
+    attach();
+    cn_user_fd = open("/dev/cn_user", O_RDWR);
+    eep_flags = 0;
+    SetKolmaHwReset();
+    ASSERT_EQ(EnableKOLMAEeprom(), 0);
+    uint8_t buffer[12];
+    memset(buffer, 0xEE, sizeof buffer);
+    EXPECT_EQ(ReadKOLMAEeprom(0x0123, buffer, 10), 0);
+    for (int i = 0; i < 10; ++i)
+        EXPECT_EQ(buffer[i], i * 3) << i;
+    EXPECT_EQ(buffer[10], 0xEE);
+    close(cn_user_fd);
+    cn_user_fd = -1;
+}
+
+// The simulated adapters and devices refuse what the kernel and the devices would.
+class I2cModels : public I2cOnBoard {
+protected:
+    void SetUp() override {
+        I2cOnBoard::SetUp();
+        attach();
+        bus0_ = open("/dev/i2c-0", O_RDWR);
+        bus2_ = open("/dev/i2c-2", O_RDWR);
+        ASSERT_GE(bus0_, 0);
+        ASSERT_GE(bus2_, 0);
+    }
+    void TearDown() override {
+        close(bus0_);
+        close(bus2_);
+        I2cOnBoard::TearDown();
+    }
+    // errno of a failed request, 0 when it succeeded.
+    static int error_of(int result) { return result < 0 ? errno : 0; }
+    int rdwr(int fd, std::vector<i2c_msg> messages) {
+        i2c_rdwr_ioctl_data data{messages.data(), static_cast<uint32_t>(messages.size())};
+        return error_of(ioctl(fd, I2C_RDWR, &data));
+    }
+    int vornek(uint16_t reg, uint16_t value) {
+        uint8_t m[4] = {static_cast<uint8_t>(reg >> 8), static_cast<uint8_t>(reg),
+                        static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
+        return rdwr(bus2_, {{0x0A, 0, 4, m}});
+    }
+    uint16_t vornek_status() {
+        uint8_t reg[2] = {0x70, 0xF8};
+        uint8_t value[2] = {};
+        EXPECT_EQ(rdwr(bus2_, {{0x0A, 0, 2, reg}, {0x0A, I2C_M_RD, 2, value}}), 0);
+        return static_cast<uint16_t>(value[0] << 8 | value[1]);
+    }
+    std::string vornek_cells() {
+        std::ifstream in(dir_ / "i2c/vornek.bin", std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    }
+    int bus0_ = -1;
+    int bus2_ = -1;
+};
+
+TEST_F(I2cModels, AdapterRefusesWhatI2cDevRefuses) {
+    uint8_t byte = 0;
+    std::vector<i2c_msg> too_many(43, i2c_msg{0x51, I2C_M_RD, 1, &byte});
+    std::vector<uint8_t> big(8193);
+    i2c_smbus_ioctl_data bad_direction{2, 0, I2C_SMBUS_BYTE_DATA, nullptr};
+    i2c_smbus_data data{};
+    i2c_smbus_ioctl_data bad_size{I2C_SMBUS_READ, 0, 99, &data};
+    const struct {
+        const char *what;
+        int error;
+        int expected;
+    } cases[] = {
+        {"no messages", rdwr(bus0_, {}), EINVAL},
+        {"43 messages", rdwr(bus0_, too_many), EINVAL},
+        {"8193 bytes", rdwr(bus0_, {{0x51, 0, 8193, big.data()}}), EINVAL},
+        {"ten-bit flag", rdwr(bus0_, {{0x51, I2C_M_TEN, 1, &byte}}), EOPNOTSUPP},
+        {"address 0x80", error_of(ioctl(bus0_, I2C_SLAVE, 0x80)), EINVAL},
+        {"SMBus direction", error_of(ioctl(bus0_, I2C_SMBUS, &bad_direction)), EINVAL},
+        {"SMBus size", error_of(ioctl(bus0_, I2C_SMBUS, &bad_size)), EINVAL},
+        {"no device", rdwr(bus0_, {{0x52, I2C_M_RD, 1, &byte}}), ENXIO},
+        {"unknown request", error_of(ioctl(bus0_, 0x7799, &byte)), ENOTTY},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(c.error, c.expected) << c.what;
+    uint32_t status = 0;
+    ASSERT_EQ(ioctl(bus0_, I2C_BUSY_STATUS_REQUEST, &status), 0);
+    EXPECT_EQ(status, kI2cStatusBusy); // the last transfer's address was not acknowledged
+}
+
+TEST_F(I2cModels, SerialEepromWrapsWithinThePageAndIsDeafDuringItsCycle) {
+    uint8_t message[2 + 34] = {0x00, 0x1E};
+    for (int i = 0; i < 34; ++i)
+        message[2 + i] = static_cast<uint8_t>(i);
+    ASSERT_EQ(rdwr(bus0_, {{0x51, 0, sizeof message, message}}), 0);
+    uint8_t address[2] = {0x00, 0x00};
+    uint8_t page[32] = {};
+    EXPECT_EQ(rdwr(bus0_, {{0x51, 0, 2, address}, {0x51, I2C_M_RD, 32, page}}), ENXIO);
+    usleep(5000);
+    ASSERT_EQ(rdwr(bus0_, {{0x51, 0, 2, address}, {0x51, I2C_M_RD, 32, page}}), 0);
+    // Bytes 0 and 1 went to 0x1E and 0x1F, 2 to 33 wrapped to 0x00..0x1F; 32 and 33 replaced
+    // the first two.
+    EXPECT_EQ(page[0x1E], 32);
+    EXPECT_EQ(page[0x1F], 33);
+    EXPECT_EQ(page[0x00], 2);
+    EXPECT_EQ(page[0x1D], 31);
+}
+
+TEST_F(I2cModels, RegisterBlockStoredOnlyWhenTheSequenceWasFollowed) {
+    uint8_t message[66] = {0xF1, 0x00};
+    for (int i = 0; i < 64; ++i)
+        message[2 + i] = static_cast<uint8_t>(i + 1);
+    // Locked: the address and the data are refused.
+    EXPECT_EQ(vornek(0x70FE, 0x0040), EREMOTEIO);
+    EXPECT_EQ(rdwr(bus2_, {{0x0A, 0, sizeof message, message}}), EREMOTEIO);
+    EXPECT_EQ(vornek(0x1234, 0), EREMOTEIO); // no such register
+    // Unlocked without data: the lock stores nothing and never shows "stored".
+    EXPECT_EQ(vornek(0x70FA, 0x5745), 0);
+    EXPECT_EQ(vornek(0x70FC, 0x5043), 0);
+    EXPECT_EQ(vornek_status(), 0x1000);
+    EXPECT_EQ(vornek(0x70FE, 0x0040), 0);
+    EXPECT_EQ(vornek(0x70FA, 0), 0);
+    EXPECT_EQ(vornek(0x70FC, 0), 0);
+    usleep(10000);
+    EXPECT_EQ(vornek_status(), 0x0000);
+    EXPECT_TRUE(vornek_cells() == std::string(32768, '\xff'));
+    // The whole sequence: stored at the address, status shows the sum, then "stored".
+    EXPECT_EQ(vornek(0x70FA, 0x5745), 0);
+    EXPECT_EQ(vornek(0x70FC, 0x5043), 0);
+    EXPECT_EQ(vornek(0x70FE, 0x0040), 0);
+    EXPECT_EQ(rdwr(bus2_, {{0x0A, 0, sizeof message, message}}), 0);
+    EXPECT_EQ(vornek_status(), 0x1000 | (64 * 65 / 2 % 256));
+    EXPECT_EQ(vornek(0x70FA, 0), 0);
+    EXPECT_EQ(vornek(0x70FC, 0), 0);
+    usleep(1000);
+    EXPECT_EQ(vornek_status() >> 8, 0x01);
+    std::string cells = vornek_cells();
+    EXPECT_EQ(cells[0x40], 1);
+    EXPECT_EQ(cells[0x7F], 64);
+    EXPECT_EQ(cells[0x80], '\xff');
+}
+
+TEST_F(I2cModels, KolmaAnswersAfterResetReleaseAndOpensItsEepromAfterEnable) {
+    uint8_t unlock[4] = {0x40, 0xFA, 0x57, 0x45};
+    uint8_t enable_on[4] = {0x00, 0x16, 0x00, 0x01};
+    uint8_t enable_off[4] = {0x00, 0x16, 0x00, 0x00};
+    EXPECT_EQ(rdwr(bus2_, {{0x29, 0, 4, unlock}}), ENXIO); // held in reset
+    cn_user_fd = open("/dev/cn_user", O_RDWR);
+    ASSERT_EQ(PIO_BitWrite(23, 1), PIO_OK);
+    EXPECT_EQ(rdwr(bus2_, {{0x29, 0, 4, unlock}}), EREMOTEIO); // EEPROM not enabled
+    EXPECT_EQ(rdwr(bus2_, {{0x29, 0, 4, enable_on}}), 0);
+    EXPECT_EQ(rdwr(bus2_, {{0x29, 0, 4, enable_off}}), 0);
+    EXPECT_EQ(rdwr(bus2_, {{0x29, 0, 4, unlock}}), 0);
+    // A reset forgets the enable.
+    ASSERT_EQ(PIO_BitWrite(23, 0), PIO_OK);
+    EXPECT_EQ(rdwr(bus2_, {{0x29, 0, 4, unlock}}), ENXIO);
+    ASSERT_EQ(PIO_BitWrite(23, 1), PIO_OK);
+    EXPECT_EQ(rdwr(bus2_, {{0x29, 0, 4, unlock}}), EREMOTEIO);
+    close(cn_user_fd);
+    cn_user_fd = -1;
+}
+
+} // namespace

@@ -1,0 +1,280 @@
+// The EEPROMs on the I2C buses: the Pelto EEPROM and both KOLMA devices through the update
+// run, the Vornek EEPROM through its updater, each with the bus and device faults; and the
+// simulated buses cross-checked with i2c-tools.
+#include "scenarios/harness.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+namespace scenario {
+namespace {
+
+constexpr size_t kEepromSize = 32768;
+
+// The KOLMA file: bytes 0x00..0x8F, value 7 times the address; three blocks are written.
+std::string kolma_file() {
+    std::string text;
+    for (unsigned a = 0; a < 0x90; ++a) {
+        char line[16];
+        snprintf(line, sizeof line, "%04X %02X\n", a, (a * 7) & 0xFF);
+        text += line;
+    }
+    return text;
+}
+
+// What an EEPROM holds when these cells were written and every other is erased.
+std::string eeprom_with(size_t from, const std::string &bytes) {
+    std::string cells(kEepromSize, '\xff');
+    cells.replace(from, bytes.size(), bytes);
+    return cells;
+}
+
+std::string kolma_cells() {
+    std::string bytes;
+    for (unsigned a = 0; a < 0xC0; ++a)
+        bytes += static_cast<char>(a < 0x90 ? (a * 7) & 0xFF : 0xFF);
+    return eeprom_with(0, bytes);
+}
+
+const std::string kKolmaProgress =
+    "\r   0% completed\r  44% completed\r  89% completed\r 100% completed\n";
+
+std::string kolma_device_lines(int number) {
+    return " --- updating  KOLMA_" + std::to_string(number) + " EEPROM data\n test \n" +
+           kKolmaProgress;
+}
+
+class I2cEeproms : public Scenario {
+protected:
+    void SetUp() override {
+        Scenario::SetUp();
+        if (testing::Test::IsSkipped())
+            return;
+        board.medium_list("M1", "pelto_eeprom\nkolma_eeprom\n");
+        board.medium_file("M1/writedata/PELTO_DATA.txt", "0011 A5\r\n00 10 5a\n0200 3C\n");
+        board.medium_file("M1/writedata/kolma_eep.txt", kolma_file());
+        board.make();
+    }
+
+    std::string pelto_lines(const std::string &result_line) const {
+        return "Start updating Pelto Eeprom...\n"
+               "Reading from file : /tmp/M1/writedata/PELTO_DATA.txt \n"
+               "Start writing to EEPROM, please wait... \n" +
+               result_line + "\n";
+    }
+};
+
+TEST_F(I2cEeproms, RunWritesPeltoAndBothKolmaDevices) {
+    RunResult r = board.tvupdate({"M1"});
+    EXPECT_EQ(r.output, run_prologue("M1") + pelto_lines("Pelto Eeprom updating is finished.") +
+                            "Start updating KOLMA EEPROM data...\n" + kolma_device_lines(1) +
+                            "--- KOLMA_1 EEPROM data updating is finished.\n" +
+                            kolma_device_lines(2) +
+                            "--- KOLMA_2 EEPROM data updating is finished.\n"
+                            "KOLMA all EEPROM data updating is finished.\n" +
+                            run_epilogue());
+    EXPECT_EQ(r.exit_status, 0);
+    std::string pelto = eeprom_with(0x10, "\x5a\xa5");
+    pelto[0x200] = '\x3c';
+    EXPECT_TRUE(board.read("i2c/pelto.bin") == pelto);
+    EXPECT_TRUE(board.read("i2c/kolma_1.bin") == kolma_cells());
+    EXPECT_TRUE(board.read("i2c/kolma_2.bin") == kolma_cells());
+    EXPECT_TRUE(board.read("i2c/vornek.bin") == std::string(kEepromSize, '\xff'));
+    // Each Pelto line is one 3-byte write; the write cycle makes the read-back retry.
+    int pelto_writes = 0;
+    for (const json &e : board.trace("eeprom_write"))
+        pelto_writes += e["device"] == "pelto" && e["count"] == 1;
+    EXPECT_EQ(pelto_writes, 3);
+    // Each KOLMA update first sets port 1 bit 4 of the microcontroller, which answers at once.
+    json state = json::parse(board.read("state.json"));
+    EXPECT_EQ(state["microcontroller"]["ports"]["1"], 4);
+    EXPECT_EQ(board.trace("uart_reply").size(), 2u);
+    // Two 2 s pauses and 0.35 s of shorter ones per KOLMA device, and the transfers.
+    EXPECT_GT(board.board_seconds(), 8.7);
+    EXPECT_LT(board.board_seconds(), 9.5);
+}
+
+TEST_F(I2cEeproms, FailingKolma1LeavesKolma2Untouched) {
+    board.add_fault({{"fault", "register_status_missing"}, {"target", "KOLMA_1"}, {"bits", 1}});
+    RunResult r = board.tvupdate({"M1"});
+    EXPECT_NE(r.output.find(" test \n"
+                            "KOLMA EEP Write ERROR! on 0x0100 detection(read 0x0020) \n"
+                            "KOLMA EEP Write ERROR! on xxx0xxx1 detection \n"
+                            "ERROR: EEPROM Write Failure \n"
+                            "!!! Unable to update KOLMA_1 EEPROM data. !!!\n"),
+              std::string::npos)
+        << r.output;
+    EXPECT_EQ(r.output.find("KOLMA_2"), std::string::npos);
+    EXPECT_EQ(r.exit_status, 255);
+    // The block was stored (the sequence was followed); only its confirmation never came.
+    EXPECT_TRUE(board.read("i2c/kolma_1.bin") == eeprom_with(0, kolma_cells().substr(0, 64)));
+    EXPECT_TRUE(board.read("i2c/kolma_2.bin") == std::string(kEepromSize, '\xff'));
+}
+
+TEST_F(I2cEeproms, FaultsShowInOutputAndResult) {
+    struct Case {
+        const char *name;
+        json faults;
+        std::string expected; // part of the output
+        bool kolma_ok;
+        bool pelto_ok;
+    } cases[] = {
+        {"wrong sum is reported, the block still counts",
+         // The fifth status read of a block is its sum check, which polls six times. The check
+         // only asks for the sum's bits (0x20 here), so the sum is made to lose them.
+         {{{"fault", "register_wrong_sum"},
+           {"target", "KOLMA_2"},
+           {"skip", 4},
+           {"times", 6},
+           {"delta", 0x20}}},
+         "KOLMA EEP Checksum ERROR!\n",
+         true,
+         true},
+        {"a byte that reads back different",
+         {{{"fault", "i2c_read_differs"}, {"target", "pelto"}, {"skip", 1}, {"times", 1}}},
+         pelto_lines("!!! Unable to update Pelto Eeprom. !!!"),
+         true,
+         false},
+        {"busy for 30 tries",
+         {{{"fault", "i2c_busy"}, {"target", "pelto"}, {"times", 30}}},
+         pelto_lines("Pelto Eeprom updating is finished."),
+         true,
+         true},
+        {"busy forever",
+         {{{"fault", "i2c_busy"}, {"target", "pelto"}}},
+         pelto_lines("!!! Unable to update Pelto Eeprom. !!!"),
+         true,
+         false},
+        {"EIO on bus 2",
+         {{{"fault", "i2c_bus_error"}, {"target", "i2c-2"}}},
+         "IIC_KOLMAEEP_Write() ERROR!\nIIC_KOLMAEEP_Write Error\n"
+         "!!! Unable to update KOLMA_1 EEPROM data. !!!\n",
+         false,
+         true},
+        {"KOLMA never acknowledges its data",
+         {{{"fault", "i2c_nak"}, {"target", "KOLMA_1"}}},
+         "IIC_KOLMAEEP_Write() ERROR!\nIIC_KOLMAEEP_Write Error\n"
+         "!!! Unable to update KOLMA_1 EEPROM data. !!!\n",
+         false,
+         true},
+    };
+    for (const Case &c : cases) {
+        board.remake({{"faults", c.faults}});
+        RunResult r = board.tvupdate({"M1"});
+        EXPECT_NE(r.output.find(c.expected), std::string::npos) << c.name << "\n" << r.output;
+        EXPECT_EQ(r.exit_status, c.kolma_ok && c.pelto_ok ? 0 : 255) << c.name;
+        EXPECT_EQ(r.output.find("KOLMA all EEPROM data updating is finished.") != std::string::npos,
+                  c.kolma_ok)
+            << c.name;
+        EXPECT_EQ(board.read("i2c/kolma_2.bin") == kolma_cells(), c.kolma_ok) << c.name;
+    }
+}
+
+// i2c-tools, written by others, against the simulated buses (host programs: host build only).
+TEST_F(I2cEeproms, I2cToolsSeeWhatTheToolWroteAndTheToolSeesWhatTheyWrote) {
+    if (const char *v = getenv("TVSIM_VARIANT"); v != nullptr && std::string(v) == "armhf")
+        GTEST_SKIP() << "i2c-tools are host programs";
+    const std::string first_row = "00:                         -- -- 0a -- -- -- -- -- \n";
+    const std::string kolma_row = "20: -- -- -- -- -- -- -- -- -- 29 -- 2b -- -- -- -- \n";
+    // The KOLMA devices are held in reset until the tool releases them.
+    RunResult before = board.run({"i2cdetect", "-y", "2"});
+    EXPECT_NE(before.output.find(first_row), std::string::npos) << before.output;
+    EXPECT_NE(before.output.find("20: -- -- -- -- -- -- -- -- -- -- -- -- -- -- -- -- \n"),
+              std::string::npos);
+    ASSERT_EQ(board.tvupdate({"M1"}).exit_status, 0);
+    RunResult detect = board.run({"i2cdetect", "-y", "2"});
+    // Only the first rows differ: nothing else answers on bus 2.
+    std::string expected = before.output;
+    expected.replace(expected.find("20: "), kolma_row.size(), kolma_row);
+    EXPECT_EQ(detect.output, expected);
+    EXPECT_EQ(detect.exit_status, 0);
+
+    RunResult read = board.run({"i2ctransfer", "-y", "0", "w2@0x51", "0x00", "0x10", "r2"});
+    EXPECT_EQ(read.output, "0x5a 0xa5\n");
+    RunResult current = board.run({"i2cget", "-y", "0", "0x51"}); // the address counter
+    EXPECT_EQ(current.output, "0xff\n");
+
+    EXPECT_EQ(board.run({"i2cset", "-y", "0", "0x51", "0x01", "0x23", "0xc7", "i"}).exit_status, 0);
+    RunResult tool = board.run({TVSIM_CALL_UPDATER, "pelto_read", "-", "-", "0x0123"});
+    EXPECT_EQ(tool.output, "0xc7\nresult 0\n");
+    EXPECT_EQ(board.read("i2c/pelto.bin")[0x123], '\xc7');
+}
+
+class VornekUpdater : public Scenario {
+protected:
+    void SetUp() override {
+        Scenario::SetUp();
+        if (testing::Test::IsSkipped())
+            return;
+        if (const char *v = getenv("TVSIM_VARIANT"); v != nullptr && std::string(v) == "armhf")
+            GTEST_SKIP() << "the updater caller is a host program";
+        board.make("");
+        std::filesystem::create_directories(board.path("fs/tmp/M1/writedata"));
+    }
+    void file(const std::string &name, const std::string &text) const {
+        std::ofstream(board.path("fs/tmp/M1/writedata/" + name)) << text;
+    }
+    RunResult call() const {
+        return board.run({TVSIM_CALL_UPDATER, "vornek", "/tmp/M1/writedata", "-", "-"});
+    }
+};
+
+TEST_F(VornekUpdater, WritesBlocksThroughTheSequence) {
+    file("VORNEK_EEP.TXT", "unused\n");
+    file("vornek_eep.txt", "0000 01\n0041 02\n0050 03\n");
+    RunResult r = call();
+    EXPECT_EQ(r.output, "Reading from file : /tmp/M1/writedata/vornek_eep.txt \n"
+                        "Start writing to Vornek EEPROM, please wait... \n"
+                        "\r   0% completed\r  80% completed\r\r 100% completed\nresult 0\n");
+    std::string cells(kEepromSize, '\xff');
+    cells[0] = 1;
+    cells[0x41] = 2;
+    cells[0x50] = 3;
+    EXPECT_TRUE(board.read("i2c/vornek.bin") == cells);
+}
+
+TEST_F(VornekUpdater, FaultsEndTheWalk) {
+    file("vornek_eep.txt", "0000 01\n0041 02\n");
+    struct Case {
+        json fault;
+        std::string lines;
+        int result;
+    } cases[] = {
+        {{{"fault", "register_wrong_sum"}, {"target", "vornek"}}, "Checksum ERROR!!\n", 1},
+        {{{"fault", "register_status_missing"}, {"target", "vornek"}, {"bits", 0x10}},
+         "EEP Write ERROR! on xxx1xxx0 detection 0\n",
+         1},
+        {{{"fault", "i2c_nak"}, {"target", "vornek"}},
+         "IIC_VornekEEP_Write() ERROR!\nIIC_VornekEEP_Write() ERROR!\n"
+         "IIC_VornekEEP_Read() ERROR!\nEEP Write ERROR! on xxx1xxx0 detection 0\n",
+         1},
+    };
+    for (const Case &c : cases) {
+        board.remake({{"faults", json::array({c.fault})}});
+        std::filesystem::create_directories(board.path("fs/tmp/M1/writedata"));
+        file("vornek_eep.txt", "0000 01\n0041 02\n");
+        RunResult r = call();
+        EXPECT_EQ(r.output, "Reading from file : /tmp/M1/writedata/vornek_eep.txt \n"
+                            "Start writing to Vornek EEPROM, please wait... \n" +
+                                c.lines + "\rresult " + std::to_string(c.result) + "\n")
+            << c.fault.dump();
+        EXPECT_TRUE(board.read("i2c/vornek.bin") == std::string(kEepromSize, '\xff'));
+    }
+}
+
+TEST_F(VornekUpdater, LockConfirmedOnlyAtThe30thRead) {
+    file("vornek_eep.txt", "0001 AA\n");
+    board.add_fault(
+        {{"fault", "register_status_missing"}, {"target", "vornek"}, {"skip", 3}, {"times", 29}});
+    RunResult r = call();
+    std::string timeouts;
+    for (int i = 0; i < 29; ++i)
+        timeouts += "Timeout ERROR!!\n";
+    EXPECT_EQ(r.output, "Reading from file : /tmp/M1/writedata/vornek_eep.txt \n"
+                        "Start writing to Vornek EEPROM, please wait... \n" +
+                            timeouts + "\r   0% completed\r\r 100% completed\nresult 0\n");
+}
+
+} // namespace
+} // namespace scenario
