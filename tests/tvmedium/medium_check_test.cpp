@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -217,6 +218,24 @@ TEST(MediumCheck, PlainSelectionsAreCleanAndSayWhatHappens) {
     EXPECT_TRUE(has(report, {Severity::Note, "flashimg.lst", 2, "erases its folder first"}));
     EXPECT_TRUE(has(report, {Severity::Note, "flashimg.lst", 3, "is not refreshed"}));
     EXPECT_TRUE(has(report, {Severity::Note, "tvm.mot", 2, "checksum 0x"}));
+}
+
+TEST(MediumCheck, JsonCarriesStatusAndFindings) {
+    CheckReport report =
+        check_medium(make_medium("json", {{"flashimg.lst", " qvxbin\n"}}).string(), "M");
+    char *text = nullptr;
+    size_t size = 0;
+    FILE *out = open_memstream(&text, &size);
+    print_report_json(report, out);
+    fclose(out);
+    nlohmann::json doc = nlohmann::json::parse(std::string(text, size));
+    free(text);
+    EXPECT_EQ(doc["status"], 2);
+    EXPECT_EQ(doc["model"], "M");
+    ASSERT_EQ(doc["findings"].size(), 1u);
+    EXPECT_EQ(doc["findings"][0]["severity"], "error");
+    EXPECT_EQ(doc["findings"][0]["file"], "M/flashimg.lst");
+    EXPECT_EQ(doc["findings"][0]["line"], 1);
 }
 
 // What build writes checks clean and loads, with the tool's own reader, to the input bytes.
