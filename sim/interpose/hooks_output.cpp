@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <stdio_ext.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -45,9 +46,10 @@ ssize_t write_recorded(void *cookie, const char *bytes, size_t count) {
     return TVSIM_REAL(write)(fd, bytes, count);
 }
 
-// A stream on fd that records what it writes, buffered as the C library would buffer fd's
-// stream (standard error never).
-FILE *recorded_stream(int fd) {
+// A stream on fd that records what it writes, buffered as the stream it replaces: line by
+// line when that was set or fd is a terminal, not at all for standard error, else in blocks of
+// the size the C library would have chosen.
+FILE *recorded_stream(FILE *replaced, int fd) {
     cookie_io_functions_t io{nullptr, write_recorded, nullptr, nullptr};
     FILE *stream = fopencookie(reinterpret_cast<void *>(static_cast<intptr_t>(fd)), "w", io);
     if (stream == nullptr)
@@ -55,7 +57,7 @@ FILE *recorded_stream(int fd) {
     struct stat st {};
     size_t size =
         fstat(fd, &st) == 0 && st.st_blksize > 0 ? static_cast<size_t>(st.st_blksize) : BUFSIZ;
-    int mode = fd == STDERR_FILENO ? _IONBF : isatty(fd) ? _IOLBF : _IOFBF;
+    int mode = fd == STDERR_FILENO ? _IONBF : __flbf(replaced) != 0 || isatty(fd) ? _IOLBF : _IOFBF;
     setvbuf(stream, nullptr, mode, mode == _IONBF ? 0 : size);
     return stream;
 }
@@ -65,9 +67,9 @@ __attribute__((constructor)) void record_output_on_board() {
     if (!hook.active())
         return;
     fflush(stdout);
-    if (FILE *out = recorded_stream(STDOUT_FILENO))
+    if (FILE *out = recorded_stream(stdout, STDOUT_FILENO))
         stdout = out;
-    if (FILE *err = recorded_stream(STDERR_FILENO))
+    if (FILE *err = recorded_stream(stderr, STDERR_FILENO))
         stderr = err;
 }
 

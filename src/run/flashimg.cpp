@@ -177,11 +177,7 @@ unsigned int directory_mode_clearing_umask() {
     return (~umask(0) & 0777) | 0300;
 }
 
-int check_model_name(const char *model) {
-    if (model == nullptr || model[0] == '\0') {
-        puts("No model name given: usage: tvupdate MODEL");
-        return -1;
-    }
+bool model_name_usable(const char *model) {
     size_t len = strlen(model);
     bool usable = len <= kMaxModelNameLength &&
                   (isalnum(static_cast<unsigned char>(model[0])) || model[0] == '_');
@@ -189,7 +185,15 @@ int check_model_name(const char *model) {
         unsigned char c = static_cast<unsigned char>(model[i]);
         usable = isalnum(c) || strchr("._+-", c) != nullptr;
     }
-    if (!usable) {
+    return usable;
+}
+
+int check_model_name(const char *model) {
+    if (model == nullptr || model[0] == '\0') {
+        puts("No model name given: usage: tvupdate MODEL");
+        return -1;
+    }
+    if (!model_name_usable(model)) {
         printf("Invalid model name '%.*s': use at most %d letters, digits, '.', '_', '+' or '-'.\n",
                kMaxModelNameLength, model, kMaxModelNameLength);
         return -1;

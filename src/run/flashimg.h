@@ -57,6 +57,8 @@ constexpr uint32_t OPTION_R = 0x10000000; // factory data: do not refresh
 // 1 to 106 characters of letters, digits, '.', '_', '+' and '-', starting with a letter,
 // digit or '_'. Prints why and returns -1 otherwise; 0 when it is usable.
 int check_model_name(const char *model);
+// The same rule without a message, for a name that is not empty.
+bool model_name_usable(const char *model);
 
 // Which media searches mounted something; the zoran keyword depends on it.
 struct MediaFound {

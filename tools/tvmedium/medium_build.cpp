@@ -125,7 +125,7 @@ bool read_description(const fs::path &path, Description *d) {
         if (!parse_line(*d, path.parent_path(), line, number))
             return false;
     }
-    if (check_model_name(d->model.c_str()) != 0)
+    if (d->model.empty() || !model_name_usable(d->model.c_str()))
         return fail("a usable model name is required");
     if ((d->banks[0].set || d->banks[1].set) &&
         (!d->banks[0].set || !d->banks[1].set || d->version < 0 || d->id < 0))

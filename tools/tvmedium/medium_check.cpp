@@ -212,6 +212,11 @@ void check_piece(ListCheck &c, const char *piece) {
                                  kListLineSize - 1));
     } else if (!comment) {
         check_line_start(c, piece);
+    } else if (has_lone_cr(piece)) {
+        c.report->add(Severity::Error, "list", c.file, c.line,
+                      format("lines end with CR alone (Mac line ends): the board reads lines %d "
+                             "to %d as one comment and selects nothing from them",
+                             c.line, c.line + line_ends_in(piece, strlen(piece))));
     }
     if (!comment) {
         check_mac_line_ends(c, piece, effect);
@@ -560,7 +565,7 @@ void check_model(CheckReport &report, const fs::path &medium, const std::string 
         report.add(Severity::Error, "list", m.relative(list_path), 0, "no image list");
         return;
     }
-    if (check_model_name(model.c_str()) != 0)
+    if (!model_name_usable(model.c_str()))
         report.add(Severity::Error, "list", m.relative(m.model_dir), 0,
                    "the folder name is not a usable model name");
     ListCheck c{&report, m.relative(list_path)};
