@@ -17,9 +17,9 @@ namespace {
 
 using Files = std::map<std::string, std::string>;
 
-// A medium for model M in a fresh folder under the test's working directory.
+// A medium for model M in a fresh folder beside the test program, in the build tree.
 fs::path make_medium(const std::string &name, const Files &files) {
-    fs::path dir = fs::current_path() / "tvmedium-cases" / name;
+    fs::path dir = fs::read_symlink("/proc/self/exe").parent_path() / "tvmedium-cases" / name;
     fs::remove_all(dir);
     for (const auto &[path, text] : files) {
         fs::path p = dir / "M" / path;
