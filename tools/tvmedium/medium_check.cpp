@@ -387,7 +387,14 @@ void check_bank(MediumContext &m, const fs::path &path, const std::string &text,
     Get_Fgets(ignored, sizeof ignored, f.get());
     SRecordCheck s{&m, file, c, line + 2};
     uint32_t base = 0;
+    size_t findings_before = m.report->findings.size();
     int loaded = MotSRecordLoadImage(f.get(), &base, observe_srecord, &s);
+    if (s.records == 0 || (loaded != 0 && m.report->findings.size() == findings_before)) {
+        m.report->add(
+            Severity::Error, c, file, line,
+            format("bank %d section has no data record: the bank is not programmed", bank));
+        return;
+    }
     if (loaded == 0 && !s.terminated)
         m.report->add(Severity::Warning, c, file, s.line,
                       format("bank %d has no termination record: the load reads on to the end "
