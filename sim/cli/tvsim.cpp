@@ -4,10 +4,12 @@
 //   tvsim --board DIR [--preload LIB] -- PROGRAM ARGS...
 //   tvsim --board DIR reboot                    (power cycle: mounts, /tmp and modules go)
 //   tvsim --board DIR standin TOOL ARGS...      (the board's volume and module tools)
+//   tvsim --board DIR report                    (board time of the last run, per component)
 #include "board/board.h"
 #include "board/create.h"
 #include "board/modules.h"
 #include "board/ubi.h"
+#include "report.h"
 
 #include <cerrno>
 #include <climits>
@@ -33,7 +35,8 @@ constexpr const char *kArmSysroot = "/usr/arm-linux-gnueabihf";
 int usage() {
     fprintf(stderr, "usage: tvsim new DIR [--usb MEDIUM_DIR | --sd MEDIUM_DIR]\n"
                     "       tvsim --board DIR [--preload LIB] -- PROGRAM ARGS...\n"
-                    "       tvsim --board DIR reboot\n");
+                    "       tvsim --board DIR reboot\n"
+                    "       tvsim --board DIR report\n");
     return 2;
 }
 
@@ -241,6 +244,8 @@ int main(int argc, char **argv) {
         return run_program(board_dir, preload, argv + i + 1);
     if (strcmp(argv[i], "reboot") == 0 && i + 1 == argc)
         return reboot_board(board_dir);
+    if (strcmp(argv[i], "report") == 0 && i + 1 == argc)
+        return board_time_report(board_dir, stdout);
     if (strcmp(argv[i], "standin") == 0 && i + 1 < argc)
         return run_stand_in(board_dir, argv[i + 1],
                             std::vector<std::string>(argv + i + 2, argv + argc));

@@ -1,5 +1,6 @@
 // Descriptor entry points: calls on a board device's descriptor reach its model; every other
 // descriptor is the C library's.
+#include "interpose/output.h"
 #include "interpose/session.h"
 
 #include <cstdarg>
@@ -79,6 +80,11 @@ ssize_t __read_chk(int fd, void *buf, size_t count, size_t buflen) {
 }
 
 ssize_t write(int fd, const void *buf, size_t count) {
+    if (fd == STDOUT_FILENO || fd == STDERR_FILENO) {
+        Hook hook;
+        if (hook.active())
+            tvsim::interpose::record_output(hook.board(), fd, buf, count);
+    }
     if (tvsim::interpose::any_device_open()) {
         Hook hook;
         if (tvsim::Device *device = program_device(hook, fd))

@@ -22,7 +22,6 @@ constexpr uint32_t kRegisterUnreadable = 1;
 
 // The boot loader region of the partition.
 constexpr uint32_t kBootRegionOffset = 0;
-constexpr uint32_t kBootRegionSize = 0xF0000;
 
 // Sized so that every model name the run accepts fits the longer ("_S1") image name.
 constexpr size_t kImageNameSize = kMaxModelNameLength + sizeof "boot-_S1.bin";
@@ -38,10 +37,10 @@ struct BootSource {
 };
 
 constexpr BootSource kBootSources[] = {
-    {kBootFromSpi, Insmod_SpiDriver, "boot-%s.bin", true, {"uboot-spi", "spi_flash0", "VQ71206"}},
+    {kBootFromSpi, Insmod_SpiDriver, kBootImageSpi, true, {"uboot-spi", "spi_flash0", "VQ71206"}},
     {kBootFromNor,
      Insmod_NorDriver,
-     "boot-%s_S1.bin",
+     kBootImageNor,
      false,
      {"uboot-nor", "physmap-flash.0", nullptr}},
 };

@@ -5,6 +5,12 @@
 
 #include <cstdint>
 
+// The boot loader region at the start of the boot flash, and the image written into it: named
+// after the model, with "_S1" for a board that boots from NOR flash.
+constexpr uint32_t kBootRegionSize = 0xF0000;
+constexpr const char *kBootImageSpi = "boot-%s.bin";
+constexpr const char *kBootImageNor = "boot-%s_S1.bin";
+
 // Brings the boot loader partition up to date from the write-data directory: 0 when it is up
 // to date (written or already equal), -1 otherwise. Continues the line the caller began.
 int Update_uboot(const char *write_dir, const char *model);

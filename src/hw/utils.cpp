@@ -26,7 +26,7 @@ int read_eep_version_line(FILE *file, char *line, int size) {
         puts("EEP file Error");
         return -1;
     }
-    if (strncasecmp(line, "Version", 7) != 0) {
+    if (!eep_is_version_line(line)) {
         puts("Error. Version is not found on EEP file.");
         return -1;
     }
@@ -53,6 +53,26 @@ int store_eep_data_line(const char *line, const EepImage &image, uint32_t *end_a
 }
 
 } // namespace
+
+bool eep_is_version_line(const char *line) {
+    return strncasecmp(line, "Version", 7) == 0;
+}
+
+bool eep_is_checksum_line(const char *line) {
+    return strncasecmp(line, "CheckSum ", 9) == 0;
+}
+
+EepLineKind decode_eep_data_line(const char *line, uint32_t *address, uint8_t *byte) {
+    uint8_t bytes[kEepMaxLine];
+    int count = Str2Hex(line, bytes, sizeof bytes, static_cast<uint8_t>(strlen(line) - 1));
+    if (count == 0)
+        return EEP_LINE_EMPTY;
+    if (count < 3)
+        return EEP_LINE_NO_DATA;
+    *address = static_cast<uint32_t>(bytes[0]) << 8 | bytes[1];
+    *byte = bytes[2];
+    return EEP_LINE_DATA;
+}
 
 int Get_Fgets(char *buf, int size, FILE *stream) {
     // Below two bytes no character fits and the stream would never advance.
@@ -96,16 +116,15 @@ int Str2Hex(const char *text, uint8_t *bytes, size_t bytes_size, uint8_t length)
 }
 
 int parse_eep_data_line(const char *line, uint32_t *address, uint8_t *data) {
-    uint8_t bytes[kEepMaxLine];
-    int count = Str2Hex(line, bytes, sizeof bytes, static_cast<uint8_t>(strlen(line) - 1));
-    if (count == 0)
+    switch (decode_eep_data_line(line, address, data)) {
+    case EEP_LINE_EMPTY:
         return 0;
-    if (count < 3) {
+    case EEP_LINE_NO_DATA:
         printf("**ERROR** EEP data line without a data byte: %s\n", line);
         return -1;
+    case EEP_LINE_DATA:
+        break;
     }
-    *address = static_cast<uint32_t>(bytes[0]) << 8 | bytes[1];
-    *data = bytes[2];
     return 1;
 }
 
@@ -150,7 +169,7 @@ int read_eep_image(FILE *file, int line_size, EepFileLayout layout, const EepIma
     if (layout == EEP_LAYOUT_VERSIONED && read_eep_version_line(file, line, size) != 0)
         return -1;
     while (Get_Fgets(line, size, file) != 0) {
-        if (layout == EEP_LAYOUT_VERSIONED && strncasecmp(line, "CheckSum ", 9) == 0)
+        if (layout == EEP_LAYOUT_VERSIONED && eep_is_checksum_line(line))
             break; // the checksum after it is not used
         int stored = store_eep_data_line(line, image, end_address);
         if (stored < 0)

@@ -42,6 +42,16 @@ int parse_eep_data_line(const char *line, uint32_t *address, uint8_t *data);
 // "CheckSum " line.
 enum EepFileLayout { EEP_LAYOUT_DATA_ONLY, EEP_LAYOUT_VERSIONED };
 
+// A "Version" line (letter case ignored) opens a versioned file; a "CheckSum " line ends it.
+bool eep_is_version_line(const char *line);
+bool eep_is_checksum_line(const char *line);
+
+// What a data line carries: nothing (empty, blanks, one character: skipped), an address
+// without its data byte, or an address (first two bytes) and its byte (the third). The line's
+// last character is not converted.
+enum EepLineKind { EEP_LINE_EMPTY, EEP_LINE_NO_DATA, EEP_LINE_DATA };
+EepLineKind decode_eep_data_line(const char *line, uint32_t *address, uint8_t *byte);
+
 // Where a file's data lines go, and what its block walk will read.
 struct EepImage {
     uint8_t *bytes;

@@ -27,15 +27,6 @@ constexpr int kScsiListings = 10;
 constexpr int kUsbPasses = 5;
 constexpr int kSdBlockDeviceChecks = 10;
 
-// A UBIFS volume that option F removes and makes again.
-struct UbiVolume {
-    const char *name;
-    const char *id;
-    const char *size_option;
-    const char *mount_source;
-    const char *mount_point;
-};
-
 constexpr UbiVolume kAppDataVolume{"app_data", "0", "-s 24MiB", "ubi4_0", "/mnt/flash/app_data"};
 constexpr UbiVolume kModelDataVolume{"model_data", "1", "-s 12MiB", "ubi4_1",
                                      "/mnt/flash/model_data"};
@@ -96,32 +87,13 @@ void recreate_ubifs_volume(const UbiVolume &volume) {
 }
 
 void apply_list_line(const char *line, const MediaFound &media, uint32_t *flags) {
-    for (const ListKeyword &k : kListKeywords) {
-        size_t len = strlen(k.keyword);
-        if (strncmp(line, k.keyword, len) != 0)
-            continue;
-        uint32_t letters = check_update_flag(line + len);
-        switch (k.kind) {
-        case LineKind::Plain:
-            flags[k.word] |= k.select_bit;
-            return;
-        case LineKind::Zoran:
-            if (media.usb)
-                flags[k.word] |= k.select_bit;
-            else if (media.sd)
-                puts("Cannot update zoran from SD card");
-            return;
-        case LineKind::Factory:
-        case LineKind::DataDir:
-            if (k.kind == LineKind::DataDir || (letters & OPTION_R) == 0)
-                flags[k.word] |= k.select_bit;
-            if ((letters & OPTION_F) != 0 && k.volume != nullptr)
-                recreate_ubifs_volume(*k.volume);
-            if ((letters & OPTION_N) != 0)
-                flags[k.word] |= k.erase_bit;
-            return;
-        }
-    }
+    ListLineEffect effect = decode_list_line(line, media);
+    if (effect.zoran_refused)
+        puts("Cannot update zoran from SD card");
+    flags[effect.word] |= effect.select_bit;
+    if (effect.recreated_volume != nullptr)
+        recreate_ubifs_volume(*effect.recreated_volume);
+    flags[effect.word] |= effect.erase_bit;
 }
 
 // For the commands whose outcome shows only later (a missing list, a missing link).
@@ -142,25 +114,72 @@ void run_module_command(const char *command) {
 
 } // namespace
 
+ListLineEffect decode_list_line(const char *line, const MediaFound &media) {
+    ListLineEffect effect{};
+    for (const ListKeyword &k : kListKeywords) {
+        size_t len = strlen(k.keyword);
+        if (strncmp(line, k.keyword, len) != 0)
+            continue;
+        effect.keyword = k.keyword;
+        effect.word = k.word;
+        effect.letters = check_update_flag(line + len);
+        switch (k.kind) {
+        case LineKind::Plain:
+            effect.select_bit = k.select_bit;
+            break;
+        case LineKind::Zoran:
+            if (media.usb)
+                effect.select_bit = k.select_bit;
+            else
+                effect.zoran_refused = media.sd;
+            break;
+        case LineKind::Factory:
+        case LineKind::DataDir:
+            if (k.kind == LineKind::DataDir || (effect.letters & OPTION_R) == 0)
+                effect.select_bit = k.select_bit;
+            if ((effect.letters & OPTION_F) != 0 && k.volume != nullptr)
+                effect.recreated_volume = k.volume;
+            if ((effect.letters & OPTION_N) != 0)
+                effect.erase_bit = k.erase_bit;
+            break;
+        }
+        return effect;
+    }
+    return effect;
+}
+
+int walk_update_list(FILE *list, ListLineVisitor visit, void *context) {
+    char line[kListLineSize];
+    while (fgets(line, sizeof line, list) != nullptr)
+        visit(context, line);
+    return ferror(list) ? -1 : 0;
+}
+
+bool list_piece_is_comment(const char *line) {
+    return line[0] == '#';
+}
+
 int read_update_list(FILE *list, const MediaFound &media, uint32_t *flags) {
     flags[0] = flags[1] = flags[2] = flags[3] = 0;
-    char line[kLineSize];
-    while (fgets(line, sizeof line, list) != nullptr) {
-        if (line[0] != '#')
-            apply_list_line(line, media, flags);
-    }
-    return ferror(list) ? -1 : 0;
+    struct Reading {
+        const MediaFound &media;
+        uint32_t *flags;
+    } reading{media, flags};
+    return walk_update_list(
+        list,
+        [](void *context, const char *line) {
+            auto *r = static_cast<Reading *>(context);
+            if (!list_piece_is_comment(line))
+                apply_list_line(line, r->media, r->flags);
+        },
+        &reading);
 }
 
 unsigned int directory_mode_clearing_umask() {
     return (~umask(0) & 0777) | 0300;
 }
 
-int check_model_name(const char *model) {
-    if (model == nullptr || model[0] == '\0') {
-        puts("No model name given: usage: tvupdate MODEL");
-        return -1;
-    }
+bool model_name_usable(const char *model) {
     size_t len = strlen(model);
     bool usable = len <= kMaxModelNameLength &&
                   (isalnum(static_cast<unsigned char>(model[0])) || model[0] == '_');
@@ -168,7 +187,15 @@ int check_model_name(const char *model) {
         unsigned char c = static_cast<unsigned char>(model[i]);
         usable = isalnum(c) || strchr("._+-", c) != nullptr;
     }
-    if (!usable) {
+    return usable;
+}
+
+int check_model_name(const char *model) {
+    if (model == nullptr || model[0] == '\0') {
+        puts("No model name given: usage: tvupdate MODEL");
+        return -1;
+    }
+    if (!model_name_usable(model)) {
         printf("Invalid model name '%.*s': use at most %d letters, digits, '.', '_', '+' or '-', "
                "beginning with a letter, a digit or '_'.\n",
                kMaxModelNameLength, model, kMaxModelNameLength);

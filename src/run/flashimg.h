@@ -57,12 +57,45 @@ constexpr uint32_t OPTION_R = 0x10000000; // factory data: do not refresh
 // 1 to 106 characters of letters, digits, '.', '_', '+' and '-', starting with a letter,
 // digit or '_'. Prints why and returns -1 otherwise; 0 when it is usable.
 int check_model_name(const char *model);
+// The same rule without a message, for a name that is not empty.
+bool model_name_usable(const char *model);
 
 // Which media searches mounted something; the zoran keyword depends on it.
 struct MediaFound {
     bool usb;
     bool sd;
 };
+
+// A UBIFS volume that option F removes and makes again.
+struct UbiVolume {
+    const char *name;
+    const char *id;
+    const char *size_option;
+    const char *mount_source;
+    const char *mount_point;
+};
+
+// What one line of the image list does: the bits it sets in update_flags[word], the volume it
+// recreates at once, and whether it is a zoran line refused because the medium is an SD card.
+// keyword is null for a line that no keyword begins (it does nothing).
+struct ListLineEffect {
+    const char *keyword;
+    int word;
+    uint32_t letters;
+    uint32_t select_bit;
+    uint32_t erase_bit;
+    const UbiVolume *recreated_volume;
+    bool zoran_refused;
+};
+ListLineEffect decode_list_line(const char *line, const MediaFound &media);
+
+// The list is read in pieces of at most kListLineSize - 1 characters, each handed to visit
+// (line end included); a piece that begins with '#' is a comment and does nothing. Returns 0,
+// or -1 when the list could not be read to its end.
+constexpr int kListLineSize = 256;
+using ListLineVisitor = void (*)(void *context, const char *line);
+int walk_update_list(FILE *list, ListLineVisitor visit, void *context);
+bool list_piece_is_comment(const char *line);
 
 // Reads an image list into the four words of flags (cleared first), recreating UBIFS volumes
 // for the lines that ask for it. Returns 0, or -1 when the list could not be read to its end.

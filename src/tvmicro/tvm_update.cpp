@@ -130,7 +130,7 @@ struct ImageBase {
 };
 
 // Stores one data record's bytes in rom_buf; -1 when any of them falls outside the image.
-int store_data_record(const char *line, int width, ImageBase *base) {
+int store_data_record(const char *line, int width, ImageBase *base, bool quiet) {
     uint32_t address = MotSRecordGetAddress(line);
     if (!base->set) {
         base->address = address;
@@ -146,18 +146,29 @@ int store_data_record(const char *line, int width, ImageBase *base) {
             ++base->stored;
             continue;
         }
-        printf("Array boundary exceeded !! Requested array index = %4X but maximum size is %4X \n",
-               index, MaxRomSize);
-        printf("buf = %s, ulAddr = 0x%4X, uStartAddr = 0x%4X\n", line, address, base->address);
+        if (!quiet) {
+            printf("Array boundary exceeded !! Requested array index = %4X but maximum size is "
+                   "%4X \n",
+                   index, MaxRomSize);
+            printf("buf = %s, ulAddr = 0x%4X, uStartAddr = 0x%4X\n", line, address, base->address);
+        }
         result = -1;
     }
     return result;
 }
 
+// The loader's own messages, for a load nobody observes.
+void print_srecord_event(SRecordEvent event, const char *line) {
+    if (event == SREC_NOT_S_RECORD)
+        puts("Starting character does not conform to Motorola S Record standard.");
+    else if (event == SREC_BAD_CHECKSUM)
+        printf("Invalid line checksum : %s \n", line);
+}
+
 // --- firmware programming ------------------------------------------------------------------
 
 constexpr const char *kFirmwareName = "tvm.mot";
-constexpr int kHeaderLineSize = 30;
+constexpr int kHeaderLineSize = kSectionHeaderLineSize;
 constexpr int kLineSize = 256;
 constexpr unsigned kChecksumWaitSeconds = 3;
 
@@ -186,7 +197,8 @@ FILE *open_firmware_file(const char *dir, char *path, size_t path_size) {
     return nullptr;
 }
 
-// Reads lines up to the header of the bank's section; false when the file ends first.
+} // namespace
+
 bool find_section(FILE *file, uint8_t bank) {
     const char *header = bank == 1 ? "TVM_BANK1" : "TVM_BANK2";
     char line[kLineSize];
@@ -196,6 +208,14 @@ bool find_section(FILE *file, uint8_t bank) {
     }
     return false;
 }
+
+uint8_t section_line_value(const char *line) {
+    size_t length = strlen(line);
+    return static_cast<uint8_t>(static_cast<uint8_t>(CharToHex(line[length - 2]) << 4) |
+                                CharToHex(line[length - 1]));
+}
+
+namespace {
 
 // The hexadecimal value in the last two characters of the next line. A line shorter than that
 // (the end of the file included) is refused with a message naming what it should have held.
@@ -207,15 +227,12 @@ int read_line_value(FILE *file, const char *what, uint8_t *value) {
         printf("**ERROR** %s line too short: [%s]\n", what, line);
         return -1;
     }
-    *value = static_cast<uint8_t>(static_cast<uint8_t>(CharToHex(line[length - 2]) << 4) |
-                                  CharToHex(line[length - 1]));
+    *value = section_line_value(line);
     return 0;
 }
 
-enum VersionVerdict { VERSION_INSTALL, VERSION_SAME, VERSION_REFUSED };
+} // namespace
 
-// Version FF always installs; the running version is kept; below F0 any other version
-// installs; from F0 on only newer ones do.
 VersionVerdict judge_version(uint8_t file_version, uint8_t running) {
     if (file_version == 0xFF)
         return VERSION_INSTALL;
@@ -232,6 +249,8 @@ uint16_t image_checksum() {
         sum = static_cast<uint16_t>(sum + byte);
     return sum;
 }
+
+namespace {
 
 // Writes the whole image in 64-byte blocks from base on, with the percentage of the blocks
 // before each one.
@@ -541,36 +560,51 @@ int MotSRecordCheckLineCheckSum(const char *line) {
     return ToHex1Byte(line + 2 + 2 * count) == (~sum & 0xFFu) ? 1 : 0;
 }
 
-int MotSRecordLoadImage(FILE *file, uint32_t *start_address) {
+int MotSRecordLoadImage(FILE *file, uint32_t *start_address, SRecordObserver observe,
+                        void *context) {
     memset(rom_buf, 0xFF, sizeof rom_buf);
     ImageBase base;
     *start_address = 0;
+    auto report = [&](SRecordEvent event, const char *line) {
+        if (observe != nullptr)
+            observe(context, event, line);
+        else
+            print_srecord_event(event, line);
+    };
     char line[kLineSize];
     while (Get_Fgets(line, sizeof line, file) != 0) {
         if (line[0] != 'S') {
-            puts("Starting character does not conform to Motorola S Record standard.");
+            report(SREC_NOT_S_RECORD, line);
             continue;
         }
         if (MotSRecordCheckLineCheckSum(line) == 0) {
-            printf("Invalid line checksum : %s \n", line);
+            report(SREC_BAD_CHECKSUM, line);
             continue;
         }
         int width = 0;
         int record_class = MotSRecordGetType(line, &width);
-        if (record_class == kSRecordTermination)
+        if (record_class == kSRecordTermination) {
+            report(SREC_TERMINATION, line);
             break;
-        if (record_class == kSRecordUnknown)
+        }
+        if (record_class == kSRecordUnknown) {
+            report(SREC_UNKNOWN_TYPE, line);
             return -1;
+        }
         if (record_class == kSRecordData) {
-            int stored = store_data_record(line, width, &base);
+            int stored = store_data_record(line, width, &base, observe != nullptr);
             *start_address = base.address;
+            report(stored != 0 ? SREC_OUTSIDE_IMAGE : SREC_DATA, line);
             if (stored != 0)
                 return -1;
+        } else {
+            report(SREC_HEADER, line);
         }
     }
     if (base.stored == 0) {
         // Nothing to program: an image of erased cells must never replace firmware.
-        puts("**ERROR** no data record in the firmware section");
+        if (observe == nullptr)
+            puts("**ERROR** no data record in the firmware section");
         return -1;
     }
     return 0;

@@ -121,11 +121,46 @@ uint32_t MotSRecordGetAddress(const char *line);
 // byte count says.
 int MotSRecordCheckLineCheckSum(const char *line);
 
+// What the loader made of one line: skipped (not a record, a wrong checksum), loaded, or what
+// ended the load.
+enum SRecordEvent {
+    SREC_NOT_S_RECORD,
+    SREC_BAD_CHECKSUM,
+    SREC_HEADER,
+    SREC_DATA,
+    SREC_OUTSIDE_IMAGE,
+    SREC_UNKNOWN_TYPE,
+    SREC_TERMINATION,
+};
+using SRecordObserver = void (*)(void *context, SRecordEvent event, const char *line);
+
 // Loads the data records that follow in file into rom_buf, relative to the address of the first
 // data record, which it stores in *start_address. 0 when the section was read to its termination
 // record or the end of the file, -1 when a record fell outside the image or was of no known type,
-// or when no data byte was stored at all.
-int MotSRecordLoadImage(FILE *file, uint32_t *start_address);
+// or when no data byte was stored at all. With an observer every line read is reported to it
+// and the loader prints nothing; without one it prints its messages for skipped and refused
+// lines.
+int MotSRecordLoadImage(FILE *file, uint32_t *start_address, SRecordObserver observe = nullptr,
+                        void *context = nullptr);
+
+// --- the firmware file ----------------------------------------------------------------------
+
+// Reads lines up to the header of the bank's section ("TVM_BANK1" or "TVM_BANK2"); false
+// when the file ends first.
+bool find_section(FILE *file, uint8_t bank);
+// The hexadecimal value in the last two characters of a version or ID line of at least two
+// characters.
+uint8_t section_line_value(const char *line);
+// Longest version or ID line read (the rest of a longer line is read as the next line).
+constexpr int kSectionHeaderLineSize = 30;
+
+// Version FF always installs; the running version is kept; below F0 any other version
+// installs; from F0 on only newer ones do.
+enum VersionVerdict { VERSION_INSTALL, VERSION_SAME, VERSION_REFUSED };
+VersionVerdict judge_version(uint8_t file_version, uint8_t running);
+
+// Sum of every byte of rom_buf: what the microcontroller must report for the programmed bank.
+uint16_t image_checksum();
 
 // --- firmware programming ------------------------------------------------------------------
 
