@@ -94,7 +94,7 @@ void recreate_ubifs_volume(const UbiVolume &volume) {
     mount_test_ubifs_volume(volume.mount_source, volume.mount_point);
 }
 
-void apply_list_line(const char *line, const MediaFound &media, uint32_t *flags) {
+void apply_list_line(const char *line, const MediaFound &media, uint32_t *flags, bool dry) {
     for (const ListKeyword &k : kListKeywords) {
         size_t len = strlen(k.keyword);
         if (strncmp(line, k.keyword, len) != 0)
@@ -114,7 +114,9 @@ void apply_list_line(const char *line, const MediaFound &media, uint32_t *flags)
         case LineKind::DataDir:
             if (k.kind == LineKind::DataDir || (letters & OPTION_R) == 0)
                 flags[k.word] |= k.select_bit;
-            if ((letters & OPTION_F) != 0 && k.volume != nullptr)
+            if ((letters & OPTION_F) != 0 && k.volume != nullptr && dry)
+                printf("UBIFS volume [%s] would be removed and made again\n", k.volume->name);
+            else if ((letters & OPTION_F) != 0 && k.volume != nullptr)
                 recreate_ubifs_volume(*k.volume);
             if ((letters & OPTION_N) != 0)
                 flags[k.word] |= k.erase_bit;
@@ -141,12 +143,20 @@ void run_module_command(const char *command) {
 
 } // namespace
 
-void read_update_list(FILE *list, const MediaFound &media, uint32_t *flags) {
+void read_update_list(FILE *list, const MediaFound &media, uint32_t *flags, bool dry) {
     flags[0] = flags[1] = flags[2] = flags[3] = 0;
     char line[kLineSize];
     while (fgets(line, sizeof line, list) != nullptr) {
         if (line[0] != '#')
-            apply_list_line(line, media, flags);
+            apply_list_line(line, media, flags, dry);
+    }
+}
+
+void print_update_selection(const uint32_t *flags) {
+    for (const ListKeyword &k : kListKeywords) {
+        if ((flags[k.word] & k.select_bit) != 0 || (k.erase_bit != 0 && (flags[k.word] & k.erase_bit) != 0))
+            printf("%-16s%s%s\n", k.keyword, (flags[k.word] & k.select_bit) != 0 ? " update" : "",
+                   k.erase_bit != 0 && (flags[k.word] & k.erase_bit) != 0 ? " erase-first" : "");
     }
 }
 
