@@ -273,9 +273,7 @@ private:
         return false;
     }
 
-    std::string block_target(uint64_t block) const {
-        return p_.name + ":" + std::to_string(block);
-    }
+    std::string block_target(uint64_t block) const { return p_.name + ":" + std::to_string(block); }
 
     int query_bad_block(int64_t offset) {
         if (offset < 0 || static_cast<uint64_t>(offset) >= p_.size)

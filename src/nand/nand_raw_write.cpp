@@ -60,7 +60,8 @@ bool name_matches(const char *token, const char *wanted, bool exact) {
     if (!exact)
         return strstr(token, wanted) != nullptr;
     size_t n = strlen(wanted);
-    return token[0] == '"' && strncmp(token + 1, wanted, n) == 0 && strcmp(token + 1 + n, "\"") == 0;
+    return token[0] == '"' && strncmp(token + 1, wanted, n) == 0 &&
+           strcmp(token + 1 + n, "\"") == 0;
 }
 
 int find_partition(FILE *proc_mtd, const char *wanted, char *device, bool exact) {
@@ -110,7 +111,6 @@ int find_mtd_partition(const char *name, char *device) {
 }
 
 // --- NAND raw block I/O --------------------------------------------------------------------
-
 
 nand_dev *nand_drv_info = nullptr;
 
@@ -410,7 +410,7 @@ uint32_t nand_get_blk_size(nand_dev *ctx) {
 }
 
 int init_flash_storage_dev(flash_storage_dev *dev) {
-    *dev = flash_storage_dev{nand_open,  nand_close, nand_read,        nand_write,
+    *dev = flash_storage_dev{nand_open,        nand_close, nand_read,        nand_write,
                              nand_write_block, nand_erase, nand_get_blk_size};
     return 0;
 }

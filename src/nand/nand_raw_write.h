@@ -27,9 +27,9 @@ int check_mtdname_in(FILE *proc_mtd, const char *wanted, char *device);
 
 // An open NAND partition.
 struct nand_dev {
-    int fd;                // read-write descriptor of the MTD character device
-    mtd_info_user info;    // geometry from MEMGETINFO
-    uint64_t *block_map;   // logical erase block -> physical byte offset; 0 means none recorded
+    int fd;              // read-write descriptor of the MTD character device
+    mtd_info_user info;  // geometry from MEMGETINFO
+    uint64_t *block_map; // logical erase block -> physical byte offset; 0 means none recorded
 };
 
 // The context of the most recent successful nand_open (null after a failed one).

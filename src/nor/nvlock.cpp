@@ -91,8 +91,8 @@ void list_sectors(unsigned first, unsigned last) {
 
 bool nor_sector_range(uint32_t start, uint32_t length, unsigned *first, unsigned *last) {
     unsigned s = 0;
-    while (s < NOR_SECTOR_COUNT &&
-           !(start >= sector_table[s].offset && start - sector_table[s].offset < sector_table[s].size))
+    while (s < NOR_SECTOR_COUNT && !(start >= sector_table[s].offset &&
+                                     start - sector_table[s].offset < sector_table[s].size))
         ++s;
     if (s == NOR_SECTOR_COUNT) {
         printf("error: 0x%X exceeds device size\n", start);

@@ -154,7 +154,8 @@ void read_update_list(FILE *list, const MediaFound &media, uint32_t *flags, bool
 
 void print_update_selection(const uint32_t *flags) {
     for (const ListKeyword &k : kListKeywords) {
-        if ((flags[k.word] & k.select_bit) != 0 || (k.erase_bit != 0 && (flags[k.word] & k.erase_bit) != 0))
+        if ((flags[k.word] & k.select_bit) != 0 ||
+            (k.erase_bit != 0 && (flags[k.word] & k.erase_bit) != 0))
             printf("%-16s%s%s\n", k.keyword, (flags[k.word] & k.select_bit) != 0 ? " update" : "",
                    k.erase_bit != 0 && (flags[k.word] & k.erase_bit) != 0 ? " erase-first" : "");
     }

@@ -13,15 +13,15 @@ TEST(NorSectorRange, FirstHoldsStartLastHoldsTheLastByte) {
         unsigned last;
     };
     const Case cases[] = {
-        {0x4000, 0x4000, 1, 2},   // two 8 KiB sectors
-        {0x5000, 1, 1, 1},        // one byte inside sector 1
-        {0x8000, 0x200000, 3, 18}, // end beyond the flash: to the last sector
-        {0, 0, 0, 18},            // nothing selected at all: the whole flash
-        {0x3FFF, 1, 0, 0},        // last byte of sector 0
-        {0x3FFF, 2, 0, 1},        // crossing into sector 1
-        {0x10000, 0x10000, 4, 4}, // exactly one 64 KiB sector
-        {0xFFFFF, 1, 18, 18},     // last byte of the flash
-        {0x6000, 0, 2, 2},        // an empty range on a sector boundary: the sector of start
+        {0x4000, 0x4000, 1, 2},        // two 8 KiB sectors
+        {0x5000, 1, 1, 1},             // one byte inside sector 1
+        {0x8000, 0x200000, 3, 18},     // end beyond the flash: to the last sector
+        {0, 0, 0, 18},                 // nothing selected at all: the whole flash
+        {0x3FFF, 1, 0, 0},             // last byte of sector 0
+        {0x3FFF, 2, 0, 1},             // crossing into sector 1
+        {0x10000, 0x10000, 4, 4},      // exactly one 64 KiB sector
+        {0xFFFFF, 1, 18, 18},          // last byte of the flash
+        {0x6000, 0, 2, 2},             // an empty range on a sector boundary: the sector of start
         {0xF0000, 0xFFFFFFFF, 18, 18}, // a wrapping end is taken as beyond the flash
     };
     for (const Case &c : cases) {
