@@ -255,6 +255,35 @@ TEST_F(NandService, ImageListIsShownWithoutTouchingAnyVolume) {
     EXPECT_TRUE(board.trace("mount").empty());
 }
 
+TEST_F(NandService, FerundEepromIsRewrittenFromTheTextFile) {
+    board.make("");
+    put_file(board, "/tmp/M1/writedata/TVM_DATA.txt", "Version 3\n0000 11\n0041 22\n");
+    RunResult r = board.tvservice({"eeprom", "ferund", "/tmp/M1/writedata", "PHQD2WK1"});
+    EXPECT_EQ(r.output, "Reading from file : /tmp/M1/writedata/TVM_DATA.txt \n"
+                        "EEP file Version 3\n"
+                        "Start writing to EEPROM, please wait... \n"
+                        "\r   0% completed\r  98% completed\r"
+                        "eeprom ferund: updated\n");
+    EXPECT_EQ(r.exit_status, 0);
+    std::string image = board.read("tvm/ferund.bin");
+    ASSERT_EQ(image.size(), 32768u);
+    EXPECT_EQ(image.substr(0, 2), "\x11\xFF");
+    EXPECT_EQ(image[0x41], '\x22');
+
+    RunResult refused = board.tvservice({"eeprom", "ferund", "/tmp/M1/writedata", "ABC123"});
+    EXPECT_EQ(refused.output, "[ABC123.prg] does not support writing to FERUND EEP\n"
+                              "eeprom ferund: FAILED\n");
+    EXPECT_EQ(refused.exit_status, 1);
+}
+
+TEST_F(NandService, NorWithoutItsDirectAccessDriverTouchesNothing) {
+    board.make("");
+    RunResult r = board.tvservice({"nor", "lock", "0", "0x4000"});
+    EXPECT_EQ(r.output, "open: No such file or directory\n");
+    EXPECT_EQ(r.exit_status, 1);
+    EXPECT_TRUE(board.trace("mmap").empty());
+}
+
 // --- mtd-utils against the same bad blocks --------------------------------------------------
 
 TEST_F(NandService, MtdUtilsAndTheServiceToolAgreeOnBadBlocks) {
