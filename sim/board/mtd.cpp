@@ -33,6 +33,7 @@ struct Partition {
     uint64_t erase_ns = 0;
     uint64_t write_ns_per_byte = 0;
     std::string contents; // host path of the contents file
+    json factory_bad;     // block numbers marked bad at the factory (NAND)
 };
 
 Partition partition_from(const Board &board, const json &entry, size_t index) {
@@ -47,6 +48,7 @@ Partition partition_from(const Board &board, const json &entry, size_t index) {
     p.erase_ns = number_from(member(entry, "erase_ms"), p.nand ? 2 : 500) * kNsPerMs;
     p.write_ns_per_byte = number_from(member(entry, "write_ns_per_byte"), p.nand ? 100 : 3000);
     p.contents = board.file("mtd/" + p.name + ".bin");
+    p.factory_bad = member(entry, "bad_blocks");
     return p;
 }
 
@@ -170,6 +172,11 @@ public:
         if (p_.nand && (pos_ % p_.writesize != 0 || n % p_.writesize != 0))
             return fail(EINVAL);
         json event{{"mtd", p_.name}, {"offset", pos_}, {"length", n}};
+        if (nand_page_fails(pos_, n)) {
+            event["errno"] = EIO;
+            board_.trace("mtd_write", event);
+            return fail(EIO);
+        }
         if (const json *fault = board_.take_fault("mtd_write", p_.name)) {
             if (!fault->contains("bytes")) {
                 event["errno"] = errno_from_name(fault->value("errno", json("EIO")));
@@ -215,10 +222,12 @@ public:
         case MEMGETREGIONCOUNT:
             *reinterpret_cast<int *>(arg) = 0;
             return 0;
-        case MEMGETBADBLOCK: {
-            int64_t offset = *reinterpret_cast<const int64_t *>(arg);
-            return offset < 0 || static_cast<uint64_t>(offset) >= p_.size ? fail(EINVAL) : 0;
-        }
+        case MEMGETBADBLOCK:
+            return query_bad_block(*reinterpret_cast<const int64_t *>(arg));
+        case MEMSETBADBLOCK:
+            return mark_bad_block(*reinterpret_cast<const int64_t *>(arg));
+        case ECCGETSTATS:
+            return ecc_stats(reinterpret_cast<mtd_ecc_stats *>(arg));
         case MEMLOCK:
         case MEMUNLOCK:
             return p_.nand ? fail(EOPNOTSUPP) : 0;
@@ -260,6 +269,11 @@ private:
             board_.trace("mtd_erase", event);
             return fail(event["errno"].get<int>());
         }
+        if (int err = nand_erase_refusal(start, length)) {
+            event["errno"] = err;
+            board_.trace("mtd_erase", event);
+            return fail(err);
+        }
         std::vector<uint8_t> erased(static_cast<size_t>(length), 0xFF);
         if (!store_contents(p_, start, erased.data(), erased.size()))
             return fail(EIO);
@@ -267,6 +281,74 @@ private:
         board_.advance_ns(length / p_.erasesize * p_.erase_ns);
         board_.trace("mtd_erase", event);
         return 0;
+    }
+
+    // --- NAND bad blocks -------------------------------------------------------------------
+    // Bad blocks: the factory's (board.json "bad_blocks") and those marked since (state
+    // "nand_bad_blocks"), by block number.
+    bool block_is_bad(uint64_t block) {
+        const json &marked = member(member(board_.state(), "nand_bad_blocks"), p_.name);
+        for (const json *list : {static_cast<const json *>(&p_.factory_bad), &marked}) {
+            for (size_t i = 0; list->is_array() && i < list->size(); ++i) {
+                if (number_from((*list)[i], ~uint64_t{0}) == block)
+                    return true;
+            }
+        }
+        return false;
+    }
+
+    std::string block_target(uint64_t block) const { return p_.name + ":" + std::to_string(block); }
+
+    int query_bad_block(int64_t offset) {
+        if (offset < 0 || static_cast<uint64_t>(offset) >= p_.size)
+            return fail(EINVAL);
+        if (!p_.nand)
+            return 0;
+        return block_is_bad(static_cast<uint64_t>(offset) / p_.erasesize) ? 1 : 0;
+    }
+
+    int mark_bad_block(int64_t offset) {
+        if (!p_.nand)
+            return fail(EOPNOTSUPP);
+        if (offset < 0 || static_cast<uint64_t>(offset) >= p_.size)
+            return fail(EINVAL);
+        uint64_t block = static_cast<uint64_t>(offset) / p_.erasesize;
+        board_.trace("mtd_markbad", {{"mtd", p_.name}, {"block", block}});
+        if (!block_is_bad(block))
+            board_.state()["nand_bad_blocks"][p_.name].push_back(block);
+        return 0;
+    }
+
+    int ecc_stats(mtd_ecc_stats *stats) {
+        if (!p_.nand)
+            return fail(ENOTTY);
+        *stats = mtd_ecc_stats{};
+        for (uint64_t b = 0; b < p_.size / p_.erasesize; ++b)
+            stats->badblocks += block_is_bad(b) ? 1 : 0;
+        return 0;
+    }
+
+    // As the NAND driver does: an erase that covers a bad block is refused (EIO) and one that
+    // meets an injected "nand_erase_fail" block fails there (EIO); 0 otherwise.
+    int nand_erase_refusal(uint64_t start, uint64_t length) {
+        if (!p_.nand)
+            return 0;
+        for (uint64_t b = start / p_.erasesize; b < (start + length) / p_.erasesize; ++b) {
+            if (block_is_bad(b) || board_.take_fault("nand_erase_fail", block_target(b)) != nullptr)
+                return EIO;
+        }
+        return 0;
+    }
+
+    // A page program that meets an injected "nand_write_fail" block.
+    bool nand_page_fails(uint64_t offset, size_t n) {
+        if (!p_.nand || n == 0)
+            return false;
+        for (uint64_t b = offset / p_.erasesize; b <= (offset + n - 1) / p_.erasesize; ++b) {
+            if (board_.take_fault("nand_write_fail", block_target(b)) != nullptr)
+                return true;
+        }
+        return false;
     }
 
     // A write clears bits only; an injected bad program inverts the cycle's first byte.

@@ -86,12 +86,15 @@ void recreate_ubifs_volume(const UbiVolume &volume) {
     mount_test_ubifs_volume(volume.mount_source, volume.mount_point);
 }
 
-void apply_list_line(const char *line, const MediaFound &media, uint32_t *flags) {
+void apply_list_line(const char *line, const MediaFound &media, uint32_t *flags, bool dry) {
     ListLineEffect effect = decode_list_line(line, media);
     if (effect.zoran_refused)
         puts("Cannot update zoran from SD card");
     flags[effect.word] |= effect.select_bit;
-    if (effect.recreated_volume != nullptr)
+    if (effect.recreated_volume != nullptr && dry)
+        printf("UBIFS volume [%s] would be removed and made again\n",
+               effect.recreated_volume->name);
+    else if (effect.recreated_volume != nullptr)
         recreate_ubifs_volume(*effect.recreated_volume);
     flags[effect.word] |= effect.erase_bit;
 }
@@ -159,20 +162,30 @@ bool list_piece_is_comment(const char *line) {
     return line[0] == '#';
 }
 
-int read_update_list(FILE *list, const MediaFound &media, uint32_t *flags) {
+int read_update_list(FILE *list, const MediaFound &media, uint32_t *flags, bool dry) {
     flags[0] = flags[1] = flags[2] = flags[3] = 0;
     struct Reading {
         const MediaFound &media;
         uint32_t *flags;
-    } reading{media, flags};
+        bool dry;
+    } reading{media, flags, dry};
     return walk_update_list(
         list,
         [](void *context, const char *line) {
             auto *r = static_cast<Reading *>(context);
             if (!list_piece_is_comment(line))
-                apply_list_line(line, r->media, r->flags);
+                apply_list_line(line, r->media, r->flags, r->dry);
         },
         &reading);
+}
+
+void print_update_selection(const uint32_t *flags) {
+    for (const ListKeyword &k : kListKeywords) {
+        if ((flags[k.word] & k.select_bit) != 0 ||
+            (k.erase_bit != 0 && (flags[k.word] & k.erase_bit) != 0))
+            printf("%-16s%s%s\n", k.keyword, (flags[k.word] & k.select_bit) != 0 ? " update" : "",
+                   k.erase_bit != 0 && (flags[k.word] & k.erase_bit) != 0 ? " erase-first" : "");
+    }
 }
 
 unsigned int directory_mode_clearing_umask() {

@@ -98,8 +98,14 @@ int walk_update_list(FILE *list, ListLineVisitor visit, void *context);
 bool list_piece_is_comment(const char *line);
 
 // Reads an image list into the four words of flags (cleared first), recreating UBIFS volumes
-// for the lines that ask for it. Returns 0, or -1 when the list could not be read to its end.
-int read_update_list(FILE *list, const MediaFound &media, uint32_t *flags);
+// for the lines that ask for it; with dry set, such a volume is only named
+// ("UBIFS volume [%s] would be removed and made again"). Returns 0, or -1 when the list could
+// not be read to its end.
+int read_update_list(FILE *list, const MediaFound &media, uint32_t *flags, bool dry = false);
+
+// One line per list keyword whose selection or erase bit is set in flags, in the list's
+// keyword order: the keyword, then "update" and/or "erase-first".
+void print_update_selection(const uint32_t *flags);
 
 int search_imglist_file(char *mount_point, char *write_dir, const char *model, uint32_t *flags);
 uint32_t check_update_flag(const char *text);

@@ -163,6 +163,13 @@ RunResult SimBoard::tvupdate(const std::vector<std::string> &args) const {
     return run(argv);
 }
 
+RunResult SimBoard::tvservice(const std::vector<std::string> &args) const {
+    std::string tool = fs::path(tool_binary()).parent_path().string() + "/tvservice";
+    std::vector<std::string> argv = {tool};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return run(argv);
+}
+
 bool SimBoard::exists(const std::string &relative) const {
     std::error_code ec;
     return fs::exists(path(relative), ec);

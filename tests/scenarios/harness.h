@@ -55,6 +55,8 @@ public:
     // Runs a program on the board; "tvupdate" names the tool under test.
     RunResult run(const std::vector<std::string> &args) const;
     RunResult tvupdate(const std::vector<std::string> &args) const;
+    // Runs the service tool of the build under test.
+    RunResult tvservice(const std::vector<std::string> &args) const;
 
     // The board's directory and its files.
     std::string dir() const { return root_ + "/board"; }

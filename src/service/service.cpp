@@ -1,0 +1,276 @@
+#include "service/service.h"
+
+#include "common/holders.h"
+#include "eeprom/eep_update.h"
+#include "nand/nand_raw_write.h"
+#include "nor/nvlock.h"
+#include "run/flashimg.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr const char *kProgram = "tvservice";
+
+constexpr const char *kUsage =
+    "Usage: tvservice COMMAND [ARGUMENTS]\n"
+    "\n"
+    "  nand read PART OFFSET LENGTH FILE    copy LENGTH bytes at logical OFFSET into FILE\n"
+    "  nand write PART OFFSET LENGTH FILE   write the first LENGTH bytes of FILE at OFFSET\n"
+    "  nand erase PART OFFSET LENGTH        erase the blocks holding [OFFSET, OFFSET+LENGTH)\n"
+    "  nor status OFFSET LENGTH             list the protection of the NOR sectors\n"
+    "  nor lock OFFSET LENGTH               protect the NOR sectors holding the range\n"
+    "  nor unlock OFFSET LENGTH             unprotect the NOR sectors holding the range\n"
+    "  eeprom ferund DIR [MODEL]            rewrite the Ferund EEPROM from DIR's TVM_DATA file\n"
+    "  list FILE [--sd]                     show what an image list selects, changing nothing\n"
+    "\n"
+    "PART is a partition number (3, mtd3) or its exact name in /proc/mtd. Offsets of NAND\n"
+    "operations are logical: bad blocks are skipped. Numbers are decimal or 0x hexadecimal.\n"
+    "Exit status: 0 success, 1 the operation failed, 2 usage error.\n";
+
+int usage_error(const char *fmt, const char *what) {
+    fprintf(stderr, "%s: ", kProgram);
+    fprintf(stderr, fmt, what);
+    fprintf(stderr, "\nTry '%s --help' for more information.\n", kProgram);
+    return SERVICE_USAGE;
+}
+
+// --- NAND ----------------------------------------------------------------------------------
+
+struct NandArgs {
+    char device[32];
+    uint32_t offset;
+    uint32_t length;
+    const char *file;
+};
+
+int nand_usage_args(int argc, char **argv, bool with_file, NandArgs *a) {
+    int wanted = with_file ? 4 : 3;
+    if (argc != wanted)
+        return usage_error("nand %s: wrong number of arguments", argv[-1]);
+    if (!partition_device(argv[0], a->device, sizeof a->device))
+        return usage_error("no MTD partition '%s'", argv[0]);
+    if (!parse_u32(argv[1], &a->offset))
+        return usage_error("invalid offset '%s'", argv[1]);
+    if (!parse_u32(argv[2], &a->length))
+        return usage_error("invalid length '%s'", argv[2]);
+    a->file = with_file ? argv[3] : nullptr;
+    return SERVICE_OK;
+}
+
+// An open NAND partition, closed with the holder.
+class NandHolder {
+public:
+    explicit NandHolder(const char *device) : ctx_(nand_open(device, 0)) {}
+    ~NandHolder() { nand_close(ctx_); }
+    NandHolder(const NandHolder &) = delete;
+    NandHolder &operator=(const NandHolder &) = delete;
+    nand_dev *get() const { return ctx_; }
+    bool open() const { return ctx_ != NAND_OPEN_FAILED; }
+
+private:
+    nand_dev *ctx_;
+};
+
+int report_nand(const char *what, const NandArgs &a, int result) {
+    if (result < 0) {
+        printf("nand %s: failed at %s (result %d)\n", what, a.device, result);
+        return SERVICE_FAILED;
+    }
+    printf("nand %s: %u bytes at 0x%08X of %s\n", what, a.length, a.offset, a.device);
+    return SERVICE_OK;
+}
+
+int nand_read_cmd(const NandArgs &a, NandHolder &nand) {
+    HeapBuffer data(a.length > 0 ? a.length : 1);
+    if (!data) {
+        printf("nand read: cannot allocate %u bytes\n", a.length);
+        return SERVICE_FAILED;
+    }
+    int r = nand_read(nand.get(), data.get(), a.length, a.offset);
+    if (r < 0)
+        return report_nand("read", a, r);
+    UniqueFile out(fopen(a.file, "wb"));
+    if (!out || fwrite(data.get(), 1, a.length, out.get()) != a.length) {
+        fflush(stdout);
+        perror(a.file);
+        return SERVICE_FAILED;
+    }
+    return report_nand("read", a, r);
+}
+
+int nand_write_cmd(const NandArgs &a, NandHolder &nand) {
+    HeapBuffer data(a.length > 0 ? a.length : 1);
+    if (!data) {
+        printf("nand write: cannot allocate %u bytes\n", a.length);
+        return SERVICE_FAILED;
+    }
+    UniqueFile in(fopen(a.file, "rb"));
+    if (!in) {
+        fflush(stdout);
+        perror(a.file);
+        return SERVICE_FAILED;
+    }
+    if (fread(data.get(), 1, a.length, in.get()) != a.length) {
+        printf("nand write: %s holds fewer than %u bytes\n", a.file, a.length);
+        return SERVICE_FAILED;
+    }
+    return report_nand("write", a, nand_write(nand.get(), data.get(), a.length, a.offset));
+}
+
+int nand_erase_cmd(const NandArgs &a, NandHolder &nand) {
+    uint32_t block = nand_get_blk_size(nand.get());
+    uint64_t end = static_cast<uint64_t>(a.offset) + a.length;
+    int r = 0;
+    for (uint64_t at = a.offset; r == 0 && at < end; at += block)
+        r = nand_erase(nand.get(), static_cast<uint32_t>(at));
+    return report_nand("erase", a, r);
+}
+
+int nand_cmd(int argc, char **argv) {
+    if (argc < 1)
+        return usage_error("nand: missing operation%s", "");
+    const char *op = argv[0];
+    bool with_file = strcmp(op, "erase") != 0;
+    if (strcmp(op, "read") != 0 && strcmp(op, "write") != 0 && with_file)
+        return usage_error("nand: unknown operation '%s'", op);
+    NandArgs a{};
+    if (int r = nand_usage_args(argc - 1, argv + 1, with_file, &a))
+        return r;
+    NandHolder nand(a.device);
+    if (!nand.open()) {
+        printf("nand %s: cannot open %s\n", op, a.device);
+        return SERVICE_FAILED;
+    }
+    if (strcmp(op, "read") == 0)
+        return nand_read_cmd(a, nand);
+    if (strcmp(op, "write") == 0)
+        return nand_write_cmd(a, nand);
+    return nand_erase_cmd(a, nand);
+}
+
+// --- NOR -----------------------------------------------------------------------------------
+
+int nor_cmd(int argc, char **argv) {
+    if (argc != 3)
+        return usage_error("nor: expected status|lock|unlock OFFSET LENGTH%s", "");
+    int mode = strcmp(argv[0], "lock") == 0     ? NVLOCK_PROTECT
+               : strcmp(argv[0], "unlock") == 0 ? NVLOCK_UNPROTECT
+               : strcmp(argv[0], "status") == 0 ? -1
+                                                : -2;
+    if (mode == -2)
+        return usage_error("nor: unknown operation '%s'", argv[0]);
+    uint32_t offset = 0;
+    uint32_t length = 0;
+    if (!parse_u32(argv[1], &offset))
+        return usage_error("invalid offset '%s'", argv[1]);
+    if (!parse_u32(argv[2], &length))
+        return usage_error("invalid length '%s'", argv[2]);
+    return nvLock(offset, length, mode) == 0 ? SERVICE_OK : SERVICE_FAILED;
+}
+
+// --- EEPROMs -------------------------------------------------------------------------------
+
+// The EEPROM updaters the run never calls. The Vornek EEPROM joins here as a row
+// {"vornek", ...} once its updater is in the tool.
+struct EepromUpdater {
+    const char *name;
+    int (*update)(const char *write_dir, const char *model);
+};
+
+int update_ferund(const char *write_dir, const char *model) {
+    return Update_TVMEeprom(write_dir, model, 1);
+}
+
+constexpr EepromUpdater kEepromUpdaters[] = {
+    {"ferund", update_ferund},
+};
+
+int eeprom_cmd(int argc, char **argv) {
+    if (argc < 2 || argc > 3)
+        return usage_error("eeprom: expected NAME DIR [MODEL]%s", "");
+    for (const EepromUpdater &u : kEepromUpdaters) {
+        if (strcmp(argv[0], u.name) == 0) {
+            int r = u.update(argv[1], argc == 3 ? argv[2] : nullptr);
+            printf("eeprom %s: %s\n", u.name, r == 0 ? "updated" : "FAILED");
+            return r == 0 ? SERVICE_OK : SERVICE_FAILED;
+        }
+    }
+    return usage_error("eeprom: unknown EEPROM '%s'", argv[0]);
+}
+
+// --- image list ----------------------------------------------------------------------------
+
+int list_cmd(int argc, char **argv) {
+    bool sd = argc == 2 && strcmp(argv[1], "--sd") == 0;
+    if (argc < 1 || argc > 2 || (argc == 2 && !sd))
+        return usage_error("list: expected FILE [--sd]%s", "");
+    UniqueFile list(fopen(argv[0], "r"));
+    if (!list) {
+        fflush(stdout);
+        perror(argv[0]);
+        return SERVICE_FAILED;
+    }
+    uint32_t flags[4];
+    read_update_list(list.get(), MediaFound{!sd, sd}, flags, true);
+    print_update_selection(flags);
+    return SERVICE_OK;
+}
+
+struct Command {
+    const char *name;
+    int (*run)(int argc, char **argv);
+};
+
+constexpr Command kCommands[] = {
+    {"nand", nand_cmd},
+    {"nor", nor_cmd},
+    {"eeprom", eeprom_cmd},
+    {"list", list_cmd},
+};
+
+} // namespace
+
+bool parse_u32(const char *text, uint32_t *value) {
+    if (text == nullptr || text[0] < '0' || text[0] > '9')
+        return false;
+    errno = 0;
+    char *end = nullptr;
+    unsigned long long v = strtoull(text, &end, 0);
+    if (errno != 0 || *end != '\0' || v > 0xFFFFFFFFull)
+        return false;
+    *value = static_cast<uint32_t>(v);
+    return true;
+}
+
+bool partition_device(const char *part, char *path, unsigned path_size) {
+    const char *digits = strncmp(part, "mtd", 3) == 0 ? part + 3 : part;
+    size_t n = strspn(digits, "0123456789");
+    if (n > 0 && n <= kMtdDeviceNameSize - 4 && digits[n] == '\0')
+        return bounded_format(path, path_size, "/dev/mtd%s", digits);
+    char device[kMtdDeviceNameSize];
+    return find_mtd_partition(part, device) == 1 &&
+           bounded_format(path, path_size, "/dev/%s", device);
+}
+
+int service_main(int argc, char **argv) {
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) {
+            fputs(kUsage, stdout);
+            return SERVICE_OK;
+        }
+    }
+    if (argc < 2)
+        return usage_error("missing command%s", "");
+    for (const Command &c : kCommands) {
+        if (strcmp(argv[1], c.name) == 0) {
+            int r = c.run(argc - 2, argv + 2);
+            fflush(stdout);
+            return r;
+        }
+    }
+    return usage_error("unknown command '%s'", argv[1]);
+}

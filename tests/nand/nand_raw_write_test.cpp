@@ -1,0 +1,108 @@
+// The logical-to-physical arithmetic of the NAND module, and the argument checks that run
+// before any device access.
+#include "nand/nand_raw_write.h"
+
+#include <gtest/gtest.h>
+#include <vector>
+
+namespace {
+
+constexpr uint32_t E = 0x20000;
+
+struct PageCase {
+    const char *name;
+    std::vector<uint64_t> map; // block_map, 8 blocks
+    uint32_t offset;
+    uint64_t physical;
+};
+
+TEST(NandPhysicalPage, NearestRecordedBlockAtOrBelowIsFollowedContiguously) {
+    const PageCase cases[] = {
+        {"empty map: identity", {0, 0, 0, 0, 0, 0, 0, 0}, 5 * E, 5 * E},
+        {"empty map: block 0", {0, 0, 0, 0, 0, 0, 0, 0}, 0, 0},
+        {"recorded block itself", {0, 0, 0, 4 * E, 0, 0, 0, 0}, 3 * E, 4 * E},
+        {"after a recorded block", {0, 0, 0, 4 * E, 0, 0, 0, 0}, 6 * E, 7 * E},
+        {"below the recorded block: identity", {0, 0, 0, 4 * E, 0, 0, 0, 0}, 2 * E, 2 * E},
+        {"nearest of two", {0, E, 0, 0, 6 * E, 0, 0, 0}, 3 * E, 3 * E},
+        {"nearest of two, above", {0, E, 0, 0, 6 * E, 0, 0, 0}, 5 * E, 7 * E},
+        {"last block", {0, 0, 0, 0, 0, 0, 0, 7 * E}, 7 * E, 7 * E},
+    };
+    for (const PageCase &c : cases) {
+        std::vector<uint64_t> map = c.map;
+        nand_dev ctx{};
+        ctx.info.size = 8 * E;
+        ctx.info.erasesize = E;
+        ctx.block_map = map.data();
+        EXPECT_EQ(get_physical_page(&ctx, c.offset), c.physical) << c.name;
+    }
+}
+
+TEST(NandNullContext, EveryOperationRefusesWithoutTouchingAnything) {
+    unsigned char buf[16] = {};
+    for (nand_dev *ctx : {static_cast<nand_dev *>(nullptr), NAND_OPEN_FAILED}) {
+        EXPECT_EQ(nand_close(ctx), -1);
+        EXPECT_EQ(nand_read(ctx, buf, sizeof buf, 0), -1);
+        EXPECT_EQ(nand_write(ctx, buf, sizeof buf, 0), -1);
+        EXPECT_EQ(nand_write_block(ctx, buf, sizeof buf, 0), -1);
+        EXPECT_EQ(nand_erase(ctx, 0), -1);
+        EXPECT_EQ(nand_get_blk_size(ctx), 0xFFFFFFFFu);
+    }
+}
+
+TEST(NandChecks, RangeThenAlignmentThenBlockSizeBeforeAnyDeviceAccess) {
+    struct Case {
+        const char *name;
+        int (*op)(nand_dev *, uint32_t, uint32_t);
+        uint32_t size;
+        uint32_t offset;
+        const char *printed;
+    };
+    static unsigned char data[2 * E];
+    auto read = [](nand_dev *d, uint32_t s, uint32_t o) { return nand_read(d, data, s, o); };
+    auto write = [](nand_dev *d, uint32_t s, uint32_t o) { return nand_write(d, data, s, o); };
+    auto block = [](nand_dev *d, uint32_t s, uint32_t o) {
+        return nand_write_block(d, data, s, o);
+    };
+    auto erase = [](nand_dev *d, uint32_t, uint32_t o) { return nand_erase(d, o); };
+    const Case cases[] = {
+        {"past the end", read, 2 * E, 7 * E,
+         "Error: offset + size exceeds the device size!\n"
+         "(offset=917504, size=262144, device size=1048576)\n"},
+        {"wrapping u32 sum", write, 0xFFFFFFFFu, E,
+         "Error: offset + size exceeds the device size!\n"
+         "(offset=131072, size=-1, device size=1048576)\n"},
+        {"misaligned", write, 16, E + 1, "Error: offset should be aligned by 131072 bytes.\n"},
+        {"block too large", block, E + 1, 0, "Error: size should be less than 131072 bytes.\n"},
+        {"erase past the end", erase, 0, 8 * E,
+         "Error: offset + erase size exceeds the device size!\n"
+         "(offset=1048576, erase size=131072, device size=1048576)\n"},
+        {"erase misaligned", erase, 0, 2048, "Error: offset should be aligned by 131072 bytes.\n"},
+    };
+    for (const Case &c : cases) {
+        std::vector<uint64_t> map(8, 0);
+        nand_dev ctx{};
+        ctx.fd = -1; // any device access would fail and print something else
+        ctx.info.size = 8 * E;
+        ctx.info.erasesize = E;
+        ctx.info.writesize = 2048;
+        ctx.block_map = map.data();
+        testing::internal::CaptureStdout();
+        int r = c.op(&ctx, c.size, c.offset);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), c.printed) << c.name;
+        EXPECT_EQ(r, -1) << c.name;
+    }
+}
+
+TEST(NandOperationsRecord, FilledInItsOrder) {
+    flash_storage_dev dev{};
+    EXPECT_EQ(init_flash_storage_dev(&dev), 0);
+    EXPECT_EQ(dev.open, nand_open);
+    EXPECT_EQ(dev.close, nand_close);
+    EXPECT_EQ(dev.read, nand_read);
+    EXPECT_EQ(dev.write, nand_write);
+    EXPECT_EQ(dev.write_block, nand_write_block);
+    EXPECT_EQ(dev.erase, nand_erase);
+    EXPECT_EQ(dev.get_blk_size, nand_get_blk_size);
+}
+
+} // namespace

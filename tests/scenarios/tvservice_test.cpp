@@ -1,0 +1,324 @@
+// The service tool on a simulated board: NAND raw I/O around factory and grown bad blocks,
+// cross-checked with mtd-utils; its messages and exit statuses; the NOR and image list
+// commands.
+#include "scenarios/harness.h"
+
+#include <filesystem>
+#include <fstream>
+
+namespace scenario {
+namespace {
+
+constexpr size_t E = 0x20000;                       // erase block of the NAND partitions
+constexpr const char *kPart = "uboot_env";          // 8 blocks, /dev/mtd1
+constexpr const char *kFlash = "mtd/uboot_env.bin"; // its contents
+constexpr int kPartIndex = 1;
+
+bool on_host() {
+    const char *variant = getenv("TVSIM_VARIANT");
+    return variant == nullptr || std::string(variant) != "armhf";
+}
+
+std::string pattern(size_t length, unsigned seed) {
+    std::string bytes(length, '\0');
+    for (size_t i = 0; i < length; ++i) {
+        seed = seed * 1103515245u + 12345u;
+        bytes[i] = static_cast<char>(seed >> 16);
+    }
+    return bytes;
+}
+
+void put_file(const SimBoard &board, const std::string &board_path, const std::string &bytes) {
+    std::string host = board.path("fs" + board_path);
+    std::filesystem::create_directories(std::filesystem::path(host).parent_path());
+    std::ofstream(host, std::ios::binary) << bytes;
+}
+
+class NandService : public Scenario {
+protected:
+    void make_with_bad_blocks(const json &bad) {
+        board.make("");
+        json c = board.config();
+        c["mtd"][kPartIndex]["bad_blocks"] = bad;
+        board.set_config(c);
+    }
+    std::string block(size_t physical) const { return board.read(kFlash).substr(physical * E, E); }
+    RunResult write(size_t length, const std::string &image) {
+        put_file(board, "/tmp/in.bin", image);
+        return board.tvservice(
+            {"nand", "write", kPart, "0", std::to_string(length), "/tmp/in.bin"});
+    }
+    std::string read_back(size_t length) {
+        RunResult r =
+            board.tvservice({"nand", "read", "1", "0", std::to_string(length), "/tmp/out.bin"});
+        EXPECT_EQ(r.exit_status, 0) << r.output;
+        return board.read("fs/tmp/out.bin");
+    }
+};
+
+struct BadBlockCase {
+    const char *name;
+    std::vector<size_t> bad;
+    std::vector<size_t> placement; // physical block of each logical block
+};
+
+void PrintTo(const BadBlockCase &c, std::ostream *os) {
+    *os << c.name;
+}
+
+class NandAroundBadBlocks : public NandService, public testing::WithParamInterface<BadBlockCase> {};
+
+TEST_P(NandAroundBadBlocks, WritesSkipBadBlocksAndReadBackAtTheSameLogicalOffsets) {
+    const BadBlockCase &c = GetParam();
+    make_with_bad_blocks(c.bad);
+    const size_t length = 6 * E + E / 2; // a partial last block
+    const std::string image = pattern(length, 11);
+
+    RunResult w = write(length, image);
+    EXPECT_EQ(w.output, "nand write: 851968 bytes at 0x00000000 of /dev/mtd1\n");
+    EXPECT_EQ(w.exit_status, 0);
+    for (size_t L = 0; L < c.placement.size(); ++L) {
+        size_t n = std::min(E, length - L * E);
+        EXPECT_EQ(block(c.placement[L]).substr(0, n), image.substr(L * E, n)) << "logical " << L;
+    }
+    EXPECT_EQ(block(c.placement.back()).substr(E / 2), std::string(E / 2, '\xFF'));
+    for (size_t b : c.bad)
+        EXPECT_EQ(block(b), std::string(E, '\xFF')) << "bad block " << b << " was written";
+    EXPECT_TRUE(board.trace("mtd_markbad").empty());
+    EXPECT_EQ(read_back(length), image); // a new process: found again after a reopen
+}
+
+INSTANTIATE_TEST_SUITE_P(Nand, NandAroundBadBlocks,
+                         testing::Values(BadBlockCase{"AtTheStart", {0}, {1, 2, 3, 4, 5, 6, 7}},
+                                         BadBlockCase{"InTheMiddle", {3}, {0, 1, 2, 4, 5, 6, 7}},
+                                         BadBlockCase{"AtTheEnd", {6}, {0, 1, 2, 3, 4, 5, 7}},
+                                         BadBlockCase{"None", {}, {0, 1, 2, 3, 4, 5, 6}}),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+TEST_F(NandService, ABlockFailingDuringAWriteIsRetiredAndItsDataFoundAtTheSameOffset) {
+    make_with_bad_blocks(json::array());
+    board.add_fault({{"fault", "nand_write_fail"}, {"target", "uboot_env:2"}});
+    const size_t length = 4 * E;
+    const std::string image = pattern(length, 5);
+
+    RunResult w = write(length, image);
+    EXPECT_EQ(w.output, "nand write: 524288 bytes at 0x00000000 of /dev/mtd1\n");
+    EXPECT_EQ(w.exit_status, 0);
+    auto marked = board.trace("mtd_markbad");
+    ASSERT_EQ(marked.size(), 1u);
+    EXPECT_EQ(marked[0]["block"], 2);
+    EXPECT_EQ(block(3), image.substr(2 * E, E));
+    EXPECT_EQ(block(4), image.substr(3 * E, E));
+    EXPECT_EQ(read_back(length), image);
+    // A later erase of the same logical block goes to the block that holds it now.
+    RunResult e = board.tvservice({"nand", "erase", "mtd1", "0x40000", "0x20000"});
+    EXPECT_EQ(e.exit_status, 0) << e.output;
+    EXPECT_EQ(block(3), std::string(E, '\xFF'));
+    EXPECT_EQ(block(4), image.substr(3 * E, E));
+}
+
+TEST_F(NandService, AnEraseFailureRetiresTheBlockAndMovesOn) {
+    make_with_bad_blocks(json::array());
+    board.add_fault({{"fault", "nand_erase_fail"}, {"target", "uboot_env:0"}});
+    const std::string image = pattern(E, 9);
+    RunResult w = write(E, image);
+    EXPECT_EQ(w.exit_status, 0) << w.output;
+    EXPECT_EQ(block(1), image);
+    EXPECT_EQ(board.trace("mtd_markbad").size(), 1u);
+    EXPECT_EQ(read_back(E), image);
+}
+
+TEST_F(NandService, RunningOutOfGoodBlocksFailsWithNoGoodBlockLeft) {
+    make_with_bad_blocks({5, 6, 7});
+    RunResult w = write(6 * E, pattern(6 * E, 1));
+    EXPECT_EQ(w.output, "nand write: failed at /dev/mtd1 (result -8)\n");
+    EXPECT_EQ(w.exit_status, 1);
+    // What was written before stays (partial results are not undone).
+    EXPECT_EQ(block(4), pattern(6 * E, 1).substr(4 * E, E));
+}
+
+struct MessageCase {
+    const char *name;
+    std::vector<std::string> args;
+    std::string output;
+    int status;
+};
+
+void PrintTo(const MessageCase &c, std::ostream *os) {
+    *os << c.name;
+}
+
+class ServiceMessages : public NandService, public testing::WithParamInterface<MessageCase> {};
+
+TEST_P(ServiceMessages, EveryRefusalSaysWhyAndExitsWithItsStatus) {
+    const MessageCase &c = GetParam();
+    make_with_bad_blocks(json::array());
+    put_file(board, "/tmp/in.bin", std::string(16, 'x'));
+    RunResult r = board.tvservice(c.args);
+    EXPECT_EQ(r.output, c.output);
+    EXPECT_EQ(r.exit_status, c.status);
+    EXPECT_TRUE(board.trace("mtd_erase").empty());
+    EXPECT_TRUE(board.trace("mtd_write").empty());
+}
+
+const std::string kTry = "Try 'tvservice --help' for more information.\n";
+
+INSTANTIATE_TEST_SUITE_P(
+    Service, ServiceMessages,
+    testing::Values(
+        MessageCase{"Misaligned",
+                    {"nand", "write", "uboot_env", "0x20001", "16", "/tmp/in.bin"},
+                    "Error: offset should be aligned by 131072 bytes.\n"
+                    "nand write: failed at /dev/mtd1 (result -1)\n",
+                    1},
+        MessageCase{"PastTheEnd",
+                    {"nand", "read", "1", "0xE0000", "0x40000", "/tmp/o"},
+                    "Error: offset + size exceeds the device size!\n"
+                    "(offset=917504, size=262144, device size=1048576)\n"
+                    "nand read: failed at /dev/mtd1 (result -1)\n",
+                    1},
+        MessageCase{"ErasePastTheEnd",
+                    {"nand", "erase", "1", "0x100000", "1"},
+                    "Error: offset + erase size exceeds the device size!\n"
+                    "(offset=1048576, erase size=131072, device size=1048576)\n"
+                    "nand erase: failed at /dev/mtd1 (result -1)\n",
+                    1},
+        MessageCase{"ShortInput",
+                    {"nand", "write", "1", "0", "17", "/tmp/in.bin"},
+                    "nand write: /tmp/in.bin holds fewer than 17 bytes\n",
+                    1},
+        MessageCase{"NoSuchDevice",
+                    {"nand", "read", "42", "0", "1", "/tmp/o"},
+                    "open: No such file or directory\nnand read: cannot open /dev/mtd42\n",
+                    1},
+        MessageCase{"NameMustMatchWhole",
+                    {"nand", "read", "uboot", "0", "1", "/tmp/o"},
+                    "tvservice: no MTD partition 'uboot'\n" + kTry,
+                    2},
+        MessageCase{"BadNumber",
+                    {"nand", "erase", "1", "12k", "1"},
+                    "tvservice: invalid offset '12k'\n" + kTry,
+                    2},
+        MessageCase{"MissingFile",
+                    {"nand", "read", "1", "0", "1"},
+                    "tvservice: nand read: wrong number of arguments\n" + kTry,
+                    2},
+        MessageCase{"UnknownNandOperation",
+                    {"nand", "dump", "1", "0", "1"},
+                    "tvservice: nand: unknown operation 'dump'\n" + kTry,
+                    2},
+        MessageCase{"UnknownCommand", {"flash"}, "tvservice: unknown command 'flash'\n" + kTry, 2},
+        MessageCase{"NoCommand", {}, "tvservice: missing command\n" + kTry, 2},
+        MessageCase{"UnknownNorOperation",
+                    {"nor", "wipe", "0", "1"},
+                    "tvservice: nor: unknown operation 'wipe'\n" + kTry,
+                    2},
+        MessageCase{"UnknownEeprom",
+                    {"eeprom", "pelto", "/tmp"},
+                    "tvservice: eeprom: unknown EEPROM 'pelto'\n" + kTry,
+                    2},
+        MessageCase{"NorStartBeyondTheFlash",
+                    {"nor", "status", "0x100000", "4"},
+                    "error: 0x100000 exceeds device size\n",
+                    1},
+        MessageCase{"MissingList",
+                    {"list", "/tmp/none.lst"},
+                    "/tmp/none.lst: No such file or directory\n",
+                    1}),
+    [](const auto &info) { return std::string(info.param.name); });
+
+TEST_F(NandService, HelpListsEveryCommandAndSucceeds) {
+    board.make("");
+    RunResult r = board.tvservice({"nand", "--help"});
+    EXPECT_EQ(r.exit_status, 0);
+    for (const char *line : {"nand read PART", "nand write PART", "nand erase PART", "nor status",
+                             "nor lock", "nor unlock", "eeprom ferund", "list FILE"})
+        EXPECT_NE(r.output.find(line), std::string::npos) << line;
+}
+
+TEST_F(NandService, ImageListIsShownWithoutTouchingAnyVolume) {
+    board.make("");
+    put_file(board, "/tmp/flashimg.lst",
+             "# comment\ntvm_hex\napp_data F N\nbitmap N\nzoran_update\nfpga_sam_2\n");
+    RunResult usb = board.tvservice({"list", "/tmp/flashimg.lst"});
+    EXPECT_EQ(usb.output, "UBIFS volume [app_data] would be removed and made again\n"
+                          "app_data         update erase-first\n"
+                          "bitmap           update erase-first\n"
+                          "tvm_hex          update\n"
+                          "zoran_update     update\n"
+                          "fpga_sam_2       update\n");
+    EXPECT_EQ(usb.exit_status, 0);
+    RunResult sd = board.tvservice({"list", "/tmp/flashimg.lst", "--sd"});
+    EXPECT_NE(sd.output.find("Cannot update zoran from SD card\n"), std::string::npos);
+    EXPECT_EQ(sd.output.find("zoran_update "), std::string::npos);
+    EXPECT_TRUE(board.trace("shell").empty());
+    EXPECT_TRUE(board.trace("mount").empty());
+}
+
+TEST_F(NandService, FerundEepromIsRewrittenFromTheTextFile) {
+    board.make("");
+    put_file(board, "/tmp/M1/writedata/TVM_DATA.txt", "Version 3\n0000 11\n0041 22\n");
+    RunResult r = board.tvservice({"eeprom", "ferund", "/tmp/M1/writedata", "PHQD2WK1"});
+    EXPECT_EQ(r.output, "Reading from file : /tmp/M1/writedata/TVM_DATA.txt \n"
+                        "EEP file Version 3\n"
+                        "Start writing to EEPROM, please wait... \n"
+                        "\r   0% completed\r  98% completed\r"
+                        "eeprom ferund: updated\n");
+    EXPECT_EQ(r.exit_status, 0);
+    std::string image = board.read("tvm/ferund.bin");
+    ASSERT_EQ(image.size(), 32768u);
+    EXPECT_EQ(image.substr(0, 2), "\x11\xFF");
+    EXPECT_EQ(image[0x41], '\x22');
+
+    RunResult refused = board.tvservice({"eeprom", "ferund", "/tmp/M1/writedata", "ABC123"});
+    EXPECT_EQ(refused.output, "[ABC123.prg] does not support writing to FERUND EEP\n"
+                              "eeprom ferund: FAILED\n");
+    EXPECT_EQ(refused.exit_status, 1);
+}
+
+TEST_F(NandService, NorWithoutItsDirectAccessDriverTouchesNothing) {
+    board.make("");
+    RunResult r = board.tvservice({"nor", "lock", "0", "0x4000"});
+    EXPECT_EQ(r.output, "open: No such file or directory\n");
+    EXPECT_EQ(r.exit_status, 1);
+    EXPECT_TRUE(board.trace("mmap").empty());
+}
+
+// --- mtd-utils against the same bad blocks --------------------------------------------------
+
+TEST_F(NandService, MtdUtilsAndTheServiceToolAgreeOnBadBlocks) {
+    if (!on_host())
+        GTEST_SKIP() << "mtd-utils are host programs";
+    make_with_bad_blocks({1, 4});
+    const size_t length = 5 * E;
+    const std::string image = pattern(length, 3);
+
+    ASSERT_EQ(write(length, image).exit_status, 0);
+    RunResult dump = board.run({"nanddump", "-q", "--bb=skipbad", "-l", std::to_string(length),
+                                "-f", "/tmp/dump.bin", "/dev/mtd1"});
+    EXPECT_EQ(dump.exit_status, 0) << dump.output;
+    EXPECT_EQ(board.read("fs/tmp/dump.bin"), image);
+
+    RunResult erase = board.run({"flash_erase", "/dev/mtd1", "0", "0"});
+    EXPECT_EQ(erase.exit_status, 0) << erase.output;
+    EXPECT_NE(erase.output.find("Skipping bad block at 00020000"), std::string::npos);
+    EXPECT_NE(erase.output.find("Skipping bad block at 00080000"), std::string::npos);
+    // Its whole-chip attempt meets the bad blocks and is refused; then block by block, the bad
+    // blocks are never erased.
+    for (const json &e : board.trace("mtd_erase")) {
+        if (e["length"] != E)
+            continue;
+        EXPECT_TRUE(e["start"] != E && e["start"] != 4 * E && !e.contains("errno")) << e.dump();
+    }
+    EXPECT_EQ(board.read(kFlash), std::string(8 * E, '\xFF'));
+
+    const std::string other = pattern(length, 8);
+    put_file(board, "/tmp/nw.bin", other);
+    RunResult nw = board.run({"nandwrite", "-q", "/dev/mtd1", "/tmp/nw.bin"});
+    EXPECT_EQ(nw.exit_status, 0) << nw.output;
+    EXPECT_EQ(block(2), other.substr(E, E)); // logical 1 in physical 2
+    EXPECT_EQ(read_back(length), other);
+}
+
+} // namespace
+} // namespace scenario
