@@ -1,5 +1,6 @@
 #include "board/board.h"
 
+#include "board/config_roms.h"
 #include "board/control.h"
 #include "board/device.h"
 #include "board/media.h"
@@ -313,7 +314,8 @@ void Board::reboot() {
         state_[volatile_state] = json::array();
     state_["rescans"] = json::object();
     state_["clock_ns"] = 0;
-    state_.erase("soc"); // registers and pin latches come up at their reset values
+    state_.erase("soc");   // registers and pin latches come up at their reset values
+    state_.erase("nodes"); // made in /tmp
     power_cycle_microcontroller(*this);
     std::error_code ec;
     for (const auto &entry : fs::directory_iterator(root_ + "/tmp", ec))
@@ -324,12 +326,31 @@ void Board::reboot() {
 void Board::refresh_kernel_files() {
     refresh_media_files(*this);
     refresh_mtd_files(*this);
+    refresh_misc_file(*this);
+}
+
+void Board::add_node(const std::string &normal_path, uint64_t number) {
+    state_["nodes"][normal_path] = number;
+}
+
+void Board::remove_node(const std::string &normal_path) {
+    if (state_.contains("nodes"))
+        state_["nodes"].erase(normal_path);
+}
+
+bool Board::node_at(const std::string &normal_path, uint64_t *number) const {
+    const json &n = member(member(state_, "nodes"), normal_path);
+    if (!n.is_number())
+        return false;
+    *number = n.get<uint64_t>();
+    return true;
 }
 
 std::unique_ptr<Device> Board::open_device(std::string_view path, int flags, int *err) {
     using Opener = std::unique_ptr<Device> (*)(Board &, std::string_view, int, int *);
     static constexpr Opener kDeviceModels[] = {open_control_device, open_media_device,
-                                               open_microcontroller, open_mtd_device};
+                                               open_microcontroller, open_mtd_device,
+                                               open_spi_device};
     *err = ENOENT;
     for (Opener open : kDeviceModels) {
         if (auto device = open(*this, path, flags, err))

@@ -1,6 +1,7 @@
 #include "board/create.h"
 
 #include "board/board.h"
+#include "board/config_roms.h"
 #include "board/microcontroller.h"
 #include "board/mtd.h"
 #include "board/registers.h"
@@ -61,6 +62,7 @@ json default_config(const NewBoardOptions &options) {
                 {"soc", default_soc_config()},
                 {"mtd", default_mtd_config()},
                 {"microcontroller", default_microcontroller_config()},
+                {"spi", default_spi_config()},
                 {"faults", json::array()}};
 }
 

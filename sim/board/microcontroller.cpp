@@ -375,6 +375,8 @@ private:
 
     Outcome set_port(bool set, uint8_t port, uint8_t bits) {
         json &ports = state()["ports"];
+        if (!ports.is_object())
+            ports = json::object(); // the first port command since power-on
         std::string key = std::to_string(port);
         int value = ports.value(key, 0);
         ports[key] = set ? (value | bits) : (value & ~bits);
