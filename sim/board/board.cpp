@@ -6,6 +6,7 @@
 #include "board/media.h"
 #include "board/microcontroller.h"
 #include "board/mtd.h"
+#include "board/spidev.h"
 #include "board/ubi.h"
 
 #include <cerrno>
@@ -26,8 +27,8 @@ namespace {
 constexpr std::string_view kBoardTrees[] = {
     "/tmp",       "/mnt",         "/update",      "/modules",    "/sys",          "/proc/mtd",
     "/proc/misc", "/proc/sdcard", "/sbin/insmod", "/sbin/rmmod", "/sbin/modprobe"};
-constexpr std::string_view kBoardDevicePrefixes[] = {"cn_user", "uat_ucom", "i2c-", "spioctl",
-                                                     "mtd",     "sd",       "ubi",  "udirect"};
+constexpr std::string_view kBoardDevicePrefixes[] = {
+    "cn_user", "uat_ucom", "i2c-", "spioctl", "spidev", "mtd", "sd", "ubi", "udirect"};
 // Host programs a shell command may name by absolute path.
 constexpr std::string_view kHostProgramTrees[] = {"/bin", "/usr/bin", "/usr/sbin", "/sbin",
                                                   "/dev/null"};
@@ -348,9 +349,9 @@ bool Board::node_at(const std::string &normal_path, uint64_t *number) const {
 
 std::unique_ptr<Device> Board::open_device(std::string_view path, int flags, int *err) {
     using Opener = std::unique_ptr<Device> (*)(Board &, std::string_view, int, int *);
-    static constexpr Opener kDeviceModels[] = {open_control_device, open_media_device,
+    static constexpr Opener kDeviceModels[] = {open_control_device,  open_media_device,
                                                open_microcontroller, open_mtd_device,
-                                               open_spi_device};
+                                               open_spi_device,      open_spidev};
     *err = ENOENT;
     for (Opener open : kDeviceModels) {
         if (auto device = open(*this, path, flags, err))

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <limits>
 #include <unistd.h>
 
@@ -363,6 +364,7 @@ private:
         std::vector<uint8_t> rx(rx_len);
         unsigned roms = selected_roms(board_);
         spi_bus_transfer(board_, tx, rx, roms);
+        spi_bus_time(board_, tx.size() + rx.size());
         if (rx_len > 0)
             memcpy(t->rx_buf, rx.data(), rx_len);
         json event{{"op", name},
@@ -389,10 +391,7 @@ unsigned selected_roms(Board &board) {
     return roms;
 }
 
-void spi_bus_transfer(Board &board, const std::vector<uint8_t> &tx, std::vector<uint8_t> &rx,
-                      unsigned roms) {
-    std::vector<uint8_t> mosi(tx);
-    mosi.resize(tx.size() + rx.size(), 0x00);
+std::vector<uint8_t> spi_bus_clock(Board &board, const std::vector<uint8_t> &mosi, unsigned roms) {
     std::vector<uint8_t> bus(mosi.size(), 0xFF); // pulled up; selected chips pull bits low
     for (int n = 0; n < kConfigRomCount; ++n) {
         if ((roms >> n & 1) == 0)
@@ -402,10 +401,21 @@ void spi_bus_transfer(Board &board, const std::vector<uint8_t> &tx, std::vector<
         for (size_t i = 0; i < bus.size(); ++i)
             bus[i] &= miso[i];
     }
+    return bus;
+}
+
+void spi_bus_transfer(Board &board, const std::vector<uint8_t> &tx, std::vector<uint8_t> &rx,
+                      unsigned roms) {
+    std::vector<uint8_t> mosi(tx);
+    mosi.resize(tx.size() + rx.size(), 0x00);
+    std::vector<uint8_t> bus = spi_bus_clock(board, mosi, roms);
     std::copy(bus.begin() + static_cast<std::ptrdiff_t>(tx.size()), bus.end(), rx.begin());
+}
+
+void spi_bus_time(Board &board, size_t bytes) {
     uint64_t clock =
         std::max<uint64_t>(number_from(member(spi_config(board), "clock_hz"), 10000000), 1);
-    board.advance_ns(mosi.size() * 8 * 1000000000ull / clock);
+    board.advance_ns(bytes * 8 * 1000000000ull / clock);
 }
 
 std::unique_ptr<Device> open_spi_device(Board &board, std::string_view path, int, int *err) {
@@ -433,6 +443,10 @@ void refresh_misc_file(Board &board) {
         text += " " + std::to_string(number_from(member(spi, "minor"), 61)) + " spioctl\n";
     text += "  1 psaux\n";
     write_file(board.file("fs/proc/misc"), text);
+    // spidev's transfer limit, as its module parameter reports it
+    std::error_code ec;
+    std::filesystem::create_directories(board.file("fs/sys/module/spidev/parameters"), ec);
+    write_file(board.file("fs/sys/module/spidev/parameters/bufsiz"), "4096\n");
 }
 
 void config_rom_pin_changed(Board &board, int pin, int level) {

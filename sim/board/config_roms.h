@@ -24,7 +24,7 @@ inline constexpr int kConfigRomCount = 3;
 
 std::unique_ptr<Device> open_spi_device(Board &board, std::string_view path, int flags, int *err);
 
-// /proc/misc, listing "spioctl" while its driver is loaded.
+// /proc/misc, listing "spioctl" while its driver is loaded, and spidev's buffer size.
 void refresh_misc_file(Board &board);
 
 // Pin wiring: the access, reset and configuration-done lines.
@@ -35,9 +35,14 @@ int config_rom_pin_input(Board &board, int pin);
 // The chip select of the ROMs a bus transfer reaches now (bit n for ROM n).
 unsigned selected_roms(Board &board);
 
+// One transaction with chip select held: every byte of mosi is clocked out to the ROMs in
+// roms; what the bus carried back, byte for byte (0xFF where no chip drives it).
+std::vector<uint8_t> spi_bus_clock(Board &board, const std::vector<uint8_t> &mosi, unsigned roms);
 // One transfer with chip select held: tx is clocked out, then rx.size() bytes are read.
 void spi_bus_transfer(Board &board, const std::vector<uint8_t> &tx, std::vector<uint8_t> &rx,
                       unsigned roms);
+// Charges the board clock for bytes on the bus.
+void spi_bus_time(Board &board, size_t bytes);
 
 json default_spi_config();
 

@@ -324,5 +324,22 @@ TEST_F(ConfigRoms, TheDeviceNodeAndTheBusConnection) {
     }
 }
 
+// flashrom, reading the chips through spidev, finds the chip by its JEDEC ID and reads back
+// exactly what the update wrote.
+TEST_F(ConfigRoms, FlashromReadsBackWhatTheUpdateWrote) {
+    const char *variant = getenv("TVSIM_VARIANT");
+    if ((variant != nullptr && std::string(variant) == "armhf") ||
+        !std::filesystem::exists("/usr/sbin/flashrom"))
+        GTEST_SKIP() << "flashrom is a host program";
+    const std::string data = image(70000, 31);
+    make_board({1}, {{1, data}});
+    ASSERT_EQ(board.tvupdate({"M1"}).exit_status, 0);
+    RunResult r = board.run(
+        {"/usr/sbin/flashrom", "-p", "linux_spi:dev=/dev/spidev0.1", "-r", "/tmp/rom1.bin"});
+    EXPECT_EQ(r.exit_status, 0) << r.output;
+    EXPECT_THAT(r.output, HasSubstr("Found Winbond flash chip \"W25Q16.V\" (2048 kB, SPI)"));
+    EXPECT_TRUE(board.read("fs/tmp/rom1.bin") == rom_holding(data));
+}
+
 } // namespace
 } // namespace scenario
