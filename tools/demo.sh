@@ -31,6 +31,11 @@ done
 for part in mtd/*.bin; do
     printf '%-16s %6d bytes not erased\n' "$part" "$(tr -d '\377' < "$part" | wc -c)"
 done
+for rom in spi_rom*.bin; do
+    if [ -e "$rom" ]; then
+        printf '%-16s %6d bytes not erased\n' "$rom" "$(tr -d '\377' < "$rom" | wc -c)"
+    fi
+done
 python3 - <<'PY' trace.jsonl state.json
 import json, sys
 events = [json.loads(l) for l in open(sys.argv[1])]

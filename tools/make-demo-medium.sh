@@ -1,7 +1,8 @@
 #!/bin/sh
 # Writes a sample update medium for model MODEL into DIR: an image list that selects the
 # application, every data directory, the TV microcontroller's EEPROM and firmware and the boot
-# loader, the Pelto and KOLMA EEPROMs, and the files each of them needs.
+# loader, the Pelto and KOLMA EEPROMs, the three FPGA configuration ROMs, and the files each of
+# them needs.
 # Usage: make-demo-medium.sh DIR MODEL
 set -eu
 dir=$1
@@ -24,6 +25,9 @@ tvm_eeprom
 tvm_hex
 uboot
 kolma_eeprom
+fpga_sam_1
+fpga_sam_2
+fpga_sam_3
 LIST
 printf 'mode=full\nmodel=%s\n' "$model" > "$top/update_mode.conf"
 for d in app_data/dpdc app_data/factory model_data jpeg_user jpeg_factory bitmap other; do
@@ -71,3 +75,15 @@ while [ $i -lt 256 ]; do
     printf '%04X %02X\n' $i $(((i * 13 + 5) % 256))
     i=$((i + 1))
 done > "$data/kolma_eep_demo.txt"
+
+# The FPGA configuration ROM images: padding, the sync word AA 99 55 66, then configuration data.
+for rom in fpga_config_sum_tr1 fpga_config_sum_tr5 fpga_config_lgd_tr6; do
+    {
+        printf '\377\377\377\377\377\377\377\377\377\377\377\377\377\377\377\377\252\231\125\146'
+        i=0
+        while [ $i -lt 1500 ]; do
+            printf '%s configuration frame %04d\n' "$rom" $i
+            i=$((i + 1))
+        done
+    } > "$data/$rom.bin"
+done

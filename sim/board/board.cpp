@@ -1,11 +1,13 @@
 #include "board/board.h"
 
+#include "board/config_roms.h"
 #include "board/control.h"
 #include "board/device.h"
 #include "board/i2c.h"
 #include "board/media.h"
 #include "board/microcontroller.h"
 #include "board/mtd.h"
+#include "board/spidev.h"
 #include "board/ubi.h"
 
 #include <cerrno>
@@ -26,8 +28,8 @@ namespace {
 constexpr std::string_view kBoardTrees[] = {
     "/tmp",       "/mnt",         "/update",      "/modules",    "/sys",          "/proc/mtd",
     "/proc/misc", "/proc/sdcard", "/sbin/insmod", "/sbin/rmmod", "/sbin/modprobe"};
-constexpr std::string_view kBoardDevicePrefixes[] = {"cn_user", "uat_ucom", "i2c-", "spioctl",
-                                                     "mtd",     "sd",       "ubi",  "udirect"};
+constexpr std::string_view kBoardDevicePrefixes[] = {
+    "cn_user", "uat_ucom", "i2c-", "spioctl", "spidev", "mtd", "sd", "ubi", "udirect"};
 // Host programs a shell command may name by absolute path.
 constexpr std::string_view kHostProgramTrees[] = {"/bin", "/usr/bin", "/usr/sbin", "/sbin",
                                                   "/dev/null"};
@@ -318,8 +320,9 @@ void Board::reboot() {
         state_[volatile_state] = json::array();
     state_["rescans"] = json::object();
     state_["clock_ns"] = 0;
-    state_.erase("soc"); // registers and pin latches come up at their reset values
-    state_.erase("i2c"); // I2C devices lose their registers, the bus driver its status
+    state_.erase("soc");   // registers and pin latches come up at their reset values
+    state_.erase("i2c");   // I2C devices lose their registers, the bus driver its status
+    state_.erase("nodes"); // made in /tmp
     power_cycle_microcontroller(*this);
     std::error_code ec;
     for (const auto &entry : fs::directory_iterator(root_ + "/tmp", ec))
@@ -330,12 +333,31 @@ void Board::reboot() {
 void Board::refresh_kernel_files() {
     refresh_media_files(*this);
     refresh_mtd_files(*this);
+    refresh_misc_file(*this);
+}
+
+void Board::add_node(const std::string &normal_path, uint64_t number) {
+    state_["nodes"][normal_path] = number;
+}
+
+void Board::remove_node(const std::string &normal_path) {
+    if (state_.contains("nodes"))
+        state_["nodes"].erase(normal_path);
+}
+
+bool Board::node_at(const std::string &normal_path, uint64_t *number) const {
+    const json &n = member(member(state_, "nodes"), normal_path);
+    if (!n.is_number())
+        return false;
+    *number = n.get<uint64_t>();
+    return true;
 }
 
 std::unique_ptr<Device> Board::open_device(std::string_view path, int flags, int *err) {
     using Opener = std::unique_ptr<Device> (*)(Board &, std::string_view, int, int *);
-    static constexpr Opener kDeviceModels[] = {open_control_device, open_media_device,
-                                               open_microcontroller, open_mtd_device, open_i2c_bus};
+    static constexpr Opener kDeviceModels[] = {
+        open_control_device, open_media_device, open_microcontroller, open_mtd_device,
+        open_i2c_bus,        open_spi_device,   open_spidev};
     *err = ENOENT;
     for (Opener open : kDeviceModels) {
         if (auto device = open(*this, path, flags, err)) {

@@ -78,6 +78,11 @@ public:
     // Brings /sys and /proc files in the file tree up to date with the board's state.
     void refresh_kernel_files();
 
+    // Device nodes made with mknod in the board's file tree (state.json "nodes").
+    void add_node(const std::string &normal_path, uint64_t number);
+    void remove_node(const std::string &normal_path);
+    bool node_at(const std::string &normal_path, uint64_t *number) const;
+
     // Opens a board device node; null with *err set (ENOENT when the path is no device).
     std::unique_ptr<Device> open_device(std::string_view normal_path, int flags, int *err);
 

@@ -1,6 +1,7 @@
 #include "board/create.h"
 
 #include "board/board.h"
+#include "board/config_roms.h"
 #include "board/i2c.h"
 #include "board/microcontroller.h"
 #include "board/mtd.h"
@@ -63,6 +64,7 @@ json default_config(const NewBoardOptions &options) {
                 {"mtd", default_mtd_config()},
                 {"microcontroller", default_microcontroller_config()},
                 {"i2c", default_i2c_config()},
+                {"spi", default_spi_config()},
                 {"faults", json::array()}};
 }
 

@@ -1,5 +1,7 @@
 #include "board/registers.h"
 
+#include "board/config_roms.h"
+
 #include <cstdio>
 #include <cstdlib>
 
@@ -9,6 +11,13 @@ namespace {
 
 constexpr int kBanks = 3;
 constexpr int kPinsPerBank = 32;
+
+// Models wired to the pins: told of every change of an output, asked for what they drive.
+struct PinWiring {
+    void (*output_changed)(Board &, int pin, int level);
+    int (*input_level)(Board &, int pin); // -1 when the model drives no level on the pin
+};
+constexpr PinWiring kPinWiring[] = {{config_rom_pin_changed, config_rom_pin_input}};
 
 json &soc_state(Board &board) {
     json &soc = board.state()["soc"];
@@ -39,10 +48,20 @@ void set_output_latch(Board &board, int bank, uint32_t value) {
     latches[bank] = value;
 }
 
-// The pins of a bank that are driven from outside, and their levels.
-void bank_inputs(const Board &board, int bank, uint32_t *mask, uint32_t *levels) {
+// The pins of a bank that are driven from outside (board.json first, then the wired models),
+// and their levels.
+void bank_inputs(Board &board, int bank, uint32_t *mask, uint32_t *levels) {
     *mask = 0;
     *levels = 0;
+    for (int bit = 0; bit < kPinsPerBank; ++bit) {
+        for (const PinWiring &wiring : kPinWiring) {
+            int level = wiring.input_level(board, bank * kPinsPerBank + bit);
+            if (level >= 0) {
+                *mask |= 1u << bit;
+                *levels = (*levels & ~(1u << bit)) | (static_cast<uint32_t>(level) << bit);
+            }
+        }
+    }
     const json &inputs = member(member(board.config(), "soc"), "pin_inputs");
     if (!inputs.is_object())
         return;
@@ -52,8 +71,7 @@ void bank_inputs(const Board &board, int bank, uint32_t *mask, uint32_t *levels)
             continue;
         uint32_t bit = 1u << (pin % kPinsPerBank);
         *mask |= bit;
-        if (number_from(level, 0) != 0)
-            *levels |= bit;
+        *levels = number_from(level, 0) != 0 ? *levels | bit : *levels & ~bit;
     }
 }
 
@@ -112,9 +130,13 @@ protected:
         uint32_t changed = (output_latch(board_, bank) ^ value) & ~inputs; // outputs only
         set_output_latch(board_, bank, value);
         for (int bit = 0; bit < kPinsPerBank; ++bit) {
-            if ((changed >> bit) & 1)
-                board_.trace("pin",
-                             {{"pin", bank * kPinsPerBank + bit}, {"level", (value >> bit) & 1}});
+            if (((changed >> bit) & 1) == 0)
+                continue;
+            int pin = bank * kPinsPerBank + bit;
+            int level = static_cast<int>((value >> bit) & 1);
+            board_.trace("pin", {{"pin", pin}, {"level", level}});
+            for (const PinWiring &wiring : kPinWiring)
+                wiring.output_changed(board_, pin, level);
         }
     }
 

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 using tvsim::HostPath;
@@ -44,7 +45,8 @@ HostPath resolve_for_access(const Hook &hook, const char *path) {
 int open_board_device(Hook &hook, const std::string &normal, int flags, bool *handled) {
     int err = 0;
     std::unique_ptr<tvsim::Device> device = hook.board().open_device(normal, flags, &err);
-    *handled = device != nullptr || normal.rfind("/dev/", 0) == 0;
+    // A node made with mknod is a device whether or not a driver answers for its number.
+    *handled = device != nullptr || normal.rfind("/dev/", 0) == 0 || err != ENOENT;
     if (device == nullptr) {
         if (*handled) {
             hook.board().trace("open", {{"path", normal}, {"errno", err}});
@@ -192,6 +194,59 @@ int scandir64(const char *dir, struct dirent64 ***list, int (*filter)(const stru
               int (*compare)(const struct dirent64 **, const struct dirent64 **)) {
     return with_resolved_path(
         dir, [&](const char *p) { return TVSIM_REAL(scandir64)(p, list, filter, compare); });
+}
+
+// A character device node in the board's file tree is recorded with its number (the file
+// stands in for it); anything else is made as the C library would.
+int mknod(const char *path, mode_t mode, dev_t number) {
+    Hook hook;
+    if (!hook.active() || !S_ISCHR(mode))
+        return TVSIM_REAL(mknod)(path, mode, number);
+    try {
+        std::string normal = tvsim::normal_path(path);
+        if (!tvsim::Board::is_board_path(normal))
+            return TVSIM_REAL(mknod)(path, mode, number);
+        HostPath host = hook.board().resolve(path);
+        if (host.read_only) {
+            errno = EROFS;
+            return -1;
+        }
+        int fd = TVSIM_REAL(open)(host.path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
+                                  mode & 07777);
+        if (fd < 0)
+            return -1; // EEXIST, ENOENT of the folder: as the kernel reports them
+        TVSIM_REAL(close)(fd);
+        hook.board().add_node(normal, number);
+        hook.board().trace("mknod",
+                           {{"path", normal}, {"major", major(number)}, {"minor", minor(number)}});
+        hook.restore_errno();
+        return 0;
+    } catch (...) {
+        errno = EIO;
+        return -1;
+    }
+}
+
+int unlink(const char *path) {
+    Hook hook;
+    if (!hook.active())
+        return TVSIM_REAL(unlink)(path);
+    try {
+        std::string normal = tvsim::normal_path(path);
+        HostPath host = hook.board().resolve(path);
+        if (host.read_only) {
+            errno = EROFS;
+            return -1;
+        }
+        hook.restore_errno();
+        int result = TVSIM_REAL(unlink)(host.path.c_str());
+        if (result == 0 && tvsim::Board::is_board_path(normal))
+            hook.board().remove_node(normal);
+        return result;
+    } catch (...) {
+        errno = EIO;
+        return -1;
+    }
 }
 
 int mkdir(const char *path, mode_t mode) {

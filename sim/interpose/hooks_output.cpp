@@ -54,6 +54,7 @@ FILE *recorded_stream(FILE *replaced, int fd) {
     FILE *stream = fopencookie(reinterpret_cast<void *>(static_cast<intptr_t>(fd)), "w", io);
     if (stream == nullptr)
         return nullptr;
+    stream->_fileno = fd; // fileno(stdout) stays 1 for programs that ask (writes use the cookie)
     struct stat st {};
     size_t size =
         fstat(fd, &st) == 0 && st.st_blksize > 0 ? static_cast<size_t>(st.st_blksize) : BUFSIZ;

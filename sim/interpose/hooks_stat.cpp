@@ -14,6 +14,7 @@ extern "C" {
 #if defined(__arm__)
 // 32-bit builds with 64-bit time: the record is the C library's own, passed on untouched.
 int __stat64_time64(const char *path, void *buf);
+int __fstat64_time64(int fd, void *buf);
 #endif
 }
 
@@ -116,6 +117,20 @@ int access(const char *path, int mode) {
 }
 
 #if defined(__arm__)
+// The tool asks only for the size of files it opened; a board device's descriptor is refused,
+// as this build cannot describe it in the 64-bit-time record.
+int __fstat64_time64(int fd, void *buf) {
+    if (tvsim::interpose::any_device_open()) {
+        Hook hook;
+        if (hook.active() && tvsim::interpose::device_at(fd) != nullptr) {
+            errno = EBADF;
+            return -1;
+        }
+        hook.restore_errno();
+    }
+    return TVSIM_REAL(__fstat64_time64)(fd, buf);
+}
+
 int __stat64_time64(const char *path, void *buf) {
     return on_resolved_path(path,
                             [&](const char *p) { return TVSIM_REAL(__stat64_time64)(p, buf); });

@@ -59,6 +59,7 @@ public:
     UniqueDir(const UniqueDir &) = delete;
     UniqueDir &operator=(const UniqueDir &) = delete;
 
+    DIR *get() const { return d_; }
     explicit operator bool() const { return d_ != nullptr; }
 
 private:

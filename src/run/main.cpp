@@ -5,6 +5,7 @@
 #include "common/shell.h"
 #include "data/update_data.h"
 #include "eeprom/eep_update.h"
+#include "fpga/update_fpga.h"
 #include "run/flashimg.h"
 #include "tvmicro/tvm_update.h"
 
@@ -53,6 +54,10 @@ int run_application_script(const RunContext &) {
     if ((status & 0x7f) != 0 || ((status >> 8) & 0xff) != 0)
         return -1;
     return 0;
+}
+
+int update_fpga_roms(const RunContext &run) {
+    return Update_FPGA(run.write_dir, run.model, run.flags);
 }
 
 int update_boot_loader(const RunContext &run) {
@@ -119,6 +124,9 @@ constexpr UpdateStep kUpdateSteps[] = {
      "!!! Unable to update TVM HEX. !!!", "TVM Hex updating is finished."},
     {0, FLAG_UBOOT, "Start updating U-boot..........", update_boot_loader,
      "!!! Unable to update uboot. !!!", "uboot updating is finished.", true, "OK     "},
+    {1, FLAG1_FPGA_SAM_1 | FLAG1_FPGA_SAM_2 | FLAG1_FPGA_SAM_3,
+     "Start updating FPGA config data...", update_fpga_roms,
+     "!!! Unable to update FPGA config data. !!!", "FPGA config data updating is finished."},
     // The KOLMA step prints its own result lines.
     {1, FLAG1_KOLMA_EEPROM, "Start updating KOLMA EEPROM data...", update_kolma_eeproms, nullptr,
      nullptr},

@@ -114,7 +114,10 @@ protected:
 };
 
 TEST_F(PinsOnBoard, WritesChangeOnlyTheirBitAndReadsSeeInputs) {
-    change_config([](json &c) { c["soc"]["pin_inputs"] = {{"16", 1}, {"39", 1}}; });
+    change_config([](json &c) {
+        c["soc"]["pin_inputs"] = {{"16", 1}, {"39", 1}};
+        c.erase("spi"); // no FPGAs wired: pin 37 is a plain output here
+    });
     attach();
     uint8_t level16 = 9, level39 = 9, level37 = 9, level32 = 9;
     int results[] = {

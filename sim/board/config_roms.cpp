@@ -1,0 +1,498 @@
+#include "board/config_roms.h"
+
+#include "board/registers.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <limits>
+#include <unistd.h>
+
+namespace tvsim {
+
+namespace {
+
+constexpr uint64_t kNsPerUs = 1000;
+constexpr uint64_t kNsPerMs = 1000 * kNsPerUs;
+constexpr uint64_t kForever = std::numeric_limits<uint64_t>::max();
+constexpr unsigned kMiscMajor = 10;
+constexpr size_t kMaxTransfer = 65536;
+
+// Status register bits.
+constexpr uint8_t kBusy = 0x01;
+constexpr uint8_t kWriteEnableLatch = 0x02;
+constexpr uint8_t kProtectBits = 0x1C;
+
+// A configuration image begins with padding, then this word within its first page.
+constexpr uint8_t kSyncWord[] = {0xAA, 0x99, 0x55, 0x66};
+constexpr size_t kSyncWindow = 256;
+
+// Lines of FPGA n: its ROM is granted to the bus when access pin n reads its grant level.
+constexpr int kAccessPins[kConfigRomCount] = {83, 63, 31};
+constexpr int kGrantLevel[kConfigRomCount] = {0, 1, 1};
+constexpr int kResetPins[kConfigRomCount] = {36, 40, 38};
+constexpr int kDonePins[kConfigRomCount] = {16, 39, 37};
+
+// The microcontroller's port bit that connects the bus to the ROMs.
+constexpr const char *kBusPort = "1";
+constexpr int kBusPortBit = 4;
+
+const json &spi_config(const Board &board) {
+    return member(board.config(), "spi");
+}
+
+struct RomConfig {
+    std::string file;
+    uint64_t size;
+    uint32_t jedec_id;
+    uint32_t page_size;
+    uint64_t page_program_ns;
+    uint64_t bulk_erase_ns;
+    uint8_t protect;
+    uint64_t load_ns;
+};
+
+RomConfig rom_config(const Board &board, int n) {
+    const json &roms = member(spi_config(board), "roms");
+    const json &c = roms.is_array() && static_cast<size_t>(n) < roms.size() ? roms[n] : json();
+    RomConfig r;
+    r.file = member(c, "file").is_string() ? member(c, "file").get<std::string>()
+                                           : "spi_rom" + std::to_string(n) + ".bin";
+    r.size = std::max<uint64_t>(number_from(member(c, "size"), 2 * 1024 * 1024), 1);
+    r.jedec_id = static_cast<uint32_t>(number_from(member(c, "jedec_id"), 0xEF4015));
+    r.page_size =
+        static_cast<uint32_t>(std::max<uint64_t>(number_from(member(c, "page_size"), 256), 1));
+    r.page_program_ns = number_from(member(c, "page_program_us"), 700) * kNsPerUs;
+    r.bulk_erase_ns = number_from(member(c, "bulk_erase_ms"), 3000) * kNsPerMs;
+    r.protect = static_cast<uint8_t>(number_from(member(c, "protect"), 0) & kProtectBits);
+    r.load_ns = number_from(member(c, "fpga_load_ms"), 350) * kNsPerMs;
+    return r;
+}
+
+// Volatile state of chip or FPGA n (state.json "soc", cleared by a power cycle).
+json &volatile_state(Board &board, const char *kind, int n) {
+    json &soc = board.state()["soc"];
+    if (!soc.is_object())
+        soc = json::object();
+    json &s = soc[std::string(kind) + std::to_string(n)];
+    if (!s.is_object())
+        s = json::object();
+    return s;
+}
+
+std::string hex_bytes(const uint8_t *bytes, size_t count, size_t limit = 8) {
+    std::string text;
+    char b[4];
+    for (size_t i = 0; i < count && i < limit; ++i) {
+        snprintf(b, sizeof b, "%02x", bytes[i]);
+        text += b;
+    }
+    if (count > limit)
+        text += "...";
+    return text;
+}
+
+// The contents of one chip, in its file (made erased, all 0xFF, when first used).
+class RomContents {
+public:
+    RomContents(Board &board, const RomConfig &config)
+        : path_(board.file(config.file)), size_(config.size) {}
+
+    void read(uint64_t address, uint8_t *out, size_t count) {
+        int fd = open_file();
+        for (size_t i = 0; i < count; ++i) {
+            uint64_t at = (address + i) % size_;
+            if (fd < 0 || ::pread(fd, out + i, 1, static_cast<off_t>(at)) != 1)
+                out[i] = 0xFF;
+        }
+        if (fd >= 0)
+            ::close(fd);
+    }
+
+    // Programming only clears bits.
+    void program(uint64_t address, const uint8_t *data, size_t count) {
+        std::vector<uint8_t> old(count);
+        read(address, old.data(), count);
+        for (size_t i = 0; i < count; ++i)
+            old[i] &= data[i];
+        int fd = open_file();
+        if (fd < 0)
+            return;
+        if (::pwrite(fd, old.data(), count, static_cast<off_t>(address)) < 0) {
+            // an unwritable state file leaves the chip as it was
+        }
+        ::close(fd);
+    }
+
+    void erase() {
+        int fd = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        if (fd < 0)
+            return;
+        fill_erased(fd);
+        ::close(fd);
+    }
+
+private:
+    int open_file() {
+        int fd = ::open(path_.c_str(), O_RDWR | O_CLOEXEC);
+        if (fd >= 0)
+            return fd;
+        fd = ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+        if (fd >= 0)
+            fill_erased(fd);
+        return fd;
+    }
+    void fill_erased(int fd) {
+        std::vector<uint8_t> ff(64 * 1024, 0xFF);
+        for (uint64_t at = 0; at < size_; at += ff.size()) {
+            size_t n = static_cast<size_t>(std::min<uint64_t>(ff.size(), size_ - at));
+            if (::pwrite(fd, ff.data(), n, static_cast<off_t>(at)) < 0)
+                return;
+        }
+    }
+
+    std::string path_;
+    uint64_t size_;
+};
+
+// One SPI NOR flash chip on the bus.
+class FlashChip {
+public:
+    FlashChip(Board &board, int n)
+        : board_(board), n_(n), config_(rom_config(board, n)), contents_(board, config_),
+          state_(volatile_state(board, "spi_rom", n)) {}
+
+    // One transaction: mosi is every byte clocked in; miso receives the chip's answer.
+    void transact(const std::vector<uint8_t> &mosi, std::vector<uint8_t> &miso) {
+        if (mosi.empty())
+            return;
+        uint8_t op = mosi[0];
+        if (op == 0x05) {
+            uint8_t status = status_register();
+            std::fill(miso.begin() + 1, miso.end(), status);
+            return;
+        }
+        if (busy()) {
+            ignored(op, "busy");
+            return;
+        }
+        switch (op) {
+        case 0x06:
+        case 0x04:
+            if (mosi.size() == 1)
+                state_["wel"] = op == 0x06;
+            return;
+        case 0x9F:
+            for (size_t i = 1; i < miso.size() && i <= 3; ++i)
+                miso[i] = static_cast<uint8_t>(config_.jedec_id >> (8 * (3 - i)));
+            return;
+        case 0x03:
+            if (mosi.size() > 4)
+                contents_.read(address_of(mosi), miso.data() + 4, miso.size() - 4);
+            return;
+        case 0x02:
+            page_program(mosi);
+            return;
+        case 0xC7:
+        case 0x60:
+            if (mosi.size() == 1)
+                bulk_erase();
+            return;
+        default:
+            ignored(op, "unknown");
+        }
+    }
+
+private:
+    bool busy() const { return board_.now_ns() < number_from(member(state_, "busy_until"), 0); }
+
+    uint8_t status_register() {
+        if (const json *f = board_.take_fault("spi_status", "rom" + std::to_string(n_)))
+            return static_cast<uint8_t>(number_from(member(*f, "value"), 0xFF));
+        uint8_t status = config_.protect;
+        if (busy())
+            status |= kBusy | kWriteEnableLatch; // the latch clears when the operation ends
+        else if (state_.value("wel", false))
+            status |= kWriteEnableLatch;
+        return status;
+    }
+
+    // Program and erase need the latch and an unprotected chip; starting one clears the latch
+    // for when it ends.
+    bool may_modify(uint8_t op) {
+        if (!state_.value("wel", false)) {
+            ignored(op, "write enable latch clear");
+            return false;
+        }
+        if (config_.protect != 0) {
+            ignored(op, "protected");
+            return false;
+        }
+        state_["wel"] = false;
+        return true;
+    }
+
+    static uint64_t address_of(const std::vector<uint8_t> &mosi) {
+        return static_cast<uint64_t>(mosi[1]) << 16 | mosi[2] << 8 | mosi[3];
+    }
+
+    // The data wrap within the addressed page; of more than a page, the last page's worth counts.
+    void page_program(const std::vector<uint8_t> &mosi) {
+        if (mosi.size() < 5 || !may_modify(0x02))
+            return;
+        uint64_t address = address_of(mosi) % config_.size;
+        uint64_t page = address - address % config_.page_size;
+        size_t count = mosi.size() - 4;
+        size_t first = count > config_.page_size ? count - config_.page_size : 0;
+        for (size_t i = first; i < count; ++i) {
+            uint64_t at = page + (address - page + i) % config_.page_size;
+            contents_.program(at, &mosi[4 + i], 1);
+        }
+        state_["busy_until"] = board_.now_ns() + config_.page_program_ns;
+    }
+
+    void bulk_erase() {
+        if (!may_modify(0xC7))
+            return;
+        contents_.erase();
+        bool stuck = board_.take_fault("spi_erase_stuck", "rom" + std::to_string(n_)) != nullptr;
+        state_["busy_until"] = stuck ? kForever : board_.now_ns() + config_.bulk_erase_ns;
+    }
+
+    void ignored(uint8_t op, const char *why) {
+        board_.trace("spi_ignored", {{"rom", n_}, {"op", hex_bytes(&op, 1)}, {"why", why}});
+    }
+
+    Board &board_;
+    int n_;
+    RomConfig config_;
+    RomContents contents_;
+    json &state_;
+};
+
+bool granted_by_pins(Board &board, int n) {
+    return pin_level(board, kAccessPins[n]) == kGrantLevel[n];
+}
+
+bool bus_connected(Board &board) {
+    const json &ports = member(member(board.state(), "microcontroller"), "ports");
+    return (number_from(member(ports, kBusPort), 0) & kBusPortBit) != 0;
+}
+
+bool image_valid(Board &board, int n) {
+    RomConfig config = rom_config(board, n);
+    std::vector<uint8_t> head(kSyncWindow);
+    RomContents(board, config).read(0, head.data(), head.size());
+    return std::search(head.begin(), head.end(), std::begin(kSyncWord), std::end(kSyncWord)) !=
+           head.end();
+}
+
+// FPGA n configures itself from its ROM; configuration done rises after the load time when
+// the ROM holds an image.
+void start_load(Board &board, int n) {
+    json &fpga = volatile_state(board, "fpga", n);
+    bool valid = image_valid(board, n);
+    bool never = board.take_fault("config_done_never", "fpga" + std::to_string(n)) != nullptr;
+    fpga["done_at"] = board.now_ns() + rom_config(board, n).load_ns;
+    fpga["configured"] = valid && !never;
+    fpga["in_reset"] = false;
+    board.trace("fpga_load", {{"fpga", n}, {"image", valid}});
+}
+
+class SpiControlDevice : public Device {
+public:
+    using Device::Device;
+
+    int ioctl(unsigned long request, uintptr_t arg) override {
+        const char *name = request == 1   ? "write"
+                           : request == 2 ? "write_then_read"
+                           : request == 3 ? "setup"
+                                          : nullptr;
+        if (name == nullptr) {
+            errno = ENOTTY;
+            return -1;
+        }
+        if (arg == 0)
+            return fail(name, EFAULT);
+        if (const json *f = board_.take_fault("spi_request", name))
+            return fail(name, errno_from_name(f->value("errno", json("EIO"))));
+        return request == 3 ? setup(reinterpret_cast<const Setup *>(arg))
+                            : transfer(request == 2, reinterpret_cast<const Transfer *>(arg));
+    }
+
+    dev_t node_number() const override {
+        return makedev(kMiscMajor,
+                       static_cast<unsigned>(number_from(member(spi_config(board_), "minor"), 61)));
+    }
+
+private:
+    // The driver's records, as the program lays them out.
+    struct Transfer {
+        uint32_t tx_len;
+        const uint8_t *tx_buf;
+        uint32_t rx_len;
+        uint8_t *rx_buf;
+    };
+    struct Setup {
+        uint32_t mode;
+        uint32_t bits_per_word;
+    };
+
+    int fail(const char *name, int err) {
+        board_.trace("spi", {{"op", name}, {"errno", err}});
+        errno = err;
+        return -1;
+    }
+
+    int setup(const Setup *args) {
+        if (args->mode > 3 || args->bits_per_word != 8)
+            return fail("setup", EINVAL);
+        board_.trace("spi", {{"op", "setup"}, {"mode", args->mode}});
+        return 0;
+    }
+
+    int transfer(bool then_read, const Transfer *t) {
+        const char *name = then_read ? "write_then_read" : "write";
+        uint32_t rx_len = then_read ? t->rx_len : 0;
+        if (t->tx_len > kMaxTransfer || rx_len > kMaxTransfer)
+            return fail(name, EINVAL);
+        if ((t->tx_len > 0 && t->tx_buf == nullptr) || (rx_len > 0 && t->rx_buf == nullptr))
+            return fail(name, EFAULT);
+        std::vector<uint8_t> tx(t->tx_buf, t->tx_buf + t->tx_len);
+        std::vector<uint8_t> rx(rx_len);
+        unsigned roms = selected_roms(board_);
+        spi_bus_transfer(board_, tx, rx, roms);
+        spi_bus_time(board_, tx.size() + rx.size());
+        if (rx_len > 0)
+            memcpy(t->rx_buf, rx.data(), rx_len);
+        json event{{"op", name},
+                   {"roms", roms},
+                   {"tx", hex_bytes(tx.data(), tx.size(), 4)},
+                   {"len", tx.size()}};
+        if (then_read)
+            event["rx"] = hex_bytes(rx.data(), rx.size());
+        board_.trace("spi", event);
+        return 0;
+    }
+};
+
+} // namespace
+
+unsigned selected_roms(Board &board) {
+    if (!bus_connected(board))
+        return 0;
+    unsigned roms = 0;
+    for (int n = 0; n < kConfigRomCount; ++n) {
+        if (granted_by_pins(board, n))
+            roms |= 1u << n;
+    }
+    return roms;
+}
+
+std::vector<uint8_t> spi_bus_clock(Board &board, const std::vector<uint8_t> &mosi, unsigned roms) {
+    std::vector<uint8_t> bus(mosi.size(), 0xFF); // pulled up; selected chips pull bits low
+    for (int n = 0; n < kConfigRomCount; ++n) {
+        if ((roms >> n & 1) == 0)
+            continue;
+        std::vector<uint8_t> miso(mosi.size(), 0xFF);
+        FlashChip(board, n).transact(mosi, miso);
+        for (size_t i = 0; i < bus.size(); ++i)
+            bus[i] &= miso[i];
+    }
+    return bus;
+}
+
+void spi_bus_transfer(Board &board, const std::vector<uint8_t> &tx, std::vector<uint8_t> &rx,
+                      unsigned roms) {
+    std::vector<uint8_t> mosi(tx);
+    mosi.resize(tx.size() + rx.size(), 0x00);
+    std::vector<uint8_t> bus = spi_bus_clock(board, mosi, roms);
+    std::copy(bus.begin() + static_cast<std::ptrdiff_t>(tx.size()), bus.end(), rx.begin());
+}
+
+void spi_bus_time(Board &board, size_t bytes) {
+    uint64_t clock =
+        std::max<uint64_t>(number_from(member(spi_config(board), "clock_hz"), 10000000), 1);
+    board.advance_ns(bytes * 8 * 1000000000ull / clock);
+}
+
+std::unique_ptr<Device> open_spi_device(Board &board, std::string_view path, int, int *err) {
+    const json &spi = spi_config(board);
+    if (!spi.is_object())
+        return nullptr;
+    bool by_name = path == "/dev/spioctl" && spi.value("node", true);
+    dev_t number = 0;
+    bool by_node = board.node_at(std::string(path), &number);
+    if (!by_name && !by_node)
+        return nullptr;
+    auto device = std::make_unique<SpiControlDevice>(board);
+    if (!spi.value("driver", true) || (by_node && number != device->node_number())) {
+        *err = ENODEV; // no driver behind that device number
+        return nullptr;
+    }
+    *err = 0;
+    return device;
+}
+
+void refresh_misc_file(Board &board) {
+    std::string text = "130 watchdog\n183 hw_random\n";
+    const json &spi = spi_config(board);
+    if (spi.is_object() && spi.value("driver", true))
+        text += " " + std::to_string(number_from(member(spi, "minor"), 61)) + " spioctl\n";
+    text += "  1 psaux\n";
+    write_file(board.file("fs/proc/misc"), text);
+    // spidev's transfer limit, as its module parameter reports it
+    std::error_code ec;
+    std::filesystem::create_directories(board.file("fs/sys/module/spidev/parameters"), ec);
+    write_file(board.file("fs/sys/module/spidev/parameters/bufsiz"), "4096\n");
+}
+
+void config_rom_pin_changed(Board &board, int pin, int level) {
+    if (!spi_config(board).is_object())
+        return;
+    for (int n = 0; n < kConfigRomCount; ++n) {
+        if (pin == kAccessPins[n] && level != kGrantLevel[n]) {
+            start_load(board, n); // access returned from the ROM
+        } else if (pin == kResetPins[n] && level == 0) {
+            volatile_state(board, "fpga", n)["in_reset"] = true;
+        } else if (pin == kResetPins[n] && level == 1 &&
+                   volatile_state(board, "fpga", n).value("in_reset", false)) {
+            start_load(board, n);
+        }
+    }
+}
+
+int config_rom_pin_input(Board &board, int pin) {
+    if (!spi_config(board).is_object())
+        return -1;
+    for (int n = 0; n < kConfigRomCount; ++n) {
+        if (pin != kDonePins[n])
+            continue;
+        const json &fpga = member(member(board.state(), "soc"), "fpga" + std::to_string(n));
+        if (!fpga.is_object())
+            return image_valid(board, n) ? 1 : 0; // configured at power-on
+        if (fpga.value("in_reset", false) || !fpga.value("configured", false))
+            return 0;
+        return board.now_ns() >= number_from(member(fpga, "done_at"), 0) ? 1 : 0;
+    }
+    return -1;
+}
+
+json default_spi_config() {
+    json roms = json::array();
+    for (int n = 0; n < kConfigRomCount; ++n)
+        roms.push_back({{"file", "spi_rom" + std::to_string(n) + ".bin"},
+                        {"size", 2097152},
+                        {"jedec_id", "0xEF4015"},
+                        {"page_size", 256},
+                        {"page_program_us", 700},
+                        {"bulk_erase_ms", 3000},
+                        {"protect", "0x00"},
+                        {"fpga_load_ms", 350}});
+    return json{
+        {"node", true}, {"driver", true}, {"minor", 61}, {"clock_hz", 10000000}, {"roms", roms}};
+}
+
+} // namespace tvsim

@@ -1,0 +1,49 @@
+// The FPGA configuration ROMs and their FPGAs: the SPI control device "spioctl" (a misc
+// device, minor number from board.json), three SPI NOR flash chips behind it, the access lines
+// that decide which chip hears the bus, and three FPGAs that load themselves from their chip.
+//
+// board.json "spi":
+//   { "node": true,            /dev/spioctl exists (else the tool makes a node from /proc/misc)
+//     "driver": true,          the driver is loaded: /proc/misc lists it, its nodes open
+//     "minor": 61,             its misc minor number (major 10)
+//     "clock_hz": 10000000,    bus clock: every byte on the bus costs 8 clocks of board time
+//     "roms": [ { "file": "spi_rom0.bin", "size": 2097152, "jedec_id": "0xEF4015",
+//                 "page_size": 256, "page_program_us": 700, "bulk_erase_ms": 3000,
+//                 "protect": "0x00", "fpga_load_ms": 350 }, x3 ] }
+// Defaults are those of a 16 Mbit SPI NOR flash (typical page program and chip erase times).
+// The chip's contents live in the named file; its write-enable latch and running operation in
+// state.json "soc" (lost at a power cycle, like the FPGAs' configuration state).
+#pragma once
+
+#include "board/board.h"
+#include "board/device.h"
+
+namespace tvsim {
+
+inline constexpr int kConfigRomCount = 3;
+
+std::unique_ptr<Device> open_spi_device(Board &board, std::string_view path, int flags, int *err);
+
+// /proc/misc, listing "spioctl" while its driver is loaded, and spidev's buffer size.
+void refresh_misc_file(Board &board);
+
+// Pin wiring: the access, reset and configuration-done lines.
+void config_rom_pin_changed(Board &board, int pin, int level);
+// The level the FPGAs drive on a pin, or -1 when they drive none.
+int config_rom_pin_input(Board &board, int pin);
+
+// The chip select of the ROMs a bus transfer reaches now (bit n for ROM n).
+unsigned selected_roms(Board &board);
+
+// One transaction with chip select held: every byte of mosi is clocked out to the ROMs in
+// roms; what the bus carried back, byte for byte (0xFF where no chip drives it).
+std::vector<uint8_t> spi_bus_clock(Board &board, const std::vector<uint8_t> &mosi, unsigned roms);
+// One transfer with chip select held: tx is clocked out, then rx.size() bytes are read.
+void spi_bus_transfer(Board &board, const std::vector<uint8_t> &tx, std::vector<uint8_t> &rx,
+                      unsigned roms);
+// Charges the board clock for bytes on the bus.
+void spi_bus_time(Board &board, size_t bytes);
+
+json default_spi_config();
+
+} // namespace tvsim

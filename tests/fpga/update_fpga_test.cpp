@@ -1,0 +1,194 @@
+// The ROM commands and the status poll on an attached board, and the SPI flash model's rules
+// that the update relies on (write enable, page wrap, bits only cleared).
+#include "board/create.h"
+#include "fpga/spi_core.h"
+#include "fpga/update_fpga.h"
+#include "interpose/control.h"
+#include "run/main.h"
+
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+namespace {
+
+int g_waits = 0;
+void count_wait(uint32_t) {
+    ++g_waits;
+}
+
+// A board whose microcontroller has connected the ROM bus and whose access lines grant ROM 0
+// (pin 83 low after power-on); the SPI device open in spi_fd.
+class UpdateFpgaOnBoard : public testing::Test {
+protected:
+    void SetUp() override {
+        dir_ = fs::temp_directory_path() / ("tvsim-fpga-test." + std::to_string(getpid()));
+        fs::remove_all(dir_);
+        std::string error;
+        ASSERT_TRUE(tvsim::create_board(dir_.string(), {}, &error)) << error;
+        std::ofstream(dir_ / "state.json")
+            << json{{"microcontroller", {{"ports", {{"1", 4}}}}}, {"fault_hits", json::object()}};
+    }
+    void TearDown() override { fs::remove_all(dir_); }
+
+    void set_faults(const json &faults) const {
+        json config = json::parse(std::ifstream(dir_ / "board.json"));
+        config["faults"] = faults;
+        std::ofstream(dir_ / "board.json") << config.dump(2);
+    }
+    void attach() {
+        ASSERT_EQ(tvsim_attach(dir_.c_str()), 0);
+        cn_user_fd = open("/dev/cn_user", O_RDWR);
+        spi_fd = spi_open();
+        ASSERT_GE(spi_fd, 0);
+    }
+    void detach() {
+        spi_close(spi_fd);
+        close(cn_user_fd);
+        cn_user_fd = -1;
+        tvsim_detach();
+    }
+    std::string read_rom(uint32_t address, uint32_t count) const {
+        const uint8_t command[4] = {0x03, static_cast<uint8_t>(address >> 16),
+                                    static_cast<uint8_t>(address >> 8),
+                                    static_cast<uint8_t>(address)};
+        std::string out(count, '\0');
+        EXPECT_EQ(
+            spi_write_then_read(spi_fd, command, 4, reinterpret_cast<uint8_t *>(out.data()), count),
+            0);
+        return out;
+    }
+
+    fs::path dir_;
+    int spi_fd = -1;
+};
+
+// The poll reads until it sees 0x00, waiting after every other read, and gives up after count.
+TEST_F(UpdateFpgaOnBoard, StatusPollCountsItsReadsAndWaits) {
+    const struct {
+        int busy_reads;
+        uint32_t count;
+        bool ready;
+        int waits;
+        uint8_t status;
+    } cases[] = {{0, 2, true, 0, 0x00},
+                 {1, 2, true, 1, 0x00},
+                 {2, 2, false, 2, 0x01},
+                 {9, 10, true, 9, 0x00},
+                 {10, 10, false, 10, 0x01}};
+    for (const auto &c : cases) {
+        set_faults(json::array({{{"fault", "spi_status"},
+                                 {"target", "rom0"},
+                                 {"value", 1},
+                                 {"times", c.busy_reads}}}));
+        attach();
+        g_waits = 0;
+        uint8_t status = 0xFF;
+        bool ready = rom_wait_ready(spi_fd, c.count, count_wait, 0, &status);
+        detach();
+        EXPECT_EQ(ready, c.ready) << c.busy_reads;
+        EXPECT_EQ(g_waits, c.waits) << c.busy_reads;
+        EXPECT_EQ(status, c.status) << c.busy_reads;
+        json state = json::parse(std::ifstream(dir_ / "state.json"));
+        state["fault_hits"] = json::object();
+        std::ofstream(dir_ / "state.json") << state;
+    }
+}
+
+// A status read is tried 11 times before it fails, without storing a status.
+TEST_F(UpdateFpgaOnBoard, StatusReadIsRetriedTenTimes) {
+    for (int failures : {10, 11}) {
+        set_faults(json::array({{{"fault", "spi_request"},
+                                 {"target", "write_then_read"},
+                                 {"skip", 0},
+                                 {"times", failures}}}));
+        json state = json::parse(std::ifstream(dir_ / "state.json"));
+        state["fault_hits"] = json::object();
+        std::ofstream(dir_ / "state.json") << state;
+        // Captured outside the board: its /tmp is the board's while attached.
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        attach();
+        uint8_t status = 0x77;
+        int result = cmd_rom_read_status_register(spi_fd, &status);
+        fflush(stdout);
+        detach();
+        std::string out = testing::internal::GetCapturedStdout();
+        testing::internal::GetCapturedStderr();
+        if (failures == 10) {
+            EXPECT_EQ(result, 0);
+            EXPECT_EQ(status, 0x00);
+            EXPECT_EQ(out, "");
+        } else {
+            EXPECT_LT(result, 0);
+            EXPECT_EQ(status, 0x77);
+            EXPECT_EQ(out, "cmd_rom_read_status_register : error sts=0xff, retry=10\n");
+        }
+    }
+}
+
+// What the update relies on from the chip: program only after write enable, within the page,
+// clearing bits; the latch cleared by the end of each program.
+TEST_F(UpdateFpgaOnBoard, PageProgramNeedsWriteEnableWrapsInItsPageAndClearsBits) {
+    attach();
+    uint8_t data[32];
+    for (int i = 0; i < 32; ++i)
+        data[i] = static_cast<uint8_t>(0xF0 | (i & 0x0F));
+    EXPECT_EQ(cmd_rom_page_program(spi_fd, 0xF0, data, 32), 0); // ignored: latch clear
+    std::string untouched = read_rom(0, 256);
+    EXPECT_EQ(cmd_rom_write_enable(spi_fd), 0);
+    EXPECT_EQ(cmd_rom_page_program(spi_fd, 0xF0, data, 32), 0);
+    uint8_t status = 0;
+    EXPECT_EQ(cmd_rom_read_status_register(spi_fd, &status), 0);
+    EXPECT_EQ(status, 0x03); // busy, latch still shown
+    usleep(1000);
+    EXPECT_EQ(cmd_rom_read_status_register(spi_fd, &status), 0);
+    EXPECT_EQ(status, 0x00); // done, latch cleared
+    std::string page = read_rom(0, 256);
+    uint8_t over[1] = {0x0F};
+    EXPECT_EQ(cmd_rom_page_program(spi_fd, 0xF0, over, 1), 0); // latch clear again: ignored
+    EXPECT_EQ(cmd_rom_write_enable(spi_fd), 0);
+    EXPECT_EQ(cmd_rom_page_program(spi_fd, 0xF0, over, 1), 0);
+    usleep(1000);
+    std::string after = read_rom(0xF0, 1);
+    detach();
+    EXPECT_EQ(untouched, std::string(256, '\xff'));
+    for (int i = 0; i < 16; ++i) {
+        EXPECT_EQ(static_cast<uint8_t>(page[0xF0 + i]), data[i]) << i;
+        EXPECT_EQ(static_cast<uint8_t>(page[i]), data[16 + i]) << i; // wrapped to the page start
+    }
+    EXPECT_EQ(page.substr(16, 0xF0 - 16), std::string(0xF0 - 16, '\xff'));
+    EXPECT_EQ(static_cast<uint8_t>(after[0]), 0xF0 & 0x0F);
+}
+
+// A matching image whose path does not fit the 512-byte buffer is not opened.
+TEST_F(UpdateFpgaOnBoard, AnImagePathThatDoesNotFitIsNotOpened) {
+    std::string dir = "/tmp/" + std::string(200, 'd') + "/" + std::string(200, 'e');
+    std::string name = "fpga_config_sum_tr1" + std::string(120, 'x');
+    fs::create_directories(dir_ / ("fs" + dir));
+    std::ofstream(dir_ / ("fs" + dir + "/" + name)) << "image";
+    testing::internal::CaptureStdout();
+    attach();
+    spi_close(spi_fd);
+    spi_fd = -1;
+    uint32_t flags[4] = {0, 1u << 26, 0, 0};
+    int result = Update_FPGA(dir.c_str(), nullptr, flags);
+    fflush(stdout);
+    close(cn_user_fd);
+    cn_user_fd = -1;
+    tvsim_detach();
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(out, "**ERROR** fail to open file " + name + " \n");
+    EXPECT_EQ(fpga_info_table[0].selected, 1u);
+    fpga_info_table[0].selected = 0;
+}
+
+} // namespace

@@ -1,0 +1,345 @@
+// The FPGA configuration ROMs on a simulated board: each selected ROM erased and written from
+// its image over the SPI control device, its FPGA reconfigured, and every stop on the way.
+#include "scenarios/harness.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <gmock/gmock.h>
+#include <random>
+
+namespace scenario {
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr size_t kRomSize = 2 * 1024 * 1024;
+const char *const kListLines[] = {"fpga_sam_1", "fpga_sam_2", "fpga_sam_3"};
+const char *const kImageNames[] = {"fpga_config_sum_tr1.bin", "FPGA_CONFIG_SUM_TR5_V2.BIN",
+                                   "fpga_config_lgd_tr6.bin"};
+
+// A configuration image: padding, the sync word, then data.
+std::string image(size_t size, unsigned seed) {
+    std::string data(size, '\0');
+    std::generate(data.begin(), data.end(), std::mt19937(seed));
+    const std::string head = std::string(16, '\xff') + "\xaa\x99\x55\x66";
+    data.replace(0, std::min(size, head.size()), head.substr(0, std::min(size, head.size())));
+    return data;
+}
+
+std::string erased_rom() {
+    return std::string(kRomSize, '\xff');
+}
+
+std::string rom_holding(const std::string &data) {
+    return data + std::string(kRomSize - data.size(), '\xff');
+}
+
+std::string printed(const char *fmt, unsigned value) {
+    char text[96];
+    snprintf(text, sizeof text, fmt, value);
+    return text;
+}
+
+// What programming one ROM prints, from the file line to its end line.
+std::string rom_output(const std::string &name, size_t size) {
+    std::string out = "Reading from file : /tmp/M1/writedata/" + name +
+                      " \nCheck tha status of SPI-ROM, please wait... \n"
+                      "Start erasing SPI-ROM, please wait... \n"
+                      "Start writing to SPI-ROM, please wait... ";
+    for (size_t at = 0; at < size; at += 256)
+        out += printed(" %3d %%\b\b\b\b\b\b", static_cast<unsigned>(at * 100 / size));
+    return out + printed("OK     \nEOF on reading image %dbyte!\n", static_cast<unsigned>(size));
+}
+
+std::string done_line(int n) {
+    static const char *const names[] = {"fpga_config_sum_tr1", "fpga_config_sum_tr5",
+                                        "fpga_config_lgd_tr6"};
+    return std::string(" ") + names[n] + " done.\n";
+}
+
+std::string fpga_run(const std::string &body, bool ok) {
+    return run_prologue("M1") + "Start updating FPGA config data...\n" + body +
+           (ok ? "FPGA config data updating is finished.\n"
+               : "!!! Unable to update FPGA config data. !!!\n") +
+           run_epilogue();
+}
+
+class ConfigRoms : public Scenario {
+protected:
+    // A board whose medium selects these ROMs and holds these images (by ROM number).
+    void make_board(std::initializer_list<int> selected, const std::map<int, std::string> &images) {
+        std::string list;
+        for (int n : selected)
+            list += std::string(kListLines[n]) + "\n";
+        board.medium_list("M1", list);
+        for (const auto &[n, data] : images)
+            board.medium_file("M1/writedata/" + std::string(kImageNames[n]), data);
+        std::filesystem::remove_all(board.dir());
+        board.make();
+    }
+
+    std::string rom(int n) const { return board.read("spi_rom" + std::to_string(n) + ".bin"); }
+
+    // The access lines at their idle levels: 83 high, 63 and 31 low.
+    bool access_lines_idle() const {
+        json latches = json::parse(board.read("state.json"))["soc"]["gpio_out"];
+        uint32_t bank0 = latches[0], bank1 = latches[1], bank2 = latches[2];
+        return (bank2 >> 19 & 1) == 1 && (bank1 >> 31 & 1) == 0 && (bank0 >> 31 & 1) == 0;
+    }
+
+    // Which ROMs each SPI command reached (bit n for ROM n), and the commands' first bytes.
+    std::vector<std::string> commands() const {
+        std::vector<std::string> seen;
+        for (const json &e : board.trace("spi"))
+            seen.push_back(std::to_string(e.value("roms", 0)) + ":" + e.value("tx", ""));
+        return seen;
+    }
+};
+
+TEST_F(ConfigRoms, EverySelectedRomIsWrittenAndItsFpgaConfigured) {
+    const std::string images[] = {image(1000, 1), image(700, 2), image(257, 3)};
+    make_board({0, 1, 2}, {{0, images[0]}, {1, images[1]}, {2, images[2]}});
+    RunResult r = board.tvupdate({"M1"});
+    std::string body;
+    for (int n = 0; n < 3; ++n)
+        body += rom_output(kImageNames[n], images[n].size()) + done_line(n);
+    EXPECT_EQ(r.output, fpga_run(body, true));
+    EXPECT_EQ(r.exit_status, 0);
+    for (int n = 0; n < 3; ++n)
+        EXPECT_TRUE(rom(n) == rom_holding(images[n])) << n;
+    EXPECT_TRUE(access_lines_idle());
+    // Every command reached exactly one ROM; none needed a write disable.
+    for (const std::string &c : commands()) {
+        EXPECT_THAT(c, testing::MatchesRegex("[124]:.*")) << c;
+        EXPECT_NE(c.substr(2), "04");
+    }
+    printf("board time, three ROMs of 1000, 700 and 257 bytes: %.3f s\n", board.board_seconds());
+}
+
+TEST_F(ConfigRoms, OnlyTheSelectedRomsAreTouched) {
+    const struct {
+        std::initializer_list<int> selected;
+        unsigned touched; // bit n for ROM n
+    } cases[] = {{{1}, 2}, {{0, 2}, 5}};
+    for (const auto &c : cases) {
+        std::map<int, std::string> images;
+        std::string body;
+        for (int n : c.selected) {
+            images[n] = image(300 + 100 * n, n);
+            body += rom_output(kImageNames[n], images[n].size()) + done_line(n);
+        }
+        make_board(c.selected, images);
+        RunResult r = board.tvupdate({"M1"});
+        EXPECT_EQ(r.output, fpga_run(body, true));
+        EXPECT_EQ(r.exit_status, 0);
+        unsigned reached = 0;
+        for (const json &e : board.trace("spi"))
+            reached |= e.value("roms", 0u);
+        EXPECT_EQ(reached, c.touched);
+        for (int n : c.selected)
+            EXPECT_TRUE(rom(n) == rom_holding(images[n])) << n;
+        EXPECT_TRUE(access_lines_idle());
+    }
+}
+
+TEST_F(ConfigRoms, AMissingImageStopsTheRomsAfterIt) {
+    const std::string tr5 = image(600, 5);
+    make_board({1, 2}, {{1, tr5}});
+    RunResult r = board.tvupdate({"M1"});
+    EXPECT_EQ(r.output, fpga_run(rom_output(kImageNames[1], tr5.size()) + done_line(1) +
+                                     "Config ROM file was not found.",
+                                 false));
+    EXPECT_EQ(r.exit_status, 255);
+    EXPECT_TRUE(rom(1) == rom_holding(tr5));
+    for (const std::string &c : commands())
+        EXPECT_EQ(c.substr(0, 2), "2:") << c; // ROM 2 never heard a command
+    EXPECT_TRUE(access_lines_idle());
+}
+
+TEST_F(ConfigRoms, EmptyAndShortImagesAreWrittenPageByPage) {
+    // An empty image leaves the ROM erased, and an erased ROM configures no FPGA.
+    make_board({0}, {{0, ""}});
+    RunResult r = board.tvupdate({"M1"});
+    EXPECT_EQ(r.output, fpga_run(rom_output(kImageNames[0], 0) + " Timeout Config Done!\n", false));
+    EXPECT_EQ(r.exit_status, 255);
+    EXPECT_TRUE(rom(0) == erased_rom());
+    EXPECT_TRUE(access_lines_idle());
+
+    // 300 bytes are two page programs: 256 bytes at 0, 44 at 256.
+    const std::string data = image(300, 7);
+    make_board({0}, {{0, data}});
+    r = board.tvupdate({"M1"});
+    EXPECT_EQ(r.output, fpga_run(rom_output(kImageNames[0], 300) + done_line(0), true));
+    std::vector<std::string> programs;
+    for (const json &e : board.trace("spi")) {
+        if (e.value("tx", "").substr(0, 2) == "02")
+            programs.push_back(e.value("tx", "") + "/" + std::to_string(e.value("len", 0)));
+    }
+    EXPECT_EQ(programs, (std::vector<std::string>{"02000000.../260", "02000100.../48"}));
+    EXPECT_TRUE(rom(0) == rom_holding(data));
+}
+
+// Each fault stops the run at its place, with its line, and leaves the lines idle.
+TEST_F(ConfigRoms, FaultsStopTheRunWithTheirMessage) {
+    const std::string old_image = image(4000, 11);
+    const std::string data = image(600, 12);
+    enum class Rom { Untouched, Erased, Partly };
+    const struct {
+        const char *what;
+        json rom_setting;
+        json fault;
+        std::vector<std::string> lines;
+        Rom left;
+    } cases[] = {
+        {"protection bits",
+         {{"protect", "0x1C"}},
+         nullptr,
+         {" Timeout RDSR(0x1c)!\n"},
+         Rom::Untouched},
+        {"status stuck busy",
+         {},
+         {{"fault", "spi_status"}, {"target", "rom0"}, {"value", 1}},
+         {" Timeout RDSR(0x01)!\n"},
+         Rom::Untouched},
+        {"erase never ends",
+         {},
+         {{"fault", "spi_erase_stuck"}},
+         {"Start erasing SPI-ROM, please wait... \n Timeout RDSR(0x03)!\n"},
+         Rom::Erased},
+        {"every status read fails",
+         {},
+         {{"fault", "spi_request"}, {"target", "write_then_read"}},
+         {"cmd_rom_read_status_register : error sts=0xff, retry=10\n",
+          "SPIO_WRITE_THEN_READ: Input/output error\n", " Timeout RDSR(0xff)!\n"},
+         Rom::Untouched},
+        {"write enable fails",
+         {},
+         {{"fault", "spi_request"}, {"target", "write"}, {"times", 1}},
+         {"SPIO_WRITE: Input/output error\n", "cmd_rom_write_enable : error -1.\n"},
+         Rom::Untouched},
+        {"bulk erase fails",
+         {},
+         {{"fault", "spi_request"}, {"target", "write"}, {"skip", 1}, {"times", 1}},
+         {"cmd_rom_bulk_erase : error -1.\n"},
+         Rom::Untouched},
+        {"page program fails",
+         {},
+         {{"fault", "spi_request"}, {"target", "write"}, {"skip", 3}, {"times", 1}},
+         {"cmd_rom_page_program : adr 0x00000000 error -1.\n"},
+         Rom::Erased},
+        {"configuration never done",
+         {},
+         {{"fault", "config_done_never"}, {"target", "fpga0"}},
+         {"EOF on reading image 600byte!\n Timeout Config Done!\n"},
+         Rom::Partly},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        make_board({0, 1}, {{0, data}, {1, image(300, 13)}});
+        json config = board.config();
+        if (c.rom_setting.is_object())
+            config["spi"]["roms"][0].update(c.rom_setting);
+        if (!c.fault.is_null())
+            config["faults"] = json::array({c.fault});
+        board.set_config(config);
+        FILE *f = fopen(board.path("spi_rom0.bin").c_str(), "wb");
+        ASSERT_NE(f, nullptr);
+        std::string old_rom = rom_holding(old_image);
+        fwrite(old_rom.data(), 1, old_rom.size(), f);
+        fclose(f);
+
+        RunResult r = board.tvupdate({"M1"});
+        for (const std::string &line : c.lines)
+            EXPECT_THAT(r.output, HasSubstr(line));
+        EXPECT_THAT(r.output, HasSubstr("!!! Unable to update FPGA config data. !!!\n"));
+        EXPECT_THAT(r.output, Not(HasSubstr("fpga_config_sum_tr5"))); // later ROMs not reached
+        EXPECT_EQ(r.exit_status, 255);
+        std::string left = c.left == Rom::Untouched ? old_rom
+                           : c.left == Rom::Erased  ? erased_rom()
+                                                    : rom_holding(data);
+        EXPECT_TRUE(rom(0) == left);
+        EXPECT_TRUE(access_lines_idle());
+        // A failed erase or page program is followed by a write disable, and only then.
+        bool disabled = false;
+        for (const std::string &cmd : commands())
+            disabled = disabled || cmd.substr(2) == "04";
+        EXPECT_EQ(disabled, std::string(c.what) == "bulk erase fails" ||
+                                std::string(c.what) == "page program fails");
+    }
+}
+
+// Without /dev/spioctl the tool makes its own node from the minor number /proc/misc lists; a
+// board whose microcontroller never connects the bus hears no ROM at all.
+TEST_F(ConfigRoms, TheDeviceNodeAndTheBusConnection) {
+    const std::string data = image(300, 21);
+    const std::string missing = "/dev/spioctl is not found : create new one for spioctl under "
+                                "/tmp.\n";
+    const struct {
+        const char *what;
+        json spi;
+        json fault;
+        std::string output;
+        int minor; // of the node made, or -1 for none
+    } cases[] = {
+        {"node from /proc/misc",
+         {{"node", false}, {"minor", 77}},
+         nullptr,
+         fpga_run(missing + rom_output(kImageNames[0], 300) + done_line(0), true),
+         77},
+        {"no driver",
+         {{"node", false}, {"driver", false}},
+         nullptr,
+         fpga_run(missing + "Cannot find spioctl driver\n", false),
+         -1},
+        {"bus not connected",
+         json::object(),
+         {{"fault", "uart_nak"}, {"target", "set_port"}},
+         fpga_run("Reading from file : /tmp/M1/writedata/fpga_config_sum_tr1.bin \n"
+                  "Check tha status of SPI-ROM, please wait... \n Timeout RDSR(0xff)!\n",
+                  false),
+         -1},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        make_board({0}, {{0, data}});
+        json config = board.config();
+        config["spi"].update(c.spi);
+        if (!c.fault.is_null())
+            config["faults"] = json::array({c.fault});
+        board.set_config(config);
+        RunResult r = board.tvupdate({"M1"});
+        EXPECT_EQ(r.output, c.output);
+        EXPECT_EQ(r.exit_status, c.minor >= 0 ? 0 : 255);
+        std::vector<json> nodes = board.trace("mknod");
+        ASSERT_EQ(nodes.size(), c.minor >= 0 ? 1u : 0u);
+        if (c.minor >= 0) {
+            EXPECT_EQ(nodes[0]["path"], "/tmp/spioctl");
+            EXPECT_EQ(nodes[0]["major"], 10);
+            EXPECT_EQ(nodes[0]["minor"], c.minor);
+            EXPECT_TRUE(rom(0) == rom_holding(data));
+        }
+        EXPECT_TRUE(access_lines_idle());
+    }
+}
+
+// flashrom, reading the chips through spidev, finds the chip by its JEDEC ID and reads back
+// exactly what the update wrote.
+TEST_F(ConfigRoms, FlashromReadsBackWhatTheUpdateWrote) {
+    const char *variant = getenv("TVSIM_VARIANT");
+    if ((variant != nullptr && std::string(variant) == "armhf") ||
+        !std::filesystem::exists("/usr/sbin/flashrom"))
+        GTEST_SKIP() << "flashrom is a host program";
+    const std::string data = image(70000, 31);
+    make_board({1}, {{1, data}});
+    ASSERT_EQ(board.tvupdate({"M1"}).exit_status, 0);
+    RunResult r = board.run(
+        {"/usr/sbin/flashrom", "-p", "linux_spi:dev=/dev/spidev0.1", "-r", "/tmp/rom1.bin"});
+    EXPECT_EQ(r.exit_status, 0) << r.output;
+    EXPECT_THAT(r.output, HasSubstr("Found Winbond flash chip \"W25Q16.V\" (2048 kB, SPI)"));
+    EXPECT_TRUE(board.read("fs/tmp/rom1.bin") == rom_holding(data));
+}
+
+} // namespace
+} // namespace scenario
