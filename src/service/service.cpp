@@ -25,6 +25,7 @@ constexpr const char *kUsage =
     "  nor lock OFFSET LENGTH               protect the NOR sectors holding the range\n"
     "  nor unlock OFFSET LENGTH             unprotect the NOR sectors holding the range\n"
     "  eeprom ferund DIR [MODEL]            rewrite the Ferund EEPROM from DIR's TVM_DATA file\n"
+    "  eeprom vornek DIR                    rewrite the Vornek EEPROM from DIR's vornek_eep.txt\n"
     "  list FILE [--sd]                     show what an image list selects, changing nothing\n"
     "\n"
     "PART is a partition number (3, mtd3) or its exact name in /proc/mtd. Offsets of NAND\n"
@@ -174,8 +175,7 @@ int nor_cmd(int argc, char **argv) {
 
 // --- EEPROMs -------------------------------------------------------------------------------
 
-// The EEPROM updaters the run never calls. The Vornek EEPROM joins here as a row
-// {"vornek", ...} once its updater is in the tool.
+// The EEPROM updaters the run never calls.
 struct EepromUpdater {
     const char *name;
     int (*update)(const char *write_dir, const char *model);
@@ -185,8 +185,13 @@ int update_ferund(const char *write_dir, const char *model) {
     return Update_TVMEeprom(write_dir, model, 1);
 }
 
+int update_vornek(const char *write_dir, const char *) {
+    return Update_VornekEeprom(write_dir);
+}
+
 constexpr EepromUpdater kEepromUpdaters[] = {
     {"ferund", update_ferund},
+    {"vornek", update_vornek},
 };
 
 int eeprom_cmd(int argc, char **argv) {

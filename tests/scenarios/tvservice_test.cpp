@@ -231,8 +231,9 @@ TEST_F(NandService, HelpListsEveryCommandAndSucceeds) {
     board.make("");
     RunResult r = board.tvservice({"nand", "--help"});
     EXPECT_EQ(r.exit_status, 0);
-    for (const char *line : {"nand read PART", "nand write PART", "nand erase PART", "nor status",
-                             "nor lock", "nor unlock", "eeprom ferund", "list FILE"})
+    for (const char *line :
+         {"nand read PART", "nand write PART", "nand erase PART", "nor status", "nor lock",
+          "nor unlock", "eeprom ferund", "eeprom vornek", "list FILE"})
         EXPECT_NE(r.output.find(line), std::string::npos) << line;
 }
 
@@ -274,6 +275,22 @@ TEST_F(NandService, FerundEepromIsRewrittenFromTheTextFile) {
     EXPECT_EQ(refused.output, "[ABC123.prg] does not support writing to FERUND EEP\n"
                               "eeprom ferund: FAILED\n");
     EXPECT_EQ(refused.exit_status, 1);
+}
+
+TEST_F(NandService, VornekEepromIsRewrittenFromItsTextFile) {
+    board.make("");
+    put_file(board, "/tmp/M1/writedata/vornek_eep.txt", "0000 01\n0041 02\n0050 03\n");
+    RunResult r = board.tvservice({"eeprom", "vornek", "/tmp/M1/writedata"});
+    EXPECT_EQ(r.output, "Reading from file : /tmp/M1/writedata/vornek_eep.txt \n"
+                        "Start writing to Vornek EEPROM, please wait... \n"
+                        "\r   0% completed\r  80% completed\r\r 100% completed\n"
+                        "eeprom vornek: updated\n");
+    EXPECT_EQ(r.exit_status, 0);
+    std::string image = board.read("i2c/vornek.bin");
+    ASSERT_EQ(image.size(), 32768u);
+    EXPECT_EQ(image.substr(0, 2), "\x01\xFF");
+    EXPECT_EQ(image.substr(0x41, 1), "\x02");
+    EXPECT_EQ(image.substr(0x50, 1), "\x03");
 }
 
 TEST_F(NandService, NorWithoutItsDirectAccessDriverTouchesNothing) {
