@@ -264,6 +264,42 @@ TEST_F(I2cOnBoard, KolmaReadInterfaceAfterReleaseAndEnable) {
     cn_user_fd = -1;
 }
 
+// The FPGA interfaces are not on the default board: stand-in EEPROMs at their addresses show
+// where each type's transfers go and the pause after every write.
+TEST_F(I2cOnBoard, FpgaTypesChooseTheirAddressOnBus2) {
+    change_config([](json &c) {
+        for (const char *address : {"0x0D", "0x0F"})
+            c["i2c"]["devices"].push_back({{"name", std::string("fpga") + address},
+                                           {"model", "serial_eeprom"},
+                                           {"bus", 2},
+                                           {"address", address},
+                                           {"size", 256},
+                                           {"write_cycle_us", 0}});
+    });
+    attach();
+    const uint8_t message[3] = {0x00, 0x10, 0x5A};
+    uint8_t value[2] = {};
+    EXPECT_EQ(IIC_FPGAEEP_Write(sizeof message, message, 2), 0);
+    EXPECT_EQ(IIC_FPGAEEP_Read(message, 1, value, 2), 0);
+    EXPECT_EQ(value[0], 0x5A);
+    EXPECT_EQ(IIC_FPGAEEP_Read(message, 1, value, 1), 0);
+    EXPECT_EQ(value[0], 0xFF);
+    std::vector<std::string> addresses;
+    std::ifstream trace(dir_ / "trace.jsonl");
+    uint64_t write_done = 0, next_open = 0;
+    for (std::string line; std::getline(trace, line);) {
+        json e = json::parse(line);
+        if (e["ev"] == "i2c") {
+            addresses.push_back(e["msgs"][0]["addr"]);
+            write_done = write_done == 0 ? e["t"].get<uint64_t>() : write_done;
+        } else if (e["ev"] == "open" && write_done != 0 && next_open == 0) {
+            next_open = e["t"].get<uint64_t>();
+        }
+    }
+    EXPECT_EQ(addresses, (std::vector<std::string>{"0x0f", "0x0f", "0x0d"}));
+    EXPECT_GE(next_open - write_done, 20000000u); // 20 ms after the write's buses are closed
+}
+
 // The simulated adapters and devices refuse what the kernel and the devices would.
 class I2cModels : public I2cOnBoard {
 protected:
