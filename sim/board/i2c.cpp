@@ -315,41 +315,9 @@ json &I2cDevice::volatile_state() {
 }
 
 EepromCells::EepromCells(const Board &board, const json &device_config)
-    : path_(board.file(
-          device_config.value("file", "i2c/" + device_config.value("name", "") + ".bin"))),
-      size_(number_from(member(device_config, "size"), 32768)) {}
-
-void EepromCells::load() {
-    if (loaded_)
-        return;
-    loaded_ = true;
-    if (read_file(path_, &data_) && data_.size() == size_)
-        return;
-    data_.resize(size_, '\xff');
-    std::error_code ec;
-    fs::create_directories(fs::path(path_).parent_path(), ec);
-    write_file(path_, data_);
-}
-
-uint8_t EepromCells::get(size_t offset) {
-    load();
-    return offset < size_ ? static_cast<uint8_t>(data_[offset]) : 0xFF;
-}
-
-void EepromCells::put(size_t offset, const uint8_t *bytes, size_t count) {
-    load();
-    if (offset >= size_)
-        return;
-    count = offset + count > size_ ? size_ - offset : count;
-    memcpy(data_.data() + offset, bytes, count);
-    int fd = ::open(path_.c_str(), O_WRONLY | O_CLOEXEC);
-    if (fd < 0)
-        return;
-    if (::pwrite(fd, data_.data() + offset, count, static_cast<off_t>(offset)) < 0) {
-        // The file is the board's record; the device goes on as the hardware would.
-    }
-    ::close(fd);
-}
+    : StoredCells(board.file(device_config.value("file", "i2c/" + device_config.value("name", "") +
+                                                             ".bin")),
+                  number_from(member(device_config, "size"), 32768)) {}
 
 std::unique_ptr<Device> open_i2c_bus(Board &board, std::string_view path, int, int *err) {
     if (path.substr(0, 9) != "/dev/i2c-" || !settings(board).is_object())

@@ -18,6 +18,7 @@
 
 #include "board/board.h"
 #include "board/device.h"
+#include "board/stored_cells.h"
 
 #include <cstdint>
 #include <memory>
@@ -81,19 +82,9 @@ json default_i2c_config();
 bool create_i2c_files(const std::string &board_dir, const json &config);
 
 // An EEPROM's cells, kept in a plain file of the board and written through at once.
-class EepromCells {
+class EepromCells : public StoredCells {
 public:
     EepromCells(const Board &board, const json &device_config);
-    size_t size() const { return size_; }
-    uint8_t get(size_t offset);
-    void put(size_t offset, const uint8_t *bytes, size_t count);
-
-private:
-    void load();
-    std::string path_;
-    size_t size_;
-    std::string data_;
-    bool loaded_ = false;
 };
 
 } // namespace tvsim

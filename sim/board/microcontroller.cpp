@@ -1,6 +1,7 @@
 #include "board/microcontroller.h"
 
 #include "board/device.h"
+#include "board/stored_cells.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -101,59 +102,11 @@ size_t memory_size(const json &config, const MemoryLayout &layout) {
                : layout.default_size;
 }
 
-// One memory of the microcontroller, kept in a plain file and written through at once.
-class Memory {
+// One memory of the microcontroller.
+class Memory : public StoredCells {
 public:
     Memory(const Board &board, const MemoryLayout &layout)
-        : path_(board.file(layout.file)), size_(memory_size(settings(board), layout)) {}
-
-    const std::string &bytes() {
-        load();
-        return data_;
-    }
-    size_t size() const { return size_; }
-
-    // Flash and EEPROM cells written with data; a flash write can only clear bits.
-    void store(size_t offset, const uint8_t *data, size_t count, bool flash) {
-        load();
-        for (size_t i = 0; i < count; ++i) {
-            uint8_t old = static_cast<uint8_t>(data_[offset + i]);
-            data_[offset + i] = static_cast<char>(flash ? (old & data[i]) : data[i]);
-        }
-        persist(offset, count);
-    }
-    void erase() {
-        load();
-        data_.assign(size_, '\xff');
-        persist(0, size_);
-    }
-
-private:
-    void load() {
-        if (loaded_)
-            return;
-        loaded_ = true;
-        if (read_file(path_, &data_) && data_.size() == size_)
-            return;
-        data_.resize(size_, '\xff');
-        std::error_code ec;
-        fs::create_directories(fs::path(path_).parent_path(), ec);
-        write_file(path_, data_);
-    }
-    void persist(size_t offset, size_t count) {
-        int fd = ::open(path_.c_str(), O_WRONLY | O_CLOEXEC);
-        if (fd < 0)
-            return;
-        if (::pwrite(fd, data_.data() + offset, count, static_cast<off_t>(offset)) < 0) {
-            // The file is the board's record; the run itself goes on as the hardware would.
-        }
-        ::close(fd);
-    }
-
-    std::string path_;
-    size_t size_;
-    std::string data_;
-    bool loaded_ = false;
+        : StoredCells(board.file(layout.file), memory_size(settings(board), layout)) {}
 };
 
 // What a command did: its acknowledge byte (reply byte 3), the bytes of its reply from byte 4
@@ -454,7 +407,7 @@ private:
         if (!flag("writing_mode") || number == 0 || address < bank_base(number) ||
             address - bank_base(number) + kBlockSize > kBankSize)
             return refused();
-        bank(number).store(address - bank_base(number), data, kBlockSize, true);
+        bank(number).program(address - bank_base(number), data, kBlockSize);
         return Outcome{kAck, {}, setting(board_, "block_write_us", 1000) * kNsPerUs};
     }
 
@@ -502,7 +455,7 @@ private:
                            {static_cast<uint8_t>(f->value("status", 1))},
                            write_ns,
                            f->value("replies", size_t{1})};
-        memory->store(address, data, kBlockSize, false);
+        memory->put(address, data, kBlockSize);
         return Outcome{kAck, {0}, write_ns};
     }
 

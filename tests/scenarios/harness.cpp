@@ -222,6 +222,19 @@ void Scenario::SetUp() {
     GTEST_SKIP() << "no board build at " << tool << " (make armhf builds it)";
 }
 
+bool on_host() {
+    return !armhf_variant();
+}
+
+std::string pattern(size_t length, unsigned seed) {
+    std::string bytes(length, '\0');
+    for (size_t i = 0; i < length; ++i) {
+        seed = seed * 1103515245u + 12345u;
+        bytes[i] = static_cast<char>(seed >> 16);
+    }
+    return bytes;
+}
+
 std::string run_prologue(const std::string &model) {
     return "----- searching media cards -----\n"
            "ln -s /tmp/" +

@@ -84,6 +84,13 @@ protected:
     SimBoard board;
 };
 
+// True when the tool under test is the host build (host programs such as the mtd-utils can
+// run beside it).
+bool on_host();
+
+// length bytes of a repeatable pseudo-random pattern.
+std::string pattern(size_t length, unsigned seed);
+
 // The output lines a run prints before and after the steps, for a medium on a USB stick.
 std::string run_prologue(const std::string &model);
 std::string run_epilogue();

@@ -14,20 +14,6 @@ constexpr const char *kPart = "uboot_env";          // 8 blocks, /dev/mtd1
 constexpr const char *kFlash = "mtd/uboot_env.bin"; // its contents
 constexpr int kPartIndex = 1;
 
-bool on_host() {
-    const char *variant = getenv("TVSIM_VARIANT");
-    return variant == nullptr || std::string(variant) != "armhf";
-}
-
-std::string pattern(size_t length, unsigned seed) {
-    std::string bytes(length, '\0');
-    for (size_t i = 0; i < length; ++i) {
-        seed = seed * 1103515245u + 12345u;
-        bytes[i] = static_cast<char>(seed >> 16);
-    }
-    return bytes;
-}
-
 void put_file(const SimBoard &board, const std::string &board_path, const std::string &bytes) {
     std::string host = board.path("fs" + board_path);
     std::filesystem::create_directories(std::filesystem::path(host).parent_path());

@@ -19,20 +19,6 @@ constexpr const char *kStart = "Start updating U-boot..........";
 constexpr const char *kFailed = "!!! Unable to update uboot. !!!\n";
 constexpr const char *kDone = "OK     \nuboot updating is finished.\n";
 
-bool on_host() {
-    const char *variant = getenv("TVSIM_VARIANT");
-    return variant == nullptr || std::string(variant) != "armhf";
-}
-
-std::string pattern(size_t length, unsigned seed) {
-    std::string bytes(length, '\0');
-    for (size_t i = 0; i < length; ++i) {
-        seed = seed * 1103515245u + 12345u;
-        bytes[i] = static_cast<char>(seed >> 16);
-    }
-    return bytes;
-}
-
 // The progress display while a length-byte image is written in block-sized chunks.
 std::string progress(size_t length, size_t block) {
     std::string shown;
