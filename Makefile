@@ -6,7 +6,7 @@
 
 JOBS ?= $(shell nproc)
 DEB_PACKAGES := cmake make g++ libgtest-dev libgmock-dev nlohmann-json3-dev \
-	g++-arm-linux-gnueabihf qemu-user srecord mtd-utils clang-format i2c-tools
+	g++-arm-linux-gnueabihf qemu-user srecord mtd-utils clang-format i2c-tools flashrom
 
 .PHONY: all demo check armhf host asan deps clean
 
