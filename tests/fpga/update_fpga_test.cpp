@@ -138,6 +138,7 @@ TEST_F(UpdateFpgaOnBoard, StatusReadIsRetriedTenTimes) {
 // clearing bits; the latch cleared by the end of each program.
 TEST_F(UpdateFpgaOnBoard, PageProgramNeedsWriteEnableWrapsInItsPageAndClearsBits) {
     attach();
+    EXPECT_EQ(spi_setup(spi_fd), 0); // clock mode 3, 8 bits per word: what the driver takes
     uint8_t data[32];
     for (int i = 0; i < 32; ++i)
         data[i] = static_cast<uint8_t>(0xF0 | (i & 0x0F));
@@ -166,6 +167,14 @@ TEST_F(UpdateFpgaOnBoard, PageProgramNeedsWriteEnableWrapsInItsPageAndClearsBits
     }
     EXPECT_EQ(page.substr(16, 0xF0 - 16), std::string(0xF0 - 16, '\xff'));
     EXPECT_EQ(static_cast<uint8_t>(after[0]), 0xF0 & 0x0F);
+    std::ifstream trace(dir_ / "trace.jsonl");
+    std::string setup_mode;
+    for (std::string line; std::getline(trace, line);) {
+        json e = json::parse(line);
+        if (e["ev"] == "spi" && e.value("op", "") == "setup")
+            setup_mode = e["mode"].dump();
+    }
+    EXPECT_EQ(setup_mode, "3");
 }
 
 // A matching image whose path does not fit the 512-byte buffer is not opened.
