@@ -202,6 +202,14 @@ TEST(MediumCheck, EveryTrapIsReportedWithFileAndLine) {
          {{"flashimg.lst", "uboot\n"}, {"writedata/boot-M.bin", std::string(0xF0001, 'u')}},
          {Severity::Error, "boot-M.bin", 0, "larger than the 983040-byte"},
          2},
+        {"fpga_rom_missing",
+         {{"flashimg.lst", "fpga_sam_2\n"}, {"writedata/fpga_config_sum_tr1.bin", "rom"}},
+         {Severity::Error, "writedata", 0, "begins with fpga_config_sum_tr5"},
+         2},
+        {"fpga_rom_found_by_prefix_in_any_case",
+         {{"flashimg.lst", "fpga_sam_3\n"}, {"writedata/FPGA_CONFIG_LGD_TR6_V2.BIN", "rom"}},
+         {Severity::Note, "FPGA_CONFIG_LGD_TR6_V2.BIN", 0, "3 bytes for the 16777216-byte"},
+         0},
         {"missing_source_folder",
          {{"flashimg.lst", "bitmap\n"}},
          {Severity::Error, "writedata/bitmap", 0, "source folder missing"},
@@ -267,7 +275,7 @@ TEST(MediumBuild, FirmwareAndEepromLoadToTheInputBytes) {
     {
         UniqueFile f(fopen((dir / "desc.txt").c_str(), "w"));
         fputs("model BUILT\nlist tvm_eeprom\nlist tvm_hex\nmode mode=full\n"
-              "firmware-version 12\nfirmware-id 21\nbank1 b1.bin 0x10000\n"
+              "firmware-version 12\nfirmware-id FF\nbank1 b1.bin 0x10000\n"
               "bank2 b2.bin 0x30000\neeprom tvm_eeprom eep.bin 1.0\n",
               f.get());
     }
@@ -300,6 +308,7 @@ TEST(MediumBuild, RefusesWhatCannotLoad) {
     } cases[] = {
         {"list tvm_hex\n"},                    // no model
         {"model M\nfirmware-version FF\n"},    // installs over everything
+        {"model M\nfirmware-id 100\n"},        // not a byte
         {"model M\nbank1 b.bin 0x10000\n"},    // one bank only
         {"model M\neeprom nothing eep.bin\n"}, // unknown EEPROM
         {"model M\nwhatever 1\n"},             // unknown key
