@@ -76,6 +76,16 @@ std::string normal_path(std::string_view path) {
     return fs::path(path).lexically_normal().string();
 }
 
+std::string hex_bytes(const uint8_t *bytes, size_t count) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::string text;
+    for (size_t i = 0; i < count; ++i) {
+        text += kDigits[bytes[i] >> 4];
+        text += kDigits[bytes[i] & 0xF];
+    }
+    return text;
+}
+
 bool read_file(const std::string &path, std::string *contents) {
     int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0)

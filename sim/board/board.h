@@ -116,6 +116,9 @@ int errno_from_name(const json &value);
 // when the value is absent or neither.
 uint64_t number_from(const json &value, uint64_t fallback);
 
+// Bytes as lower-case hexadecimal digits, two per byte ("3a02215d").
+std::string hex_bytes(const uint8_t *bytes, size_t count);
+
 // Reads a whole file; false when it cannot be read.
 bool read_file(const std::string &path, std::string *contents);
 // Replaces a file's contents; false on failure.

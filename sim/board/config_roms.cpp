@@ -82,16 +82,9 @@ json &volatile_state(Board &board, const char *kind, int n) {
     return s;
 }
 
-std::string hex_bytes(const uint8_t *bytes, size_t count, size_t limit = 8) {
-    std::string text;
-    char b[4];
-    for (size_t i = 0; i < count && i < limit; ++i) {
-        snprintf(b, sizeof b, "%02x", bytes[i]);
-        text += b;
-    }
-    if (count > limit)
-        text += "...";
-    return text;
+// The first limit bytes in hexadecimal, "..." when there are more.
+std::string hex_prefix(const uint8_t *bytes, size_t count, size_t limit = 8) {
+    return hex_bytes(bytes, std::min(count, limit)) + (count > limit ? "..." : "");
 }
 
 // The contents of one chip, in its file (made erased, all 0xFF, when first used).
@@ -262,7 +255,7 @@ private:
     }
 
     void ignored(uint8_t op, const char *why) {
-        board_.trace("spi_ignored", {{"rom", n_}, {"op", hex_bytes(&op, 1)}, {"why", why}});
+        board_.trace("spi_ignored", {{"rom", n_}, {"op", hex_prefix(&op, 1)}, {"why", why}});
     }
 
     Board &board_;
@@ -369,10 +362,10 @@ private:
             memcpy(t->rx_buf, rx.data(), rx_len);
         json event{{"op", name},
                    {"roms", roms},
-                   {"tx", hex_bytes(tx.data(), tx.size(), 4)},
+                   {"tx", hex_prefix(tx.data(), tx.size(), 4)},
                    {"len", tx.size()}};
         if (then_read)
-            event["rx"] = hex_bytes(rx.data(), rx.size());
+            event["rx"] = hex_prefix(rx.data(), rx.size());
         board_.trace("spi", event);
         return 0;
     }

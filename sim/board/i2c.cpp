@@ -25,16 +25,6 @@ const json &settings(const Board &board) {
     return member(board.config(), "i2c");
 }
 
-std::string hex(const uint8_t *bytes, size_t count) {
-    static constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    for (size_t i = 0; i < count; ++i) {
-        text += kDigits[bytes[i] >> 4];
-        text += kDigits[bytes[i] & 0xF];
-    }
-    return text;
-}
-
 std::string hex_address(int address) {
     char text[8];
     snprintf(text, sizeof text, "0x%02x", address);
@@ -274,7 +264,7 @@ private:
                 if (const json *f = board_.take_fault("i2c_read_differs", device->name());
                     f != nullptr && m.length > 0)
                     m.bytes[0] ^= static_cast<uint8_t>(number_from(member(*f, "mask"), 0xFF));
-                entry["r"] = hex(m.bytes, m.length);
+                entry["r"] = hex_bytes(m.bytes, m.length);
                 trace["msgs"].push_back(entry);
                 continue;
             }
@@ -282,7 +272,7 @@ private:
                                ? 0
                                : device->write_message(m.bytes, m.length);
             charge(acked < m.length ? acked + 1 : m.length);
-            entry["w"] = hex(m.bytes, m.length);
+            entry["w"] = hex_bytes(m.bytes, m.length);
             if (acked < m.length) {
                 entry["nak"] = acked;
                 trace["msgs"].push_back(entry);

@@ -63,16 +63,6 @@ uint8_t checksum(const uint8_t *bytes, size_t count) {
     return sum;
 }
 
-std::string hex(const uint8_t *bytes, size_t count) {
-    static constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    for (size_t i = 0; i < count; ++i) {
-        text += kDigits[bytes[i] >> 4];
-        text += kDigits[bytes[i] & 0xF];
-    }
-    return text;
-}
-
 const json &settings(const Board &board) {
     return member(board.config(), "microcontroller");
 }
@@ -139,7 +129,8 @@ public:
         const uint8_t *bytes = static_cast<const uint8_t *>(buf);
         board_.advance_ns(count * byte_ns());
         if (link_rate_ != setting(board_, "rate", 128906)) {
-            board_.trace("uart_garbled", {{"bytes", hex(bytes, count)}, {"rate", link_rate_}});
+            board_.trace("uart_garbled",
+                         {{"bytes", hex_bytes(bytes, count)}, {"rate", link_rate_}});
             return static_cast<ssize_t>(count);
         }
         received_.insert(received_.end(), bytes, bytes + count);
@@ -228,7 +219,7 @@ private:
             bool pad_ok = pad == 0 || frame.back() == 0x00;
             frame.resize(length);
             if (frame[1] < 2 || !pad_ok || checksum(frame.data(), length - 1) != frame.back()) {
-                board_.trace("uart_bad_frame", {{"bytes", hex(frame.data(), frame.size())}});
+                board_.trace("uart_bad_frame", {{"bytes", hex_bytes(frame.data(), frame.size())}});
                 continue;
             }
             handle(frame);
@@ -238,7 +229,7 @@ private:
     void handle(const Bytes &frame) {
         const Command &command = command_of(frame[2]);
         board_.trace("uart_frame",
-                     {{"cmd", command.name}, {"bytes", hex(frame.data(), frame.size())}});
+                     {{"cmd", command.name}, {"bytes", hex_bytes(frame.data(), frame.size())}});
         const uint8_t *params = frame.data() + 3;
         size_t count = frame.size() - 4;
         watch_guard_dog();
@@ -292,7 +283,7 @@ private:
                 pending_.push_back({reply[i], start + copy * gap + (i + 1) * byte_ns()});
         }
         busy_until_ = start + (outcome.copies - 1) * gap + wire;
-        event["bytes"] = hex(reply.data(), reply.size());
+        event["bytes"] = hex_bytes(reply.data(), reply.size());
         if (outcome.copies > 1)
             event["copies"] = outcome.copies;
         board_.trace("uart_reply", event);

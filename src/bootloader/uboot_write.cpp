@@ -1,4 +1,5 @@
 #include "bootloader/uboot_write.h"
+#include "common/report.h"
 
 #include "common/holders.h"
 #include "run/main.h"
@@ -19,12 +20,6 @@ constexpr uint32_t kBootRegionEnd = 0xF0000;
 constexpr unsigned kMaxRetries = 2;
 constexpr unsigned kRetryWaitSeconds = 3;
 
-// perror after flushing what the current line holds, so that messages stay in order.
-void report(const char *label) {
-    fflush(stdout);
-    perror(label);
-}
-
 bool placement_allowed(uint32_t offset, uint32_t size) {
     return offset == 0 ? size <= kBootRegionEnd : offset >= kBootRegionEnd;
 }
@@ -44,11 +39,11 @@ struct Transfer {
 // Positions the image at its start and the device at the region's start.
 bool rewind_both(const Transfer &t) {
     if (lseek(t.image, 0, SEEK_SET) < 0) {
-        report("lseek(infile,)");
+        report_error("lseek(infile,)");
         return false;
     }
     if (lseek(t.mtd, t.offset, SEEK_SET) < 0) {
-        report("lseek(fd_mtd,)");
+        report_error("lseek(fd_mtd,)");
         return false;
     }
     return true;
@@ -69,12 +64,12 @@ Comparison compare_region(const Transfer &t) {
         size_t chunk = chunk_of(t, remaining);
         ssize_t on_flash = read(t.mtd, t.flash_data, chunk);
         if (on_flash < 0) {
-            report("read(fd_mtd,)");
+            report_error("read(fd_mtd,)");
             return Comparison::Failed;
         }
         ssize_t in_file = read(t.image, t.file_data, chunk);
         if (in_file < 0) {
-            report("read(infile,)");
+            report_error("read(infile,)");
             return Comparison::Failed;
         }
         if (in_file == 0)
@@ -94,7 +89,7 @@ bool write_whole(int fd, const unsigned char *data, size_t count) {
         if (written <= 0) {
             if (written == 0)
                 errno = ENOSPC;
-            report("write(fd_mtd,)");
+            report_error("write(fd_mtd,)");
             return false;
         }
         data += written;
@@ -111,7 +106,7 @@ bool write_region(const Transfer &t) {
     while (remaining > 0) {
         ssize_t got = read(t.image, t.file_data, chunk_of(t, remaining));
         if (got < 0) {
-            report("read(infile,)");
+            report_error("read(infile,)");
             return false;
         }
         if (got == 0)
@@ -129,7 +124,7 @@ int update_region(const Transfer &t) {
     for (unsigned retries = 0;; ++retries) {
         erase_info_user erase{t.offset, t.size};
         if (ioctl(t.mtd, MEMERASE, &erase) != 0) {
-            report("erase");
+            report_error("erase");
             return UBOOT_WRITE_FAILED;
         }
         if (!write_region(t))
@@ -160,7 +155,7 @@ int uboot_write(const char *image_path, uint32_t offset, uint32_t size, const ch
     }
     UniqueFd mtd(open(mtd_path, O_RDWR));
     if (!mtd.valid()) {
-        report(mtd_path);
+        report_error(mtd_path);
         return UBOOT_WRITE_FAILED;
     }
     if (image_path == nullptr) {
@@ -169,23 +164,23 @@ int uboot_write(const char *image_path, uint32_t offset, uint32_t size, const ch
     }
     UniqueFd image(open(image_path, O_RDONLY));
     if (!image.valid()) {
-        report(image_path);
+        report_error(image_path);
         return UBOOT_WRITE_FAILED;
     }
     mtd_info_user info{};
     if (ioctl(mtd.get(), MEMGETINFO, &info) != 0) {
-        report("MEMGETINFO");
+        report_error("MEMGETINFO");
         return UBOOT_WRITE_FAILED;
     }
     if (info.erasesize == 0) {
         errno = EINVAL; // without an erase block size nothing can be read in chunks
-        report("MEMGETINFO");
+        report_error("MEMGETINFO");
         return UBOOT_WRITE_FAILED;
     }
     HeapBuffer flash_data(info.erasesize);
     HeapBuffer file_data(info.erasesize);
     if (!flash_data || !file_data) {
-        report("allocate the buffer");
+        report_error("allocate the buffer");
         return UBOOT_WRITE_FAILED;
     }
     int64_t image_length = image_length_of(image_path, size);

@@ -1,4 +1,5 @@
 #include "fpga/spi_core.h"
+#include "common/report.h"
 
 #include "common/holders.h"
 
@@ -16,7 +17,7 @@ namespace {
 int spi_request(int fd, unsigned long request, void *arg, const char *label) {
     int result = ioctl(fd, request, arg);
     if (result < 0) {
-        perror(label);
+        report_error(label);
         return result;
     }
     return 0;
@@ -25,16 +26,16 @@ int spi_request(int fd, unsigned long request, void *arg, const char *label) {
 // Replaces the node in /tmp with one for (10, minor) and opens it.
 int open_tmp_node(int minor) {
     if (unlink(kSpiTmpNode) != 0 && errno != ENOENT) {
-        perror("unlink");
+        report_error("unlink");
         return -1;
     }
     if (mknod(kSpiTmpNode, S_IFCHR | 0660, makedev(kMiscMajor, minor)) != 0) {
-        perror("mknod");
+        report_error("mknod");
         return -1;
     }
     int fd = open(kSpiTmpNode, O_RDWR);
     if (fd < 0) {
-        perror("open");
+        report_error("open");
         return -1;
     }
     return fd;
@@ -61,7 +62,7 @@ int spi_open() {
     {
         UniqueFile misc(fopen(kMiscList, "r"));
         if (!misc) {
-            perror("open /proc/misc");
+            report_error("open /proc/misc");
             return -ENODEV;
         }
         minor = spi_misc_minor(misc.get());

@@ -1,4 +1,5 @@
 #include "nand/nand_raw_write.h"
+#include "common/report.h"
 
 #include "common/holders.h"
 
@@ -89,8 +90,7 @@ int find_partition(FILE *proc_mtd, const char *wanted, char *device, bool exact)
 int search_proc_mtd(const char *wanted, char *device, bool exact) {
     UniqueFile proc_mtd(fopen("/proc/mtd", "r"));
     if (!proc_mtd) {
-        fflush(stdout);
-        perror("open /proc/mtd");
+        report_error("open /proc/mtd");
         return 0;
     }
     return find_partition(proc_mtd.get(), wanted, device, exact);
@@ -118,11 +118,6 @@ namespace {
 
 bool is_null(const nand_dev *ctx) {
     return ctx == nullptr || ctx == NAND_OPEN_FAILED;
-}
-
-void report(const char *label) {
-    fflush(stdout);
-    perror(label);
 }
 
 // MEMGETBADBLOCK: 0 good, positive bad, negative when the query fails.
@@ -277,12 +272,12 @@ int transfer(nand_dev *ctx, uint8_t *buf, uint32_t size, uint32_t offset, bool w
 int init_mtd_driver(nand_dev *ctx, const char *path) {
     ctx->fd = open(path, O_RDWR | O_CLOEXEC);
     if (ctx->fd < 0) {
-        report("open");
+        report_error("open");
         return NAND_ERR_OPEN;
     }
     bool usable = ioctl(ctx->fd, MEMGETINFO, &ctx->info) == 0;
     if (!usable)
-        report("MEMGETINFO");
+        report_error("MEMGETINFO");
     else if (ctx->info.erasesize == 0 || ctx->info.writesize == 0 ||
              ctx->info.erasesize % ctx->info.writesize != 0 ||
              ctx->info.size % ctx->info.erasesize != 0) {
@@ -304,7 +299,7 @@ bool seed_block_map(nand_dev *ctx) {
     for (uint64_t phys = 0; phys < ctx->info.size; phys += ctx->info.erasesize) {
         int bad = query_bad(ctx, phys);
         if (bad < 0) {
-            report("MEMGETBADBLOCK");
+            report_error("MEMGETBADBLOCK");
             return false;
         }
         if (bad == 0)

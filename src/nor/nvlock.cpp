@@ -1,4 +1,5 @@
 #include "nor/nvlock.h"
+#include "common/report.h"
 
 #include "common/holders.h"
 
@@ -33,11 +34,6 @@ constexpr useconds_t kVidSettleUs = 1;
 constexpr useconds_t kProtectPulseUs = 150;
 constexpr useconds_t kVerifyUs = 1;
 constexpr useconds_t kUnprotectPulseUs = 15000;
-
-void report(const char *label) {
-    fflush(stdout);
-    perror(label);
-}
 
 void nor_write(uint32_t offset, uint16_t value) {
     auto *base = static_cast<volatile uint8_t *>(mmap_vaddr[NOR_REGION_NOR]);
@@ -114,20 +110,20 @@ bool nor_sector_range(uint32_t start, uint32_t length, unsigned *first, unsigned
 int map_regs() {
     UniqueFd fd(open(NOR_DIRECT_DEVICE, O_RDWR | O_CLOEXEC));
     if (!fd.valid()) {
-        report("open");
+        report_error("open");
         return 1;
     }
     for (unsigned i = 0; i < NOR_REGION_COUNT; ++i) {
         mmap_table[i].offset = 0;
         if (ioctl(fd.get(), NOR_MMAP_REQUEST, &mmap_table[i]) == -1) {
-            report("ioctl");
+            report_error("ioctl");
             unmap_regs();
             return 1;
         }
         void *at = mmap(nullptr, mmap_table[i].size, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(),
                         static_cast<off_t>(mmap_table[i].offset));
         if (at == MAP_FAILED) {
-            report("mmap");
+            report_error("mmap");
             unmap_regs();
             return 1;
         }

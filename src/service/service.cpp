@@ -1,4 +1,5 @@
 #include "service/service.h"
+#include "common/report.h"
 
 #include "common/holders.h"
 #include "eeprom/eep_update.h"
@@ -96,8 +97,7 @@ int nand_read_cmd(const NandArgs &a, NandHolder &nand) {
         return report_nand("read", a, r);
     UniqueFile out(fopen(a.file, "wb"));
     if (!out || fwrite(data.get(), 1, a.length, out.get()) != a.length) {
-        fflush(stdout);
-        perror(a.file);
+        report_error(a.file);
         return SERVICE_FAILED;
     }
     return report_nand("read", a, r);
@@ -111,8 +111,7 @@ int nand_write_cmd(const NandArgs &a, NandHolder &nand) {
     }
     UniqueFile in(fopen(a.file, "rb"));
     if (!in) {
-        fflush(stdout);
-        perror(a.file);
+        report_error(a.file);
         return SERVICE_FAILED;
     }
     if (fread(data.get(), 1, a.length, in.get()) != a.length) {
@@ -215,8 +214,7 @@ int list_cmd(int argc, char **argv) {
         return usage_error("list: expected FILE [--sd]%s", "");
     UniqueFile list(fopen(argv[0], "r"));
     if (!list) {
-        fflush(stdout);
-        perror(argv[0]);
+        report_error(argv[0]);
         return SERVICE_FAILED;
     }
     uint32_t flags[4];
