@@ -1,21 +1,14 @@
 // The ROM commands and the status poll on an attached board, and the SPI flash model's rules
 // that the update relies on (write enable, page wrap, bits only cleared).
-#include "board/create.h"
 #include "fpga/spi_core.h"
 #include "fpga/update_fpga.h"
-#include "interpose/control.h"
 #include "run/main.h"
+#include "support/board_fixture.h"
 
 #include <fcntl.h>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
-#include <unistd.h>
 
 namespace fs = std::filesystem;
-using nlohmann::json;
+using testsupport::json;
 
 namespace {
 
@@ -26,25 +19,22 @@ void count_wait(uint32_t) {
 
 // A board whose microcontroller has connected the ROM bus and whose access lines grant ROM 0
 // (pin 83 low after power-on); the SPI device open in spi_fd.
-class UpdateFpgaOnBoard : public testing::Test {
+class UpdateFpgaOnBoard : public testsupport::BoardFixture {
 protected:
     void SetUp() override {
-        dir_ = fs::temp_directory_path() / ("tvsim-fpga-test." + std::to_string(getpid()));
-        fs::remove_all(dir_);
-        std::string error;
-        ASSERT_TRUE(tvsim::create_board(dir_.string(), {}, &error)) << error;
+        BoardFixture::SetUp();
         std::ofstream(dir_ / "state.json")
             << json{{"microcontroller", {{"ports", {{"1", 4}}}}}, {"fault_hits", json::object()}};
     }
-    void TearDown() override { fs::remove_all(dir_); }
-
+    // Faults start counting anew.
     void set_faults(const json &faults) const {
-        json config = json::parse(std::ifstream(dir_ / "board.json"));
-        config["faults"] = faults;
-        std::ofstream(dir_ / "board.json") << config.dump(2);
+        change_config([&](json &c) { c["faults"] = faults; });
+        json state = read_json("state.json");
+        state["fault_hits"] = json::object();
+        std::ofstream(dir_ / "state.json") << state;
     }
     void attach() {
-        ASSERT_EQ(tvsim_attach(dir_.c_str()), 0);
+        BoardFixture::attach();
         cn_user_fd = open("/dev/cn_user", O_RDWR);
         spi_fd = spi_open();
         ASSERT_GE(spi_fd, 0);
@@ -53,7 +43,7 @@ protected:
         spi_close(spi_fd);
         close(cn_user_fd);
         cn_user_fd = -1;
-        tvsim_detach();
+        BoardFixture::detach();
     }
     std::string read_rom(uint32_t address, uint32_t count) const {
         const uint8_t command[4] = {0x03, static_cast<uint8_t>(address >> 16),
@@ -66,7 +56,6 @@ protected:
         return out;
     }
 
-    fs::path dir_;
     int spi_fd = -1;
 };
 
@@ -96,9 +85,6 @@ TEST_F(UpdateFpgaOnBoard, StatusPollCountsItsReadsAndWaits) {
         EXPECT_EQ(ready, c.ready) << c.busy_reads;
         EXPECT_EQ(g_waits, c.waits) << c.busy_reads;
         EXPECT_EQ(status, c.status) << c.busy_reads;
-        json state = json::parse(std::ifstream(dir_ / "state.json"));
-        state["fault_hits"] = json::object();
-        std::ofstream(dir_ / "state.json") << state;
     }
 }
 
@@ -109,19 +95,12 @@ TEST_F(UpdateFpgaOnBoard, StatusReadIsRetriedTenTimes) {
                                  {"target", "write_then_read"},
                                  {"skip", 0},
                                  {"times", failures}}}));
-        json state = json::parse(std::ifstream(dir_ / "state.json"));
-        state["fault_hits"] = json::object();
-        std::ofstream(dir_ / "state.json") << state;
-        // Captured outside the board: its /tmp is the board's while attached.
-        testing::internal::CaptureStdout();
-        testing::internal::CaptureStderr();
         attach();
         uint8_t status = 0x77;
-        int result = cmd_rom_read_status_register(spi_fd, &status);
-        fflush(stdout);
+        int result = 0;
+        std::string out =
+            testsupport::printed([&] { result = cmd_rom_read_status_register(spi_fd, &status); });
         detach();
-        std::string out = testing::internal::GetCapturedStdout();
-        testing::internal::GetCapturedStderr();
         if (failures == 10) {
             EXPECT_EQ(result, 0);
             EXPECT_EQ(status, 0x00);
@@ -167,11 +146,9 @@ TEST_F(UpdateFpgaOnBoard, PageProgramNeedsWriteEnableWrapsInItsPageAndClearsBits
     }
     EXPECT_EQ(page.substr(16, 0xF0 - 16), std::string(0xF0 - 16, '\xff'));
     EXPECT_EQ(static_cast<uint8_t>(after[0]), 0xF0 & 0x0F);
-    std::ifstream trace(dir_ / "trace.jsonl");
     std::string setup_mode;
-    for (std::string line; std::getline(trace, line);) {
-        json e = json::parse(line);
-        if (e["ev"] == "spi" && e.value("op", "") == "setup")
+    for (const json &e : trace("spi")) {
+        if (e.value("op", "") == "setup")
             setup_mode = e["mode"].dump();
     }
     EXPECT_EQ(setup_mode, "3");
@@ -183,17 +160,12 @@ TEST_F(UpdateFpgaOnBoard, AnImagePathThatDoesNotFitIsNotOpened) {
     std::string name = "fpga_config_sum_tr1" + std::string(120, 'x');
     fs::create_directories(dir_ / ("fs" + dir));
     std::ofstream(dir_ / ("fs" + dir + "/" + name)) << "image";
-    testing::internal::CaptureStdout();
     attach();
-    spi_close(spi_fd);
-    spi_fd = -1;
     uint32_t flags[4] = {0, 1u << 26, 0, 0};
-    int result = Update_FPGA(dir.c_str(), nullptr, flags);
-    fflush(stdout);
-    close(cn_user_fd);
-    cn_user_fd = -1;
-    tvsim_detach();
-    std::string out = testing::internal::GetCapturedStdout();
+    int result = 0;
+    std::string out =
+        testsupport::printed([&] { result = Update_FPGA(dir.c_str(), nullptr, flags); });
+    detach();
     EXPECT_EQ(result, -1);
     EXPECT_EQ(out, "**ERROR** fail to open file " + name + " \n");
     EXPECT_EQ(fpga_info_table[0].selected, 1u);

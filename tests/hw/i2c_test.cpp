@@ -1,25 +1,18 @@
 // The I2C bus layer and device functions: page and chunk arithmetic, argument refusals, and
 // the retry rules against the buses of an attached board.
-#include "board/create.h"
 #include "eeprom/eep_update.h"
 #include "hw/utils.h"
-#include "interpose/control.h"
 #include "run/main.h"
+#include "support/board_fixture.h"
 
 #include <cerrno>
 #include <fcntl.h>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <gtest/gtest.h>
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
-#include <nlohmann/json.hpp>
 #include <sys/ioctl.h>
-#include <unistd.h>
 
-namespace fs = std::filesystem;
-using nlohmann::json;
+using testsupport::json;
+using testsupport::printed;
 
 namespace {
 
@@ -65,68 +58,26 @@ TEST(I2cArguments, RefusedWithoutATransfer) {
     EXPECT_EQ(i2c_write(3, 0xA2, 1, bytes), -1);
     EXPECT_EQ(i2c_read_write(0, 0xA2, 2, bytes, 0, bytes), -1);
     EXPECT_EQ(i2c_handle_initialized, 0);
-    testing::internal::CaptureStdout();
-    int fpga = IIC_FPGAEEP_Write(4, bytes, 3);
-    fflush(stdout);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+    int fpga = 0;
+    EXPECT_EQ(printed([&] { fpga = IIC_FPGAEEP_Write(4, bytes, 3); }),
               "IIC_FPGAEEP_Write() error ** fpga type fail. (3) \n");
     EXPECT_EQ(fpga, 3);
 }
 
-// A board in a temporary folder, attached while the test calls the device functions.
-class I2cOnBoard : public testing::Test {
+// A board attached while the test calls the device functions.
+class I2cOnBoard : public testsupport::BoardFixture {
 protected:
-    void SetUp() override {
-        dir_ = fs::temp_directory_path() / ("tvsim-i2c-test." + std::to_string(getpid()));
-        fs::remove_all(dir_);
-        std::string error;
-        ASSERT_TRUE(tvsim::create_board(dir_.string(), {}, &error)) << error;
-    }
-    void TearDown() override {
-        tvsim_detach();
-        fs::remove_all(dir_);
-    }
-    void change_config(const std::function<void(json &)> &change) {
-        json config = json::parse(std::ifstream(dir_ / "board.json"));
-        change(config);
-        std::ofstream(dir_ / "board.json") << config.dump();
-    }
-    void add_fault(const json &fault) {
-        change_config([&](json &c) { c["faults"].push_back(fault); });
-    }
-    void attach() { ASSERT_EQ(tvsim_attach(dir_.c_str()), 0); }
-    // What call prints on standard output (kept inside the board folder, which the attached
-    // process reaches as it is).
-    template <typename Call> std::string printed(Call call) {
-        std::string path = (dir_ / "stdout.txt").string();
-        fflush(stdout);
-        int saved = dup(1);
-        int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(file, 1);
-        close(file);
-        call();
-        fflush(stdout);
-        dup2(saved, 1);
-        close(saved);
-        std::ifstream in(path);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    }
     // The I2C transfers so far, as "w" hex lengths of their first message ("nak" when any
     // message of the transfer was refused).
     std::vector<std::string> transfers() const {
         std::vector<std::string> seen;
-        std::ifstream trace(dir_ / "trace.jsonl");
-        for (std::string line; std::getline(trace, line);) {
-            json e = json::parse(line);
-            if (e["ev"] != "i2c")
-                continue;
+        for (const json &e : trace("i2c")) {
             const json &first = e["msgs"][0];
             seen.push_back(e.contains("errno") ? "nak"
                                                : std::to_string(first.value("w", "").size() / 2));
         }
         return seen;
     }
-    fs::path dir_;
 };
 
 TEST_F(I2cOnBoard, PagedWriteSplitsAtPageEndsAndReadsBack) {
@@ -333,10 +284,7 @@ protected:
         EXPECT_EQ(rdwr(bus2_, {{0x0A, 0, 2, reg}, {0x0A, I2C_M_RD, 2, value}}), 0);
         return static_cast<uint16_t>(value[0] << 8 | value[1]);
     }
-    std::string vornek_cells() {
-        std::ifstream in(dir_ / "i2c/vornek.bin", std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    }
+    std::string vornek_cells() const { return read_file("i2c/vornek.bin"); }
     int bus0_ = -1;
     int bus2_ = -1;
 };

@@ -1,21 +1,13 @@
 // GPIO pins: where each pin lives, the status codes of the PIO_ functions, and pin access on
 // an attached board through the control device's register window.
-#include "board/create.h"
 #include "hw/systool.h"
 #include "hw/utils.h"
-#include "interpose/control.h"
 #include "run/main.h"
+#include "support/board_fixture.h"
 
 #include <fcntl.h>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
-#include <unistd.h>
 
-namespace fs = std::filesystem;
-using nlohmann::json;
+using testsupport::json;
 
 namespace {
 
@@ -69,48 +61,19 @@ TEST(PioStatus, ArgumentChecksInTheirOrder) {
     EXPECT_EQ(beyond_result, PIO_FAILED);
 }
 
-// A board in a temporary folder, attached for the test's pin calls with cn_user_fd open.
-class PinsOnBoard : public testing::Test {
+// A board attached for the test's pin calls with cn_user_fd open.
+class PinsOnBoard : public testsupport::BoardFixture {
 protected:
-    void SetUp() override {
-        dir_ = fs::temp_directory_path() / ("tvsim-pio-test." + std::to_string(getpid()));
-        fs::remove_all(dir_);
-        std::string error;
-        ASSERT_TRUE(tvsim::create_board(dir_.string(), {}, &error)) << error;
-    }
-    void TearDown() override { fs::remove_all(dir_); }
-
-    json read_json(const char *name) const {
-        std::ifstream in(dir_ / name);
-        return json::parse(in);
-    }
-    void change_config(const std::function<void(json &)> &change) const {
-        json config = read_json("board.json");
-        change(config);
-        std::ofstream(dir_ / "board.json") << config.dump(2);
-    }
     void attach() {
-        ASSERT_EQ(tvsim_attach(dir_.c_str()), 0);
+        BoardFixture::attach();
         cn_user_fd = open("/dev/cn_user", O_RDWR);
         ASSERT_GE(cn_user_fd, 0);
     }
     void detach() {
         close(cn_user_fd);
         cn_user_fd = -1;
-        tvsim_detach();
+        BoardFixture::detach();
     }
-    std::vector<json> trace(const char *kind) const {
-        std::vector<json> events;
-        std::ifstream in(dir_ / "trace.jsonl");
-        for (std::string line; std::getline(in, line);) {
-            json e = json::parse(line);
-            if (e["ev"] == kind)
-                events.push_back(e);
-        }
-        return events;
-    }
-
-    fs::path dir_;
 };
 
 TEST_F(PinsOnBoard, WritesChangeOnlyTheirBitAndReadsSeeInputs) {

@@ -1,58 +1,23 @@
 // The board's device models refuse what the kernel and the hardware refuse, so that a tool that
 // leaves out a step, or asks for the wrong thing, fails here as it would on the TV.
-#include "board/create.h"
 #include "hw/systool.h"
-#include "interpose/control.h"
+#include "support/board_fixture.h"
 #include "tvmicro/tvm_update.h"
 
 #include <cerrno>
 #include <fcntl.h>
-#include <filesystem>
-#include <fstream>
-#include <functional>
 #include <gtest/gtest.h>
 #include <mtd/mtd-user.h>
-#include <nlohmann/json.hpp>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
-namespace fs = std::filesystem;
-using nlohmann::json;
-
 namespace {
 
-class DeviceRules : public testing::Test {
+class DeviceRules : public testsupport::BoardFixture {
 protected:
-    void SetUp() override {
-        dir_ = fs::temp_directory_path() / ("tvsim-device-rules." + std::to_string(getpid()));
-        fs::remove_all(dir_);
-        std::string error;
-        ASSERT_TRUE(tvsim::create_board(dir_.string(), {}, &error)) << error;
-    }
-    void TearDown() override {
-        if (attached_)
-            tvsim_detach();
-        fs::remove_all(dir_);
-    }
-    void add_fault(const json &fault) const {
-        json config = json::parse(std::ifstream(dir_ / "board.json"));
-        config["faults"].push_back(fault);
-        std::ofstream(dir_ / "board.json") << config.dump(2);
-    }
-    void attach() {
-        ASSERT_EQ(tvsim_attach(dir_.c_str()), 0);
-        attached_ = true;
-    }
-    void detach() {
-        tvsim_detach();
-        attached_ = false;
-    }
     // errno of a failed call, 0 when it succeeded.
     static int error_of(bool failed) { return failed ? errno : 0; }
-
-    fs::path dir_;
-    bool attached_ = false;
 };
 
 // The S5LP window's map request on fd: the driver's offset, or -1.

@@ -1,0 +1,97 @@
+// Unit tests that call the tool's functions on a board of their own, attached in-process.
+#pragma once
+
+#include "board/create.h"
+#include "interpose/control.h"
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <sys/mman.h>
+#include <unistd.h>
+#include <vector>
+
+namespace testsupport {
+
+using json = nlohmann::json;
+
+// What call prints on standard output (into a file of no path, so that attaching or detaching
+// a board on the way does not matter).
+template <typename Call> std::string printed(Call call) {
+    fflush(stdout);
+    int file = memfd_create("printed", 0);
+    int saved = dup(1);
+    dup2(file, 1);
+    call();
+    fflush(stdout);
+    dup2(saved, 1);
+    close(saved);
+    std::string text;
+    char chunk[4096];
+    for (ssize_t n = pread(file, chunk, sizeof chunk, 0); n > 0;
+         n = pread(file, chunk, sizeof chunk, static_cast<off_t>(text.size())))
+        text.append(chunk, static_cast<size_t>(n));
+    close(file);
+    return text;
+}
+
+// A default board in a temporary folder of its own, removed after the test.
+class BoardFixture : public testing::Test {
+protected:
+    void SetUp() override {
+        const testing::TestInfo *test = testing::UnitTest::GetInstance()->current_test_info();
+        dir_ = std::filesystem::temp_directory_path() /
+               ("tvsim-" + std::string(test->test_suite_name()) + "." + std::to_string(getpid()));
+        std::filesystem::remove_all(dir_);
+        std::string error;
+        ASSERT_TRUE(tvsim::create_board(dir_.string(), {}, &error)) << error;
+    }
+    void TearDown() override {
+        if (attached_)
+            detach();
+        std::filesystem::remove_all(dir_);
+    }
+
+    void attach() {
+        ASSERT_EQ(tvsim_attach(dir_.c_str()), 0);
+        attached_ = true;
+    }
+    void detach() {
+        tvsim_detach();
+        attached_ = false;
+    }
+
+    json read_json(const char *name) const { return json::parse(std::ifstream(dir_ / name)); }
+    std::string read_file(const char *name) const {
+        std::ifstream in(dir_ / name, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    }
+    void change_config(const std::function<void(json &)> &change) const {
+        json config = read_json("board.json");
+        change(config);
+        std::ofstream(dir_ / "board.json") << config.dump(2);
+    }
+    void add_fault(const json &fault) const {
+        change_config([&](json &c) { c["faults"].push_back(fault); });
+    }
+    // The trace events of one kind so far.
+    std::vector<json> trace(const char *kind) const {
+        std::vector<json> events;
+        std::ifstream in(dir_ / "trace.jsonl");
+        for (std::string line; std::getline(in, line);) {
+            json e = json::parse(line);
+            if (e["ev"] == kind)
+                events.push_back(e);
+        }
+        return events;
+    }
+
+    std::filesystem::path dir_;
+    bool attached_ = false;
+};
+
+} // namespace testsupport
