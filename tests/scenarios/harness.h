@@ -95,4 +95,19 @@ std::string pattern(size_t length, unsigned seed);
 std::string run_prologue(const std::string &model);
 std::string run_epilogue();
 
+// Table rows of parameterised scenarios carry a name: it names the test and is what a failure
+// shows of the row.
+template <typename Row>
+requires requires(const Row &row) {
+    std::string(row.name);
+}
+void PrintTo(const Row &row, std::ostream *os) {
+    *os << row.name;
+}
+struct RowName {
+    template <typename Row> std::string operator()(const testing::TestParamInfo<Row> &info) const {
+        return info.param.name;
+    }
+};
+
 } // namespace scenario

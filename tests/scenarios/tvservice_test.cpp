@@ -9,6 +9,8 @@
 namespace scenario {
 namespace {
 
+using scenario::PrintTo; // found by argument lookup for the rows below
+
 constexpr size_t E = 0x20000;                       // erase block of the NAND partitions
 constexpr const char *kPart = "uboot_env";          // 8 blocks, /dev/mtd1
 constexpr const char *kFlash = "mtd/uboot_env.bin"; // its contents
@@ -48,10 +50,6 @@ struct BadBlockCase {
     std::vector<size_t> placement; // physical block of each logical block
 };
 
-void PrintTo(const BadBlockCase &c, std::ostream *os) {
-    *os << c.name;
-}
-
 class NandAroundBadBlocks : public NandService, public testing::WithParamInterface<BadBlockCase> {};
 
 TEST_P(NandAroundBadBlocks, WritesSkipBadBlocksAndReadBackAtTheSameLogicalOffsets) {
@@ -79,7 +77,7 @@ INSTANTIATE_TEST_SUITE_P(Nand, NandAroundBadBlocks,
                                          BadBlockCase{"InTheMiddle", {3}, {0, 1, 2, 4, 5, 6, 7}},
                                          BadBlockCase{"AtTheEnd", {6}, {0, 1, 2, 3, 4, 5, 7}},
                                          BadBlockCase{"None", {}, {0, 1, 2, 3, 4, 5, 6}}),
-                         [](const auto &info) { return std::string(info.param.name); });
+                         RowName());
 
 TEST_F(NandService, ABlockFailingDuringAWriteIsRetiredAndItsDataFoundAtTheSameOffset) {
     make_with_bad_blocks(json::array());
@@ -129,10 +127,6 @@ struct MessageCase {
     std::string output;
     int status;
 };
-
-void PrintTo(const MessageCase &c, std::ostream *os) {
-    *os << c.name;
-}
 
 class ServiceMessages : public NandService, public testing::WithParamInterface<MessageCase> {};
 
@@ -211,7 +205,7 @@ INSTANTIATE_TEST_SUITE_P(
                     {"list", "/tmp/none.lst"},
                     "/tmp/none.lst: No such file or directory\n",
                     1}),
-    [](const auto &info) { return std::string(info.param.name); });
+    RowName());
 
 TEST_F(NandService, HelpListsEveryCommandAndSucceeds) {
     board.make("");
