@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <gmock/gmock.h>
 
 namespace scenario {
 namespace {
@@ -236,24 +237,17 @@ TEST_F(NandService, ImageListIsShownWithoutTouchingAnyVolume) {
     EXPECT_TRUE(board.trace("mount").empty());
 }
 
+// The updater's own lines are pinned where it is called directly; here, what the tool adds.
 TEST_F(NandService, FerundEepromIsRewrittenFromTheTextFile) {
     board.make("");
     put_file(board, "/tmp/M1/writedata/TVM_DATA.txt", "Version 3\n0000 11\n0041 22\n");
     RunResult r = board.tvservice({"eeprom", "ferund", "/tmp/M1/writedata", "PHQD2WK1"});
-    EXPECT_EQ(r.output, "Reading from file : /tmp/M1/writedata/TVM_DATA.txt \n"
-                        "EEP file Version 3\n"
-                        "Start writing to EEPROM, please wait... \n"
-                        "\r   0% completed\r  98% completed\r"
-                        "eeprom ferund: updated\n");
+    EXPECT_THAT(r.output, testing::EndsWith("\reeprom ferund: updated\n"));
     EXPECT_EQ(r.exit_status, 0);
-    std::string image = board.read("tvm/ferund.bin");
-    ASSERT_EQ(image.size(), 32768u);
-    EXPECT_EQ(image.substr(0, 2), "\x11\xFF");
-    EXPECT_EQ(image[0x41], '\x22');
+    EXPECT_EQ(board.read("tvm/ferund.bin").substr(0x40, 3), "\xFF\x22\xFF");
 
     RunResult refused = board.tvservice({"eeprom", "ferund", "/tmp/M1/writedata", "ABC123"});
-    EXPECT_EQ(refused.output, "[ABC123.prg] does not support writing to FERUND EEP\n"
-                              "eeprom ferund: FAILED\n");
+    EXPECT_THAT(refused.output, testing::EndsWith("FERUND EEP\neeprom ferund: FAILED\n"));
     EXPECT_EQ(refused.exit_status, 1);
 }
 
