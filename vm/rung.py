@@ -35,6 +35,8 @@ def make_medium(work, scenario):
     run([os.path.join(TOP, "tools/make-demo-medium.sh"), medium, MODEL], stdout=subprocess.DEVNULL)
     with open(os.path.join(medium, MODEL, "flashimg.lst"), "w") as f:
         f.write("".join(line + "\n" for line in scenario["list"]))
+    for path in scenario.get("remove", []):
+        shutil.rmtree(os.path.join(medium, MODEL, path))
     return medium
 
 
