@@ -29,5 +29,5 @@ done
 if ! "$here/fetch.sh" "$vm/fetch"; then
     skip "the Debian packages could not be downloaded"
 fi
-"$here/prepare.sh" "$vm" "$host_build" "$armhf_build/tvupdate"
+"$here/prepare.sh" "$vm" "$host_build" "$armhf_build"
 exec python3 "$here/rung.py" --host-build "$host_build" --vm-dir "$vm" "$@"

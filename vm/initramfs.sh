@@ -2,12 +2,12 @@
 # Builds the VM's initramfs: busybox, the armhf C library, the UBI tools of mtd-utils, the
 # kernel modules a TV board loads (with what they depend on, in load order), our own board
 # modules, the board's files of a tvsim board (the application installer), the armhf tvupdate
-# and the VM's init.
-# Usage: initramfs.sh FETCH_DIR OUR_MODULES_DIR TVUPDATE BOARD_FS OUT.cpio.gz
+# and tvservice, and the VM's init.
+# Usage: initramfs.sh FETCH_DIR OUR_MODULES_DIR ARMHF_BUILD BOARD_FS OUT.cpio.gz
 set -eu
 fetch=$(cd "$1" && pwd)
 ours=$(cd "$2" && pwd)
-tool=$3
+armhf=$3
 board_fs=$4
 out=$5
 here=$(cd "$(dirname "$0")" && pwd)
@@ -30,13 +30,13 @@ for lib in libc.so.6 libm.so.6 libgcc_s.so.1; do
         cp -L "$root/lib/arm-linux-gnueabihf/$lib" "$tree/lib/arm-linux-gnueabihf/"
     fi
 done
-for prog in ubiattach ubidetach ubimkvol ubirmvol ubinfo; do
+for prog in ubiattach ubidetach ubimkvol ubirmvol ubinfo nanddump; do
     cp "$root/usr/sbin/$prog" "$tree/sbin/"
 done
 # The board keeps its volume tools under /update.
 cp "$root/usr/sbin/ubimkvol" "$root/usr/sbin/ubirmvol" "$tree/update/"
 cp "$board_fs/update/update_tool.sh" "$tree/update/"
-cp "$tool" "$tree/tvupdate"
+cp "$armhf/tvupdate" "$armhf/tvservice" "$tree/"
 
 # Kernel modules with their dependencies, dependencies first, listed in /kmod/order.
 # Copies a module without Debian's signature: the kernel then does not check it (it only notes

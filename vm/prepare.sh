@@ -1,13 +1,14 @@
 #!/bin/sh
 # Prepares the VM rung under VM_DIR: the Debian downloads (kept once fetched), our board
-# modules built against Debian's armmp headers, and the initramfs with the armhf tvupdate.
-# Usage: prepare.sh VM_DIR HOST_BUILD ARMHF_TVUPDATE
+# modules built against Debian's armmp headers, and the initramfs with the armhf tvupdate and
+# tvservice.
+# Usage: prepare.sh VM_DIR HOST_BUILD ARMHF_BUILD
 set -eu
 here=$(cd "$(dirname "$0")" && pwd)
 mkdir -p "$1"
 vm=$(cd "$1" && pwd)
 host_build=$2
-tool=$3
+armhf=$3
 
 "$here/fetch.sh" "$vm/fetch"
 flavour=$(cat "$vm/fetch/flavour")
@@ -22,4 +23,4 @@ make -s -C "$src/linux-headers-${flavour%-armmp}-common" O="$src/linux-headers-$
 # The board's own files (the application installer) come from a board tvsim makes.
 rm -rf "$vm/board"
 "$host_build/tvsim" new "$vm/board" >/dev/null
-"$here/initramfs.sh" "$vm/fetch" "$vm/modules" "$tool" "$vm/board/fs" "$vm/base.cpio.gz"
+"$here/initramfs.sh" "$vm/fetch" "$vm/modules" "$armhf" "$vm/board/fs" "$vm/base.cpio.gz"

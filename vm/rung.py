@@ -52,6 +52,25 @@ def tree_sums(root):
     return "".join(f"{digest}  {rel}\n" for rel, digest in sorted(lines))
 
 
+def commands(scenario):
+    """The programs a scenario runs, in order: by default tvupdate, `runs` times."""
+    return scenario.get("commands", [["tvupdate", MODEL]] * scenario.get("runs", 1))
+
+
+BOARD_PROGRAMS = ("tvupdate", "tvservice")
+
+
+def nand_blocks(config):
+    """First absolute block of each NAND partition, in board.json order (as nandsim lays
+    them out)."""
+    first, at = {}, 0
+    for part in config["mtd"]:
+        if part.get("type") == "nand":
+            first[part["name"]] = at
+            at += int(part["size"], 0) // int(part["erasesize"], 0)
+    return first
+
+
 # ---- the tvsim rung ----------------------------------------------------------------------
 
 def tvsim_rung(work, scenario, medium, host_build):
@@ -66,12 +85,16 @@ def tvsim_rung(work, scenario, medium, host_build):
         if stick == "not-fat":
             disk["filesystem"] = "ext4"
         disk["appears_after_seconds"] = scenario.get("stick_after_seconds", 0)
+    for part in config["mtd"]:
+        if part["name"] in scenario.get("nand_bad_blocks", {}):
+            part["bad_blocks"] = scenario["nand_bad_blocks"][part["name"]]
     with open(os.path.join(board, "board.json"), "w") as f:
         json.dump(config, f, indent=2)
     results = {}
-    for n in range(1, scenario.get("runs", 1) + 1):
-        out = subprocess.run([tvsim, "--board", board, "--", os.path.join(host_build, "tvupdate"),
-                              MODEL], stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    for n, argv in enumerate(commands(scenario), 1):
+        prog = os.path.join(host_build, argv[0]) if argv[0] in BOARD_PROGRAMS else argv[0]
+        out = subprocess.run([tvsim, "--board", board, "--", prog] + argv[1:],
+                             stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         results[f"run{n}.out"] = out.stdout.decode(errors="replace")
         results[f"run{n}.status"] = f"{out.returncode}\n"
     for dev in config["ubi"]:
@@ -117,21 +140,28 @@ def scenario_cpio(work, scenario, config):
     soc = config.get("soc", {})
     vols = {dev["number"]: " ".join(f"{v['id']}:{v['name']}:{v['size']}" for v in dev["volumes"])
             for dev in config["ubi"]}
-    text = (f"model={MODEL}\nruns={scenario.get('runs', 1)}\n"
-            f"revision={int(soc.get('revision', '0'), 0)}\n"
+    # The VM's own bad blocks lie in backup and ubi_data, under UBI; a scenario adds its own,
+    # numbered within their partition.
+    bad = [600, 900, 2000]
+    first = nand_blocks(config)
+    for name, blocks in scenario.get("nand_bad_blocks", {}).items():
+        bad += [first[name] + b for b in blocks]
+    text = (f"revision={int(soc.get('revision', '0'), 0)}\n"
             f"boot_config={int(soc.get('boot_config', '0'), 0)}\n"
-            f"nand_bad_blocks={','.join(str(b) for b in scenario.get('nand_bad_blocks', [600, 900, 2000]))}\n"
+            f"nand_bad_blocks={','.join(str(b) for b in sorted(bad))}\n"
             f"volumes4=\"{vols.get(4, '')}\"\nvolumes5=\"{vols.get(5, '')}\"\n")
     tree = os.path.join(work, "scenario")
     os.makedirs(tree, exist_ok=True)
     with open(os.path.join(tree, "scenario.sh"), "w") as f:
         f.write(text)
+    with open(os.path.join(tree, "commands"), "w") as f:
+        f.write("".join(" ".join(argv) + "\n" for argv in commands(scenario)))
     archive = os.path.join(work, "scenario.cpio.gz")
     with open(archive, "wb") as out:
         cpio = subprocess.Popen(["cpio", "-o", "-H", "newc", "--quiet", "-R", "0:0"], cwd=tree,
                                 stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         gz = subprocess.Popen(["gzip", "-1"], stdin=cpio.stdout, stdout=out)
-        cpio.stdin.write(b"scenario.sh\n")
+        cpio.stdin.write(b"scenario.sh\ncommands\n")
         cpio.stdin.close()
         cpio.stdout.close()
         if gz.wait() or cpio.wait():
@@ -192,7 +222,7 @@ def vm_rung(work, scenario, medium, config, vm_dir, timeout=300):
     booted = None
     for line in vm.stdout:
         console.write(line)
-        if b"vm: tvupdate run 1 starts" in line:
+        if b"vm: run 1 starts" in line:
             booted = time.monotonic() - started
             if late and stick != "none":
                 time.sleep(late)
