@@ -103,8 +103,12 @@ def tvsim_rung(work, scenario, medium, host_build):
             results[name] = tree_sums(os.path.join(board, "flash", name))
     spi = os.path.join(board, "mtd", "uboot-spi.bin")
     if os.path.exists(spi):
+        # The file may end early: the bytes after its end read as erased.
+        size = next(int(p["size"], 0) for p in config["mtd"] if p["name"] == "uboot-spi")
         with open(spi, "rb") as f:
-            results["uboot-spi.md5"] = hashlib.md5(f.read()).hexdigest() + "\n"
+            data = f.read()
+        data += b"\xff" * (size - len(data))
+        results["uboot-spi.md5"] = hashlib.md5(data).hexdigest() + "\n"
     return config, results
 
 
@@ -136,7 +140,7 @@ def stick_image(work, medium, kind):
 
 
 def scenario_cpio(work, scenario, config):
-    """A second initramfs archive holding /scenario.sh, read by the VM's init."""
+    """A second initramfs archive holding /scenario.sh and /commands, read by the VM's init."""
     soc = config.get("soc", {})
     vols = {dev["number"]: " ".join(f"{v['id']}:{v['name']}:{v['size']}" for v in dev["volumes"])
             for dev in config["ubi"]}
