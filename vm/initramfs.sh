@@ -74,6 +74,11 @@ done
 cp "$ours/tvctl.ko" "$tree/kmod/"
 cp "$ours/tvspi.ko" "$tree/modules/vq71206_spi.ko"
 cp "$ours/tvflash.ko" "$tree/modules/m25p80.ko"
+# The NOR boot flash driver is loaded with modprobe, which looks it up in /lib/modules.
+cp "$ours/tvnor.ko" "$tree/modules/physmap.ko"
+mkdir -p "$tree/lib/modules/$flavour"
+cp "$ours/tvnor.ko" "$tree/lib/modules/$flavour/physmap.ko"
+echo "physmap.ko:" > "$tree/lib/modules/$flavour/modules.dep"
 
 cp "$here/init" "$tree/init"
 chmod 755 "$tree/init" "$tree/update/update_tool.sh"

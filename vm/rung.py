@@ -37,6 +37,8 @@ def make_medium(work, scenario):
         f.write("".join(line + "\n" for line in scenario["list"]))
     for path in scenario.get("remove", []):
         shutil.rmtree(os.path.join(medium, MODEL, path))
+    for source, copy in scenario.get("copy", []):
+        shutil.copy(os.path.join(medium, MODEL, source), os.path.join(medium, MODEL, copy))
     return medium
 
 
@@ -85,6 +87,7 @@ def tvsim_rung(work, scenario, medium, host_build):
         if stick == "not-fat":
             disk["filesystem"] = "ext4"
         disk["appears_after_seconds"] = scenario.get("stick_after_seconds", 0)
+    config["soc"].update(scenario.get("soc", {}))
     for part in config["mtd"]:
         if part["name"] in scenario.get("nand_bad_blocks", {}):
             part["bad_blocks"] = scenario["nand_bad_blocks"][part["name"]]
@@ -101,14 +104,14 @@ def tvsim_rung(work, scenario, medium, host_build):
         for vol in dev["volumes"]:
             name = f"ubi{dev['number']}_{vol['id']}"
             results[name] = tree_sums(os.path.join(board, "flash", name))
-    spi = os.path.join(board, "mtd", "uboot-spi.bin")
-    if os.path.exists(spi):
-        # The file may end early: the bytes after its end read as erased.
-        size = next(int(p["size"], 0) for p in config["mtd"] if p["name"] == "uboot-spi")
-        with open(spi, "rb") as f:
-            data = f.read()
-        data += b"\xff" * (size - len(data))
-        results["uboot-spi.md5"] = hashlib.md5(data).hexdigest() + "\n"
+    for part in config["mtd"]:
+        flash = os.path.join(board, "mtd", part["name"] + ".bin")
+        if part.get("type") == "nor" and os.path.exists(flash):
+            # The file may end early: the bytes after its end read as erased.
+            with open(flash, "rb") as f:
+                data = f.read()
+            data += b"\xff" * (int(part["size"], 0) - len(data))
+            results[part["name"] + ".md5"] = hashlib.md5(data).hexdigest() + "\n"
     return config, results
 
 

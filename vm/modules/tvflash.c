@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // A NOR/SPI flash chip in RAM for the VM rung: one MTD device with a chosen name, size and
-// erase block size. It behaves as NOR flash does: erasing sets whole erase blocks to 0xFF
+// erase block size. Built as tvflash (the SPI flash behind tvspi, "uboot-spi") and as tvnor
+// (the parallel NOR boot flash, "uboot-nor", with no controller module before it). It behaves as NOR flash does: erasing sets whole erase blocks to 0xFF
 // (an erase not aligned to erase blocks is refused with EINVAL), programming can only clear
 // bits.
 #include <linux/math64.h>
@@ -9,15 +10,23 @@
 #include <linux/string.h>
 #include <linux/vmalloc.h>
 
+#ifdef TVFLASH_NOR
+static char *name = "uboot-nor";
+static int controller_ready(void)
+{
+	return 1;
+}
+#else
 static char *name = "uboot-spi";
+int tvspi_controller_ready(void);
+#define controller_ready tvspi_controller_ready
+#endif
 module_param(name, charp, 0444);
 MODULE_PARM_DESC(name, "MTD device name shown in /proc/mtd");
 static uint size = 0x100000;
 module_param(size, uint, 0444);
 static uint erase_size = 0x10000;
 module_param(erase_size, uint, 0444);
-
-int tvspi_controller_ready(void);
 
 static struct mtd_info flash;
 static u8 *cells;
@@ -56,7 +65,7 @@ static int __init flash_init(void)
 {
 	int err;
 
-	if (!tvspi_controller_ready() || !size || !erase_size || size % erase_size)
+	if (!controller_ready() || !size || !erase_size || size % erase_size)
 		return -EINVAL;
 	cells = vmalloc(size);
 	if (!cells)
