@@ -100,10 +100,16 @@ def tvsim_rung(work, scenario, medium, host_build):
                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         results[f"run{n}.out"] = out.stdout.decode(errors="replace")
         results[f"run{n}.status"] = f"{out.returncode}\n"
-    for dev in config["ubi"]:
+    # The volumes as the runs left them.
+    with open(os.path.join(board, "state.json")) as f:
+        ubi = json.load(f)["ubi"]
+    volumes = []
+    for dev in ubi:
         for vol in dev["volumes"]:
             name = f"ubi{dev['number']}_{vol['id']}"
+            volumes.append(f"{name} {vol['name']}\n")
             results[name] = tree_sums(os.path.join(board, "flash", name))
+    results["volumes"] = "".join(sorted(volumes))
     for part in config["mtd"]:
         flash = os.path.join(board, "mtd", part["name"] + ".bin")
         if part.get("type") == "nor" and os.path.exists(flash):
