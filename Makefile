@@ -2,13 +2,16 @@
 #   make demo    builds, makes a sample board and medium, runs tvupdate on it
 #   make check   builds (host, asan, armhf) and runs every test
 #   make armhf   builds tvupdate and libtvsim.so for the board
+#   make vm-check runs the board binary on Debian's armhf kernel under qemu-system-arm and
+#                compares it with tvsim (make check does too when the machine can)
 # Missing Debian packages are installed first when run as root.
 
 JOBS ?= $(shell nproc)
 DEB_PACKAGES := cmake make g++ libgtest-dev libgmock-dev nlohmann-json3-dev \
-	g++-arm-linux-gnueabihf qemu-user srecord mtd-utils clang-format i2c-tools flashrom
+	g++-arm-linux-gnueabihf qemu-user srecord mtd-utils clang-format i2c-tools flashrom \
+	qemu-system-arm mtools dosfstools cpio
 
-.PHONY: all demo check armhf host asan deps clean
+.PHONY: all demo check vm-check armhf host asan deps clean
 
 all: host
 
@@ -40,6 +43,10 @@ armhf: deps
 check: armhf host asan
 	TVSIM_REQUIRE_ARMHF=1 ctest --preset host -j $(JOBS)
 	ctest --preset asan -j $(JOBS)
+	vm/check.sh --if-possible build/host build/armhf
+
+vm-check: armhf host
+	vm/check.sh build/host build/armhf
 
 demo: host
 	tools/demo.sh build/host

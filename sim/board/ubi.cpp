@@ -79,6 +79,21 @@ int tool_error(const char *tool, const char *what, int err) {
     return 1;
 }
 
+// A byte count as the UBI tools print it: the exact count, then the largest unit it exceeds
+// with one decimal, cut off rather than rounded: "25268224 bytes, 24.0 MiB", or in brackets
+// "126976 bytes (124.0 KiB)".
+std::string tool_bytes(uint64_t bytes, bool bracket) {
+    std::string text = std::to_string(bytes) + " bytes";
+    for (auto [unit, name] : {std::pair<uint64_t, const char *>{1ull << 30, "GiB"},
+                              {1ull << 20, "MiB"},
+                              {1ull << 10, "KiB"}}) {
+        if (bytes > unit)
+            return text + (bracket ? " (" : ", ") + std::to_string(bytes / unit) + "." +
+                   std::to_string(bytes % unit / (unit / 10)) + " " + name + (bracket ? ")" : "");
+    }
+    return text;
+}
+
 bool volume_mounted(Board &board, const std::string &dir) {
     for (const json &m : board.state()["mounts"]) {
         if (m.value("host", "") == dir)
@@ -136,11 +151,9 @@ int ubi_make_volume(Board &board, const std::vector<std::string> &args) {
     (*dev)["volumes"].push_back({{"id", a.id}, {"name", a.name}, {"size", a.size}});
     board.trace("ubimkvol",
                 {{"node", board.board_path_of(a.node)}, {"id", a.id}, {"name", a.name}});
-    printf("Volume ID %d, size %llu LEBs (%llu bytes, %.1f MiB), LEB size %llu bytes (%.1f KiB), "
-           "dynamic, name \"%s\", alignment 1\n",
-           a.id, static_cast<unsigned long long>(lebs),
-           static_cast<unsigned long long>(lebs * kLebSize), lebs * kLebSize / 1048576.0,
-           static_cast<unsigned long long>(kLebSize), kLebSize / 1024.0, a.name.c_str());
+    printf("Volume ID %d, size %llu LEBs (%s), LEB size %s, dynamic, name \"%s\", alignment 1\n",
+           a.id, static_cast<unsigned long long>(lebs), tool_bytes(lebs * kLebSize, false).c_str(),
+           tool_bytes(kLebSize, true).c_str(), a.name.c_str());
     return 0;
 }
 

@@ -275,7 +275,7 @@ TEST_F(UpdateRun, ApplicationScriptStatusDecidesTheStep) {
 }
 
 TEST_F(UpdateRun, VolumeRecreationPrintsEachVerdict) {
-    const std::string made = "Volume ID 0, size 199 LEBs (25268224 bytes, 24.1 MiB), LEB size "
+    const std::string made = "Volume ID 0, size 199 LEBs (25268224 bytes, 24.0 MiB), LEB size "
                              "126976 bytes (124.0 KiB), dynamic, name \"app_data\", alignment 1\n";
     struct Case {
         const char *what;
