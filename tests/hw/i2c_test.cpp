@@ -452,8 +452,8 @@ TEST_F(I2cModels, KolmaAnswersAfterResetReleaseAndOpensItsEepromAfterEnable) {
 
 namespace fpga {
 
-// A fresh board for each case: both FPGAs configured from valid ROM images and out of reset,
-// pin 95 (the TR5 EEPROM's write enable) high, and with enable, the PLL waited for.
+// A fresh board per case: both FPGAs configured and out of reset, pin 95 (the TR5 EEPROM's
+// write enable) high, and with a type, its EEPROM enabled.
 class FpgaEepromOnBoard : public I2cOnBoard {
 protected:
     void TearDown() override {
@@ -461,15 +461,15 @@ protected:
         cn_user_fd = -1;
         I2cOnBoard::TearDown();
     }
-    void fresh_board(const json &faults, int enable_type) {
+    void fresh_board(const json &fault, int enable_type) {
         tvsim_detach();
-        close(cn_user_fd);
         SetUp();
         for (const char *rom : {"spi_rom1.bin", "spi_rom2.bin"})
-            std::ofstream(dir_ / rom, std::ios::binary)
-                << std::string(16, '\xff') << "\xaa\x99\x55\x66";
-        change_config([&](json &c) { c["faults"] = faults; });
+            std::ofstream(dir_ / rom) << std::string(16, '\xff') << "\xaa\x99\x55\x66";
+        change_config(
+            [&](json &c) { c["faults"] = fault.is_null() ? json::array() : json::array({fault}); });
         attach();
+        close(cn_user_fd);
         cn_user_fd = open("/dev/cn_user", O_RDWR);
         SetFPGAHwReset();
         PIO_BitWrite(kFpgaEepromPin, 1);
@@ -477,222 +477,100 @@ protected:
             ASSERT_EQ(EnableFPGAEeprom(enable_type), 0);
         }
     }
-    // Register reads of reg ("0010") so far.
-    int reads_of(const std::string &reg) const {
-        int count = 0;
+    int pll_reads() const {
         std::ifstream trace(dir_ / "trace.jsonl");
-        for (std::string line; std::getline(trace, line);) {
-            json e = json::parse(line);
-            count +=
-                e["ev"] == "i2c" && e["msgs"].size() == 2 && e["msgs"][0].value("w", "") == reg;
-        }
+        std::string all(std::istreambuf_iterator<char>(trace), {});
+        int count = 0;
+        for (size_t at = 0; (at = all.find("\"w\":\"0010\"},{", at)) != std::string::npos; ++at)
+            ++count;
         return count;
-    }
-    std::string cells(const char *file, size_t at, size_t count) {
-        std::ifstream in(dir_ / file, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), {}).substr(at, count);
     }
 };
 
-json fault(const char *kind, const char *target, const json &more = json::object()) {
-    json f = more;
-    f["fault"] = kind;
-    f["target"] = target;
-    return f;
-}
-
-std::string repeated(const std::string &line, int times) {
-    std::string text;
-    for (int i = 0; i < times; ++i)
-        text += line;
-    return text;
+json fault(const char *kind, const char *target, json more = json::object()) {
+    more["fault"] = kind;
+    more["target"] = target;
+    return more;
 }
 
 TEST_F(FpgaEepromOnBoard, PllLockNeedsThreeLockedReadsInARow) {
-    const struct {
-        int type;
-        json faults;
-        int result;
-        std::string output;
-        int pll_reads;
-    } cases[] = {
-        {1, json::array(), 0, "", 3},
-        {1, {fault("pll_never_locks", "fpga_tr5", {{"skip", 2}, {"times", 1}})}, 0, "", 6},
-        {1,
-         {fault("pll_never_locks", "fpga_tr5")},
-         1,
-         "FPGA EEP ERROR! on checking FPGA PLL lock status(0x001c).\n",
-         10},
-        {1,
-         {fault("calibration_not_done", "fpga_tr5")},
-         1,
-         "FPGA EEP ERROR! on checking Calibration done status(0x0001).\n",
-         3},
-        {2, {fault("calibration_not_done", "fpga_tr6")}, 0, "", 3},
-        {2,
-         {fault("pll_never_locks", "fpga_tr6")},
-         1,
-         "FPGA EEP ERROR! on checking FPGA PLL lock status(0x000c).\n",
-         10},
-    };
-    for (const auto &c : cases) {
-        fresh_board(c.faults, 0);
-        int result = -1;
-        EXPECT_EQ(printed([&] { result = EnableFPGAEeprom(c.type); }), c.output) << c.faults;
-        EXPECT_EQ(result, c.result) << c.faults;
-        EXPECT_EQ(reads_of("0010"), c.pll_reads) << c.faults;
-    }
+    fresh_board(fault("pll_never_locks", "fpga_tr5", {{"skip", 2}, {"times", 1}}), 1);
+    EXPECT_EQ(pll_reads(), 6); // locked, locked, not, then three locked
+    fresh_board(fault("pll_never_locks", "fpga_tr6"), 0);
+    EXPECT_EQ(printed([] { EXPECT_EQ(EnableFPGAEeprom(2), 1); }),
+              "FPGA EEP ERROR! on checking FPGA PLL lock status(0x000c).\n");
+    EXPECT_EQ(pll_reads(), 10);
 }
 
 TEST_F(FpgaEepromOnBoard, BlockSequencesAreJudgedByTheirLock) {
     uint8_t data[33];
     for (int i = 0; i < 33; ++i)
-        data[i] = static_cast<uint8_t>(i + 1); // the 32-byte block sums to 0x10
-    const std::string timeout = "FPGA EEP Timeout ERROR!!\n";
-    const std::string tr6_lock_timeout =
-        "FPGA EEP Write Status check TIMEOUT! on 0x0100 detection(read 0x0000) 6000 \n" + timeout;
-    const std::string size_line =
-        "FPGA EEP Write ERROR! your specified size(33byte) exceed buffer(32byte).\n";
-    const struct {
-        const char *what;
+        data[i] = static_cast<uint8_t>(i + 1); // a 32-byte block sums to 0x10
+    std::string timeouts, check = "FPGA EEP Write Status check TIMEOUT! on 0x";
+    for (int i = 0; i < 10; ++i)
+        timeouts += "FPGA EEP Timeout ERROR!!\n";
+    struct Case {
         int type;
-        json faults;
+        json fault;
         int length;
         std::string output;
         int result;
         bool stored;
-    } cases[] = {
-        {"TR5", 1, json::array(), 32, "", 0, true},
-        {"TR5 wrong sum still counts",
-         1,
-         {fault("register_wrong_sum", "fpga_tr5")},
-         32,
-         "FPGA EEP Checksum ERROR!!\n",
-         0,
-         true},
-        {"TR5 lock shown at the fourth read",
-         1,
-         {fault("register_status_missing", "fpga_tr5", {{"skip", 3}, {"times", 3}})},
-         32,
-         repeated(timeout, 3),
-         0,
-         true},
-        {"TR5 lock never shown",
-         1,
-         {fault("register_status_missing", "fpga_tr5")},
-         32,
-         repeated(timeout, 10),
-         2,
-         true},
-        {"TR5 never unlocked",
-         1,
-         {fault("register_status_missing", "fpga_tr5", {{"bits", 0x10}})},
-         32,
-         "FPGA EEP Write ERROR! on xxx1xxx0 detection (0x00)\n" + repeated(timeout, 10),
-         2,
-         false},
-        {"TR5 data not seen, yet locked",
-         1,
-         {fault("register_status_missing", "fpga_tr5", {{"bits", 0x10}, {"skip", 1}})},
-         32,
-         "FPGA EEP Write ERROR! on xxx1xxxx detection (0x00)\n",
-         0,
-         true},
-        {"TR5 block too long", 1, json::array(), 33, size_line + repeated(timeout, 10), 2, false},
-        {"TR6", 2, json::array(), 32, "", 0, true},
-        {"TR6 sum with its bits set passes",
-         2,
-         {fault("register_wrong_sum", "fpga_tr6", {{"delta", 0x01}})},
-         32,
-         "",
-         0,
-         true},
-        {"TR6 sum without its bits",
-         2,
-         {fault("register_wrong_sum", "fpga_tr6", {{"delta", 0x10}})},
-         32,
-         "FPGA EEP Write Status check TIMEOUT! on 0x0010 detection(read 0x1020) 6000 \n"
-         "FPGA EEP Checksum ERROR!\n",
-         1,
-         true},
-        {"TR6 never unlocked",
-         2,
-         {fault("register_status_missing", "fpga_tr6", {{"bits", 0x10}})},
-         32,
-         "FPGA EEP Write Status check TIMEOUT! on 0x1000 detection(read 0x0000) 6000 \n"
-         "FPGA EEP Write ERROR! on xxx1xxx0 detection ret=1\n" +
-             tr6_lock_timeout,
-         2,
-         false},
-        {"TR6 lock never shown",
-         2,
-         {fault("register_status_missing", "fpga_tr6")},
-         32,
-         "FPGA EEP Write Status check TIMEOUT! on 0x0100 detection(read 0x0010) 6000 \n" + timeout,
-         2,
-         true},
-        {"TR6 block too long", 2, json::array(), 33, size_line + tr6_lock_timeout, 2, false},
     };
-    for (const auto &c : cases) {
-        fresh_board(c.faults, c.type);
+    for (const Case &c : {
+             Case{1, fault("register_wrong_sum", "fpga_tr5"), 32, "FPGA EEP Checksum ERROR!!\n", 0,
+                  true},
+             Case{1, fault("register_status_missing", "fpga_tr5", {{"skip", 3}, {"times", 3}}), 32,
+                  timeouts.substr(0, 75), 0, true},
+             Case{1, fault("register_status_missing", "fpga_tr5", {{"bits", 0x10}}), 32,
+                  "FPGA EEP Write ERROR! on xxx1xxx0 detection (0x00)\n" + timeouts, 2, false},
+             Case{1, fault("register_status_missing", "fpga_tr5", {{"bits", 0x10}, {"skip", 1}}),
+                  32, "FPGA EEP Write ERROR! on xxx1xxxx detection (0x00)\n", 0, true},
+             Case{1, json(), 33,
+                  "FPGA EEP Write ERROR! your specified size(33byte) exceed buffer(32byte).\n" +
+                      timeouts,
+                  2, false},
+             Case{2, fault("register_wrong_sum", "fpga_tr6", {{"delta", 0x01}}), 32, "", 0, true},
+             Case{2, fault("register_wrong_sum", "fpga_tr6", {{"delta", 0x10}}), 32,
+                  check + "0010 detection(read 0x1020) 6000 \nFPGA EEP Checksum ERROR!\n", 1, true},
+             Case{2, fault("register_status_missing", "fpga_tr6", {{"bits", 0x10}}), 32,
+                  check +
+                      "1000 detection(read 0x0000) 6000 \nFPGA EEP Write ERROR! on xxx1xxx0 "
+                      "detection ret=1\n" +
+                      check + "0100 detection(read 0x0000) 6000 \n" + timeouts.substr(0, 25),
+                  2, false},
+         }) {
+        fresh_board(c.fault, c.type);
         int result = -1;
         auto write = c.type == 1 ? WriteFPGAEeprom : WriteFPGAEeprom_TR6;
-        EXPECT_EQ(printed([&] { result = write(0x40, data, c.length); }), c.output) << c.what;
-        EXPECT_EQ(result, c.result) << c.what;
-        std::string block(reinterpret_cast<const char *>(data), 32);
-        EXPECT_EQ(cells(c.type == 1 ? "i2c/fpga_tr5.bin" : "i2c/fpga_tr6.bin", 0x40, 32) == block,
-                  c.stored)
-            << c.what;
+        EXPECT_EQ(printed([&] { result = write(0x40, data, c.length); }), c.output) << c.fault;
+        EXPECT_EQ(result, c.result) << c.fault;
+        std::ifstream in(dir_ / (c.type == 1 ? "i2c/fpga_tr5.bin" : "i2c/fpga_tr6.bin"));
+        std::string cells(std::istreambuf_iterator<char>(in), {});
+        EXPECT_EQ(cells.substr(0x40, 32) == std::string(data, data + 32), c.stored) << c.fault;
+        uint8_t back[10] = {};
+        if (c.type == 1 && c.stored) { // the read interface sees what the block stored
+            EXPECT_EQ(ReadFPGAEeprom(0x44, back, sizeof back), 0);
+            EXPECT_EQ(memcmp(back, data + 4, sizeof back), 0);
+        }
     }
 }
 
-TEST_F(FpgaEepromOnBoard, Tr5ReadInterfaceReturnsWhatABlockStored) {
-    fresh_board(json::array(), 1);
-    uint8_t data[32];
-    for (int i = 0; i < 32; ++i)
-        data[i] = static_cast<uint8_t>(0xA0 + i);
-    ASSERT_EQ(WriteFPGAEeprom(0x20, data, 32), 0);
-    uint8_t buffer[12];
-    memset(buffer, 0xEE, sizeof buffer);
-    EXPECT_EQ(ReadFPGAEeprom(0x24, buffer, 10), 0);
-    EXPECT_EQ(memcmp(buffer, data + 4, 10), 0);
-    EXPECT_EQ(buffer[10], 0xEE);
-    EXPECT_EQ(printed([&] { EXPECT_EQ(ReadFPGAEeprom(0x24, buffer, 17), 1); }),
-              "FPGA EEP Read ERROR! your specified size(17byte) exceed buffer(16byte).\n");
-}
-
-// Refusals before anything reaches the FPGA: no reset pulse, pin 95 left at 0.
+// Refused before anything reaches the FPGA: no PLL read, pin 95 left at 0.
 TEST_F(FpgaEepromOnBoard, FilesThatGiveNoBlockAreRefusedBeforeTheFpga) {
-    fresh_board(json::array(), 0);
+    fresh_board(json(), 0);
     fs::create_directories(dir_ / "fs/tmp/w");
-    const struct {
-        const char *file;
-        int type;
-        std::string output;
-    } cases[] = {
-        {"0000 01\n", 3, "**ERROR ** fpga type fail\n"},
-        {"", 1,
-         "Reading from file : /tmp/w/tr5_eep.txt \n**ERROR** no EEP block to write in "
-         "/tmp/w/tr5_eep.txt\n"},
-        {"0000 01\n07FF 02\n", 1,
-         "Reading from file : /tmp/w/tr5_eep.txt \n**ERROR** EEP "
-         "address 0x07FF is outside the image (0x07FF bytes)\n"},
-        {"07E1 02\n", 2,
-         "Reading from file : /tmp/w/tr6_eep.txt \n**ERROR** EEP end address "
-         "0x07E1: its last block would pass the image end\n"},
-    };
-    for (const auto &c : cases) {
-        std::ofstream(dir_ / "fs/tmp/w" / (c.type == 2 ? "tr6_eep.txt" : "tr5_eep.txt")) << c.file;
-        int result = 0;
-        EXPECT_EQ(printed([&] { result = Update_FPGAEeprom("/tmp/w", nullptr, nullptr, c.type); }),
-                  c.output);
-        EXPECT_EQ(result, -1);
-        uint8_t level = 1;
-        EXPECT_EQ(PIO_BitRead(kFpgaEepromPin, &level), PIO_OK);
-        EXPECT_EQ(level, 0);
-        fs::remove(dir_ / "fs/tmp/w" / (c.type == 2 ? "tr6_eep.txt" : "tr5_eep.txt"));
-    }
-    EXPECT_EQ(reads_of("0010"), 0);
+    std::ofstream(dir_ / "fs/tmp/w/tr6_eep.txt") << "0000 01\n";
+    EXPECT_EQ(printed([] { EXPECT_EQ(Update_FPGAEeprom("/tmp/w", nullptr, nullptr, 3), -1); }),
+              "**ERROR ** fpga type fail\n");
+    std::ofstream(dir_ / "fs/tmp/w/tr6_eep.txt") << "\n";
+    EXPECT_EQ(printed([] { EXPECT_EQ(Update_FPGAEeprom("/tmp/w", nullptr, nullptr, 2), -1); }),
+              "Reading from file : /tmp/w/tr6_eep.txt \n"
+              "**ERROR** no EEP block to write in /tmp/w/tr6_eep.txt\n");
+    uint8_t level = 1;
+    EXPECT_EQ(PIO_BitRead(kFpgaEepromPin, &level), PIO_OK);
+    EXPECT_EQ(level, 0);
+    EXPECT_EQ(pll_reads(), 0);
 }
 
 } // namespace fpga
