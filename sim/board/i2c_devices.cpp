@@ -15,16 +15,31 @@ constexpr uint16_t kUnlockB = 0x5043;
 constexpr size_t kReadWindow = 16;
 
 constexpr RegisterMap kRegisterMaps[] = {
-    {"kolma", 64, 0x0016, {0x0001, 0x0000}, 2,      0x4026, 0x40FA, 0x40FC, 0x40FE, 0x40F8,
-     0x4100,  0,  0x4000, 0x400A,           0x401C, 0x4002, 0x400C, {},     0,      0,
-     0,       0,  0},
-    {"vornek", 64, 0, {}, 0, 0,  0x70FA, 0x70FC, 0x70FE, 0x70F8, 0, 0xF100,
-     0,        0,  0, 0,  0, {}, 0,      0,      0,      0,      0},
+    {"kolma",
+     64,
+     0x0016,
+     {0x0001, 0x0000},
+     2,
+     0x4026,
+     0x40FA,
+     0x40FC,
+     0x40FE,
+     0x40F8,
+     0x4100,
+     0,
+     0x4000,
+     0x400A,
+     0x401C,
+     0x4002,
+     0x400C,
+     {}},
+    {"vornek", 64, 0, {}, 0, 0, 0x70FA, 0x70FC, 0x70FE, 0x70F8, 0, 0xF100, 0, 0, 0, 0, 0, {}},
+    // FPGA interfaces: the roles above, then the PLL and calibration registers.
     {"fpga_tr5", 32,     0x0020, {0x0000}, 1,      0,  0x48FA, 0x48FC, 0x48FE, 0x48F8, 0x4900, 0,
      0x4800,     0x480A, 0x4802, 0x4802,   0x480C, {}, 0x0022, 0x0010, 0x001E, 0x0012, 0x0003},
     {"fpga_tr6", 32,     0x0020, {0x0000}, 1, 0, 0x4876, 0x4874, 0x4878,
      0x4872,     0x487A, 0,      0,        0, 0, 0,      0,      {{0x4804, 0x0000}},
-     0x0022,     0x0010, 0x000E, 0,        0},
+     0x0022,     0x0010, 0x000E},
 };
 
 uint64_t setting(const json &config, const char *key, uint64_t fallback) {

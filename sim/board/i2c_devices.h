@@ -69,11 +69,11 @@ struct RegisterMap {
     // FPGA interfaces: the PLL is held until pll_restart is written 0, then pll_status reads
     // pll_locked once it has locked; calibration (0: none) reads calibration_done after that.
     // The EEPROM interface takes its enable only then.
-    uint16_t pll_restart;
-    uint16_t pll_status;
-    uint16_t pll_locked;
-    uint16_t calibration;
-    uint16_t calibration_done;
+    uint16_t pll_restart = 0;
+    uint16_t pll_status = 0;
+    uint16_t pll_locked = 0;
+    uint16_t calibration = 0;
+    uint16_t calibration_done = 0;
 };
 
 // The register maps of the models; null for an unknown model.
