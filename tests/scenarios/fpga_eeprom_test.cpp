@@ -104,9 +104,10 @@ TEST_F(FpgaEeproms, FaultsShowInOutputAndResult) {
         EXPECT_EQ(r.exit_status, c.tr5_ok && c.tr6_ok ? 0 : 255) << c.fault;
         EXPECT_EQ(board.read("i2c/fpga_tr5.bin") == written_cells(1), c.tr5_ok) << c.fault;
         EXPECT_EQ(board.read("i2c/fpga_tr6.bin") == written_cells(2), c.tr6_ok) << c.fault;
-        // Pin 95, the TR5 EEPROM's write enable, is left at 0 on every path.
+        // Pin 95, the TR5 EEPROM's write enable, is left at 0 on every path (a board build
+        // whose pins never changed has no latches in its state).
         json state = json::parse(board.read("state.json"));
-        EXPECT_EQ(state["soc"]["gpio_out"][2].get<uint32_t>() >> 31, 0u) << c.fault;
+        EXPECT_EQ(state.value(json::json_pointer("/soc/gpio_out/2"), 0u) >> 31, 0u) << c.fault;
     }
 }
 
