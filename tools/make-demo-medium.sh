@@ -1,8 +1,8 @@
 #!/bin/sh
 # Writes a sample update medium for model MODEL into DIR: an image list that selects the
 # application, every data directory, the TV microcontroller's EEPROM and firmware and the boot
-# loader, the Pelto and KOLMA EEPROMs, the three FPGA configuration ROMs, and the files each of
-# them needs.
+# loader, the Pelto and KOLMA EEPROMs, the three FPGA configuration ROMs, both FPGA EEPROMs, and
+# the files each of them needs.
 # Usage: make-demo-medium.sh DIR MODEL
 set -eu
 dir=$1
@@ -28,6 +28,8 @@ kolma_eeprom
 fpga_sam_1
 fpga_sam_2
 fpga_sam_3
+fpga_eeprom
+fpga_tr6_eeprom
 LIST
 printf 'mode=full\nmodel=%s\n' "$model" > "$top/update_mode.conf"
 for d in app_data/dpdc app_data/factory model_data jpeg_user jpeg_factory bitmap other; do
@@ -86,4 +88,13 @@ for rom in fpga_config_sum_tr1 fpga_config_sum_tr5 fpga_config_lgd_tr6; do
             i=$((i + 1))
         done
     } > "$data/$rom.bin"
+done
+
+# The FPGA EEPROMs (TR5 and TR6): 256 bytes each, eight 32-byte blocks.
+for fpga in tr5 tr6; do
+    i=0
+    while [ $i -lt 256 ]; do
+        printf '%04X %02X\n' $i $(((i * 17 + ${fpga#tr} * 5) % 256))
+        i=$((i + 1))
+    done > "$data/${fpga}_eep_demo.txt"
 done

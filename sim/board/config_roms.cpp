@@ -288,6 +288,7 @@ void start_load(Board &board, int n) {
     json &fpga = volatile_state(board, "fpga", n);
     bool valid = image_valid(board, n);
     bool never = board.take_fault("config_done_never", "fpga" + std::to_string(n)) != nullptr;
+    fpga["loaded_at"] = board.now_ns();
     fpga["done_at"] = board.now_ns() + rom_config(board, n).load_ns;
     fpga["configured"] = valid && !never;
     fpga["in_reset"] = false;
@@ -471,6 +472,19 @@ int config_rom_pin_input(Board &board, int pin) {
         return board.now_ns() >= number_from(member(fpga, "done_at"), 0) ? 1 : 0;
     }
     return -1;
+}
+
+bool fpga_configured(Board &board, int n, uint64_t *since_ns) {
+    *since_ns = 0;
+    if (!spi_config(board).is_object() || n < 0 || n >= kConfigRomCount)
+        return false;
+    const json &fpga = member(member(board.state(), "soc"), "fpga" + std::to_string(n));
+    if (!fpga.is_object())
+        return image_valid(board, n); // configured at power-on
+    if (fpga.value("in_reset", false) || !fpga.value("configured", false))
+        return false;
+    *since_ns = number_from(member(fpga, "loaded_at"), 0);
+    return true;
 }
 
 json default_spi_config() {

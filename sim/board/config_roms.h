@@ -32,6 +32,10 @@ void config_rom_pin_changed(Board &board, int pin, int level);
 // The level the FPGAs drive on a pin, or -1 when they drive none.
 int config_rom_pin_input(Board &board, int pin);
 
+// Whether FPGA n holds a configuration (out of reset, loading or loaded from a valid image),
+// and since when: *since_ns is the start of its last load, 0 for the power-on configuration.
+bool fpga_configured(Board &board, int n, uint64_t *since_ns);
+
 // The chip select of the ROMs a bus transfer reaches now (bit n for ROM n).
 unsigned selected_roms(Board &board);
 

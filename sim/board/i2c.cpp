@@ -353,7 +353,29 @@ json default_i2c_config() {
                    {"address", "0x0A"},
                    {"file", "i2c/vornek.bin"},
                    {"size", 32768},
-                   {"write_us", 200}}}}};
+                   {"write_us", 200}},
+                  {{"name", "fpga_tr5"},
+                   {"model", "fpga_tr5"},
+                   {"bus", 2},
+                   {"address", "0x0D"},
+                   {"file", "i2c/fpga_tr5.bin"},
+                   {"size", 2048},
+                   {"fpga", 1},
+                   {"reset_pin", 40},
+                   {"write_enable_pin", 95},
+                   {"pll_lock_us", 1000},
+                   {"calibration_us", 2000},
+                   {"write_us", 5000}},
+                  {{"name", "fpga_tr6"},
+                   {"model", "fpga_tr6"},
+                   {"bus", 2},
+                   {"address", "0x0F"},
+                   {"file", "i2c/fpga_tr6.bin"},
+                   {"size", 2048},
+                   {"fpga", 2},
+                   {"reset_pin", 38},
+                   {"pll_lock_us", 1000},
+                   {"write_us", 5000}}}}};
 }
 
 bool create_i2c_files(const std::string &board_dir, const json &config) {

@@ -1,5 +1,6 @@
 #include "board/i2c_devices.h"
 
+#include "board/config_roms.h"
 #include "board/registers.h"
 
 #include <cstring>
@@ -33,6 +34,12 @@ constexpr RegisterMap kRegisterMaps[] = {
      0x400C,
      {}},
     {"vornek", 64, 0, {}, 0, 0, 0x70FA, 0x70FC, 0x70FE, 0x70F8, 0, 0xF100, 0, 0, 0, 0, 0, {}},
+    // FPGA interfaces: the roles above, then the PLL and calibration registers.
+    {"fpga_tr5", 32,     0x0020, {0x0000}, 1,      0,  0x48FA, 0x48FC, 0x48FE, 0x48F8, 0x4900, 0,
+     0x4800,     0x480A, 0x4802, 0x4802,   0x480C, {}, 0x0022, 0x0010, 0x001E, 0x0012, 0x0003},
+    {"fpga_tr6", 32,     0x0020, {0x0000}, 1, 0, 0x4876, 0x4874, 0x4878,
+     0x4872,     0x487A, 0,      0,        0, 0, 0,      0,      {{0x4804, 0x0000}},
+     0x0022,     0x0010, 0x000E},
 };
 
 uint64_t setting(const json &config, const char *key, uint64_t fallback) {
@@ -108,10 +115,14 @@ public:
 
     bool select(bool) override {
         int pin = static_cast<int>(setting(config(), "reset_pin", 0xFFFF));
-        if (pin == 0xFFFF || pin_level(board_, pin) == 1)
-            return true;
-        volatile_state() = json::object(); // held in reset
-        return false;
+        uint64_t since = 0;
+        if ((pin != 0xFFFF && pin_level(board_, pin) != 1) || !configured(&since)) {
+            volatile_state() = json::object(); // held in reset, or no configuration to answer
+            return false;
+        }
+        if (volatile_state().value("since_ns", uint64_t{0}) < since)
+            volatile_state() = json{{"since_ns", since}}; // reconfigured since the last transfer
+        return true;
     }
 
     size_t write_message(const uint8_t *bytes, size_t count) override {
@@ -141,6 +152,48 @@ public:
 private:
     json &reg_state() { return volatile_state(); }
 
+    uint64_t ns_setting(const char *key, uint64_t fallback_us) const {
+        return setting(config(), key, fallback_us) * kNsPerUs;
+    }
+
+    // An interface that the FPGA named by "fpga" offers: whether it does now, and since when.
+    bool configured(uint64_t *since) {
+        const json &fpga = member(config(), "fpga");
+        return fpga.is_null() ||
+               fpga_configured(board_, static_cast<int>(number_from(fpga, 0)), since);
+    }
+
+    // Whether the PLL has had its lock time since it was started; false while it is held.
+    bool pll_settled(uint64_t extra_ns = 0) {
+        const json &s = reg_state();
+        return s.contains("pll_since_ns") &&
+               board_.now_ns() >=
+                   s["pll_since_ns"].get<uint64_t>() + ns_setting("pll_lock_us", 1000) + extra_ns;
+    }
+
+    uint16_t pll_value() {
+        if (!pll_settled())
+            return 0;
+        if (board_.take_fault("pll_never_locks", name()) != nullptr)
+            return map_.pll_locked & static_cast<uint16_t>(map_.pll_locked - 1);
+        return map_.pll_locked;
+    }
+
+    uint16_t calibration_value() {
+        if (!pll_settled(ns_setting("calibration_us", 2000)))
+            return 0x0000;
+        if (board_.take_fault("calibration_not_done", name()) != nullptr)
+            return 0x0001;
+        return map_.calibration_done;
+    }
+
+    // The EEPROM interface of an FPGA runs on its PLL (and calibration).
+    bool clocks_ready() {
+        return map_.pll_status == 0 ||
+               (pll_value() == map_.pll_locked &&
+                (map_.calibration == 0 || calibration_value() == map_.calibration_done));
+    }
+
     bool enabled() {
         return map_.enable_count == 0 || reg_state().value("enable_step", 0) >= map_.enable_count;
     }
@@ -160,7 +213,8 @@ private:
     }
 
     bool readable(uint16_t reg) {
-        if (fixed(reg) != nullptr)
+        if (fixed(reg) != nullptr ||
+            (reg != 0 && (reg == map_.pll_status || reg == map_.calibration)))
             return true;
         if (!enabled())
             return false;
@@ -171,6 +225,10 @@ private:
     uint16_t read_register(uint16_t reg) {
         if (const FixedRegister *f = fixed(reg))
             return f->value;
+        if (reg == map_.pll_status)
+            return pll_value();
+        if (reg == map_.calibration)
+            return calibration_value();
         if (reg == map_.status)
             return status();
         if (in_read_data(reg)) {
@@ -197,7 +255,16 @@ private:
 
     bool write_register(uint16_t reg, uint16_t value) {
         json &s = reg_state();
+        if (reg == map_.pll_restart && reg != 0) {
+            if (value == 0)
+                s["pll_since_ns"] = board_.now_ns();
+            else
+                s.erase("pll_since_ns");
+            return true;
+        }
         if (reg == map_.enable && map_.enable_count > 0) {
+            if (!clocks_ready())
+                return false;
             int step = s.value("enable_step", 0);
             s["enable_step"] = step < map_.enable_count && value == map_.enable_values[step]
                                    ? step + 1
@@ -284,8 +351,10 @@ private:
     void lock() {
         json &s = reg_state();
         std::string data = s.value("data", std::string());
+        int write_enable = static_cast<int>(setting(config(), "write_enable_pin", 0xFFFF));
         bool complete = s.contains("address") && data.size() == map_.block_size * 2 &&
-                        data.find('x') == std::string::npos;
+                        data.find('x') == std::string::npos &&
+                        (write_enable == 0xFFFF || pin_level(board_, write_enable) == 1);
         if (!complete) {
             s["stored"] = false;
             board_.trace("register_block_refused", {{"device", name()}});

@@ -22,6 +22,18 @@
 //   1; while it is 0 the device forgets its registers).
 //   Faults (target: the device's name): register_status_missing ("bits" of status high that
 //   never show, default 0x01), register_wrong_sum (status low off by "delta", default 1).
+//
+// FPGA EEPROM interfaces ("fpga_tr5", "fpga_tr6"): register interfaces of 32-byte blocks that
+//   the FPGA named by "fpga" (1 or 2) offers while it holds a configuration and its
+//   "reset_pin" is 1; every reconfiguration (a reset pulse, the ROM's access returned) makes
+//   them forget their registers and holds the PLL again. Writing 0 to register 0x0022 starts
+//   the PLL, which reads locked (0x001E TR5, 0x000E TR6) at 0x0010 "pll_lock_us" (default
+//   1000) later; the TR5 calibration (0x0012) reads 0x0003 "calibration_us" (default 2000)
+//   after the lock, 0x0000 before. Enable (0x0020 written 0) is refused until then. With
+//   "write_enable_pin", a block is stored only while that pin is 1.
+//   Keys as above, and "fpga", "pll_lock_us", "calibration_us", "write_enable_pin".
+//   Faults (target: the device's name): pll_never_locks (one PLL short of lock: 0x001C,
+//   0x000C), calibration_not_done (0x0001), and the register faults above.
 #pragma once
 
 #include "board/i2c.h"
@@ -53,7 +65,15 @@ struct RegisterMap {
     uint16_t read_start;
     uint16_t read_status;   // low bits 0 and 3 clear: the data is ready
     uint16_t read_data;     // bytes at read address + i at read_data + i, i < 16
-    FixedRegister fixed[6]; // further registers of the device (PLL, calibration, ...)
+    FixedRegister fixed[6]; // further registers of the device
+    // FPGA interfaces: the PLL is held until pll_restart is written 0, then pll_status reads
+    // pll_locked once it has locked; calibration (0: none) reads calibration_done after that.
+    // The EEPROM interface takes its enable only then.
+    uint16_t pll_restart = 0;
+    uint16_t pll_status = 0;
+    uint16_t pll_locked = 0;
+    uint16_t calibration = 0;
+    uint16_t calibration_done = 0;
 };
 
 // The register maps of the models; null for an unknown model.

@@ -1,6 +1,7 @@
 #include "eeprom/eep_update.h"
 
 #include "common/holders.h"
+#include "fpga/update_fpga.h"
 #include "hw/utils.h"
 #include "run/main.h"
 #include "tvmicro/tvm_update.h"
@@ -248,7 +249,7 @@ constexpr uint16_t kUnlockB = 0x5043;
 constexpr int kKolmaResetPin = 23;
 constexpr int kKolmaStatusTimeoutUs = 5000;
 constexpr int kKolmaReadLimit = 16;
-constexpr int kUatKolmaRate = 128906;
+constexpr int kUatPortRate = 128906;
 
 // The KOLMA registers.
 constexpr uint16_t kKolmaEnable = 0x0016;
@@ -308,30 +309,67 @@ void vornek_status(uint8_t *status) {
 }
 
 // Exactly bits 4 and 0 of status high.
-bool vornek_shows(const uint8_t *status, uint8_t bits) {
+bool status_shows(const uint8_t *status, uint8_t bits) {
     return (status[0] & 0x11) == bits;
 }
 
 // A block copied into a zero-filled block of the interface's size, and its sum.
-uint8_t copy_block(const uint8_t *data, int length, uint8_t *block) {
-    memset(block, 0, kRegisterBlock);
+uint8_t copy_block(const uint8_t *data, int length, uint8_t *block, int size) {
+    memset(block, 0, static_cast<size_t>(size));
     if (data != nullptr && length > 0)
-        memcpy(block, data, length < kRegisterBlock ? static_cast<size_t>(length) : kRegisterBlock);
+        memcpy(block, data, static_cast<size_t>(length < size ? length : size));
     uint8_t sum = 0;
-    for (int i = 0; i < kRegisterBlock; ++i)
+    for (int i = 0; i < size; ++i)
         sum = static_cast<uint8_t>(sum + block[i]);
     return sum;
+}
+
+// Writes the block's words (bytes i and i + 1, the first as high byte) to first + i; a paced
+// interface takes 9 microseconds after the first word and 4 after each other.
+template <typename Write>
+void write_block_words(const uint8_t *block, int size, uint16_t first, bool paced, Write write) {
+    for (int i = 0; i < size; i += 2) {
+        write(static_cast<uint16_t>(first + i),
+              static_cast<uint16_t>(block[i] << 8 | block[i + 1]));
+        if (paced)
+            usleep(i == 0 ? 9 : 4);
+    }
+}
+
+// Reads the status until the bits of pattern (high, low) are set in it: true; false once more
+// than timeout_us of 1 ms pauses have passed. *elapsed_us is the time waited.
+bool poll_status_bits(void (*read)(uint8_t *status), const uint8_t *pattern, int timeout_us,
+                      uint8_t *status, int *elapsed_us) {
+    read(status);
+    for (*elapsed_us = 0;;) {
+        if ((status[0] & pattern[0]) == pattern[0] && (status[1] & pattern[1]) == pattern[1])
+            return true;
+        usleep(1000);
+        *elapsed_us += 1000;
+        if (*elapsed_us > timeout_us)
+            return false;
+        read(status);
+    }
+}
+
+// Hands length bytes (at most the 16 of a read block) of a read block to the caller.
+void copy_read_block(const uint8_t *block, uint8_t *buffer, int length) {
+    if (buffer != nullptr && length > 0) {
+        memset(buffer, 0, static_cast<size_t>(length));
+        memcpy(buffer, block, static_cast<size_t>(length));
+    }
 }
 
 // A block writer of the walk that keeps the block's own result.
 struct RegisterBlockWriter {
     int (*write)(uint32_t address, const uint8_t *data, int length);
+    int block_size;
     int result;
 };
 
 int write_register_block(void *context, uint32_t address, const uint8_t *block) {
     RegisterBlockWriter &writer = *static_cast<RegisterBlockWriter *>(context);
-    writer.result = writer.write(address, block, kRegisterBlock);
+    writer.result = writer.write(address, block, writer.block_size);
     return writer.result;
 }
 
@@ -344,12 +382,12 @@ bool find_text_file(const char *write_dir, const char *prefix, const char *missi
     return found == EEP_FILE_FOUND;
 }
 
-// The port command the KOLMA update sends first; its outcome does not matter.
-int send_kolma_port_command() {
+// The port command the KOLMA and FPGA EEPROM updates send first; its outcome does not matter.
+int send_port_command() {
     UniqueFd link(open(kUatDevice, O_RDWR));
     if (!link.valid())
         return -1;
-    set_uat_rate(link.get(), kUatKolmaRate);
+    set_uat_rate(link.get(), kUatPortRate);
     tvmuio_SetPort(link.get(), 1, 4);
     return 0;
 }
@@ -374,12 +412,8 @@ void kolma_block_body(uint32_t address, const uint8_t *data, int length) {
     if (!kolma_step(0x10, 0x00, "KOLMA EEP Write ERROR! on xxx1xxxx detection"))
         return;
     uint8_t block[kRegisterBlock];
-    uint8_t sum = copy_block(data, length, block);
-    for (int i = 0; i < kRegisterBlock; i += 2) {
-        kolma_write(static_cast<uint16_t>(kKolmaData + i),
-                    static_cast<uint16_t>(block[i] << 8 | block[i + 1]));
-        usleep(i == 0 ? 9 : 4);
-    }
+    uint8_t sum = copy_block(data, length, block, kRegisterBlock);
+    write_block_words(block, kRegisterBlock, kKolmaData, true, kolma_write);
     if (!kolma_step(0x10, 0x00, "KOLMA EEP Write ERROR! on xxx1xxxx detection ") ||
         !kolma_step(0x10, 0x00, "KOLMA EEP Write ERROR! on xxx1xxxx detection "))
         return;
@@ -458,19 +492,13 @@ int EnableKOLMAEeprom() {
 
 int CheckKOLMAWriteStatus(const uint8_t *pattern, int timeout_us) {
     uint8_t status[2] = {0, 0};
-    kolma_read(kKolmaStatus, status);
-    for (int elapsed = 0;;) {
-        if ((status[0] & pattern[0]) == pattern[0] && (status[1] & pattern[1]) == pattern[1])
-            return 0;
-        usleep(1000);
-        elapsed += 1000;
-        if (elapsed > timeout_us) {
-            printf("KOLMA EEP Write ERROR! on 0x%02x%02x detection(read 0x%02x%02x) \n", pattern[0],
-                   pattern[1], status[0], status[1]);
-            return 1;
-        }
-        kolma_read(kKolmaStatus, status);
-    }
+    int elapsed = 0;
+    if (poll_status_bits([](uint8_t *s) { kolma_read(kKolmaStatus, s); }, pattern, timeout_us,
+                         status, &elapsed))
+        return 0;
+    printf("KOLMA EEP Write ERROR! on 0x%02x%02x detection(read 0x%02x%02x) \n", pattern[0],
+           pattern[1], status[0], status[1]);
+    return 1;
 }
 
 int WriteKOLMAEeprom(uint32_t address, const uint8_t *data, int length) {
@@ -503,10 +531,7 @@ int ReadKOLMAEeprom(uint32_t address, uint8_t *buffer, int length) {
     uint8_t block[kKolmaReadLimit] = {};
     for (int i = 0; i < kKolmaReadLimit; i += 2)
         kolma_read(static_cast<uint16_t>(kKolmaReadData + i), block + i);
-    if (buffer != nullptr && length > 0) {
-        memset(buffer, 0, static_cast<size_t>(length));
-        memcpy(buffer, block, static_cast<size_t>(length));
-    }
+    copy_read_block(block, buffer, length);
     return 0;
 }
 
@@ -526,14 +551,14 @@ int Update_KOLMAEeprom(const char *write_dir, const char *, const int *index) {
     uint32_t end_address = 0;
     if (read_eep_image(file.get(), kEepLineSize, EEP_LAYOUT_DATA_ONLY, image, &end_address) != 0)
         return -1;
-    if (send_kolma_port_command() != 0)
+    if (send_port_command() != 0)
         return -1;
     SetKolmaHwReset();
     sleep(2);
     if (int enabled = EnableKOLMAEeprom(); enabled != 0)
         return enabled;
     sleep(2);
-    RegisterBlockWriter writer{WriteKOLMAEeprom, -1};
+    RegisterBlockWriter writer{WriteKOLMAEeprom, kRegisterBlock, -1};
     eep_block_walk(image, end_address, write_register_block, &writer);
     if (writer.result != 0) {
         if (end_address != 0)
@@ -553,18 +578,18 @@ int WriteVornekEeprom(uint32_t address, const uint8_t *data, int length) {
     usleep(kVornekPause);
     uint8_t status[2] = {0, 0};
     vornek_status(status);
-    if (!vornek_shows(status, 0x10)) {
+    if (!status_shows(status, 0x10)) {
         puts("EEP Write ERROR! on xxx1xxx0 detection 0");
         return 1;
     }
     vornek_write(kVornekAddress, static_cast<uint16_t>(address));
     uint8_t message[2 + kRegisterBlock];
     memcpy(message, kVornekDataMessage, sizeof kVornekDataMessage);
-    uint8_t sum = copy_block(data, length, message + 2);
+    uint8_t sum = copy_block(data, length, message + 2, kRegisterBlock);
     IIC_VornekEEP_Write(sizeof message, message);
     usleep(kVornekPause);
     vornek_status(status);
-    if (!vornek_shows(status, 0x10)) {
+    if (!status_shows(status, 0x10)) {
         puts("EEP Write ERROR! on xxx1xxx0 detection 0");
         return 1;
     }
@@ -580,7 +605,7 @@ int WriteVornekEeprom(uint32_t address, const uint8_t *data, int length) {
         uint8_t number[2] = {static_cast<uint8_t>(kVornekStatus >> 8),
                              static_cast<uint8_t>(kVornekStatus)};
         IIC_VornekEEP_Read(number, 2, status);
-        if (vornek_shows(status, 0x01))
+        if (status_shows(status, 0x01))
             return 0;
         usleep(kVornekPause);
         puts("Timeout ERROR!!");
@@ -607,10 +632,290 @@ int Update_VornekEeprom(const char *write_dir) {
         data_lines == 0)
         return -1;
     puts("Start writing to Vornek EEPROM, please wait... ");
-    RegisterBlockWriter writer{WriteVornekEeprom, 0};
+    RegisterBlockWriter writer{WriteVornekEeprom, kRegisterBlock, 0};
     eep_block_walk(image, end_address, write_register_block, &writer);
     putchar('\r');
     if (writer.result == 0)
         printf("\r 100%% completed\n");
     return writer.result;
+}
+
+// --- FPGA EEPROMs ----------------------------------------------------------------------------
+
+uint8_t fpga_eeprom_buf[kFpgaEepromSize];
+
+namespace {
+
+constexpr int kFpgaTr5 = 1;
+constexpr int kFpgaTr6 = 2;
+constexpr int kFpgaBlock = 32;
+constexpr int kFpgaLineSize = 32;
+constexpr int kFpgaReadLimit = 16;
+
+// Registers both types share, and the PLL's locked value per type.
+constexpr uint16_t kFpgaPllRestart = 0x0022;
+constexpr uint16_t kFpgaPllStatus = 0x0010;
+constexpr uint16_t kFpgaCalibration = 0x0012;
+constexpr uint16_t kFpgaEnable = 0x0020;
+constexpr uint16_t kFpgaPllLocked[] = {0, 0x001E, 0x000E};
+constexpr uint16_t kCalibrationDone = 0x0003;
+constexpr int kPllReads = 10;
+constexpr int kPllSameReads = 3;
+constexpr useconds_t kPllRestartPause = 500;
+
+// The TR5 block and read registers.
+constexpr uint16_t kTr5UnlockA = 0x48FA;
+constexpr uint16_t kTr5UnlockB = 0x48FC;
+constexpr uint16_t kTr5Address = 0x48FE;
+constexpr uint16_t kTr5Data = 0x4900;
+constexpr uint16_t kTr5Status = 0x48F8;
+constexpr uint16_t kTr5ReadCommand = 0x4800;
+constexpr uint16_t kTr5ReadAddress = 0x480A;
+constexpr uint16_t kTr5ReadStart = 0x4802;
+constexpr uint16_t kTr5ReadData = 0x480C;
+constexpr int kTr5LockReads = 10;
+
+// The TR6 block registers.
+constexpr uint16_t kTr6UnlockA = 0x4876;
+constexpr uint16_t kTr6UnlockB = 0x4874;
+constexpr uint16_t kTr6Address = 0x4878;
+constexpr uint16_t kTr6Data = 0x487A;
+constexpr uint16_t kTr6Status = 0x4872;
+constexpr uint16_t kTr6BlockPrepare = 0x4804;
+constexpr useconds_t kTr6UnlockPause = 5000;
+constexpr int kTr6StatusTimeoutUs = 5000;
+
+int fpga_write(int type, uint16_t reg, uint16_t value) {
+    uint8_t message[4];
+    register_message(reg, value, message);
+    return IIC_FPGAEEP_Write(sizeof message, message, type);
+}
+
+// Reads a register into status (high, low); status keeps its content when the read fails.
+int fpga_read(int type, uint16_t reg, uint8_t *status) {
+    uint8_t number[2] = {static_cast<uint8_t>(reg >> 8), static_cast<uint8_t>(reg)};
+    return IIC_FPGAEEP_Read(number, 2, status, type);
+}
+
+uint16_t status_value(const uint8_t *status) {
+    return static_cast<uint16_t>(status[0] << 8 | status[1]);
+}
+
+void tr5_write(uint16_t reg, uint16_t value) {
+    fpga_write(kFpgaTr5, reg, value);
+}
+
+void tr6_write(uint16_t reg, uint16_t value) {
+    fpga_write(kFpgaTr6, reg, value);
+}
+
+void tr5_status(uint8_t *status) {
+    fpga_read(kFpgaTr5, kTr5Status, status);
+}
+
+void report_block_size(int length) {
+    printf("FPGA EEP Write ERROR! your specified size(%dbyte) exceed buffer(%dbyte).\n", length,
+           kFpgaBlock);
+}
+
+// Unlock, address, data words and sum of one TR5 block; a failed step is reported only.
+void tr5_block_body(uint32_t address, const uint8_t *data, int length) {
+    tr5_write(kTr5UnlockA, kUnlockA);
+    tr5_write(kTr5UnlockB, kUnlockB);
+    uint8_t status[2] = {0, 0};
+    tr5_status(status);
+    if (!status_shows(status, 0x10)) {
+        printf("FPGA EEP Write ERROR! on xxx1xxx0 detection (0x%02x)\n", status[0]);
+        return;
+    }
+    tr5_write(kTr5Address, static_cast<uint16_t>(address));
+    uint8_t block[kFpgaBlock];
+    uint8_t sum = copy_block(data, length, block, kFpgaBlock);
+    write_block_words(block, kFpgaBlock, kTr5Data, false, tr5_write);
+    tr5_status(status);
+    if ((status[0] & 0x10) == 0) {
+        printf("FPGA EEP Write ERROR! on xxx1xxxx detection (0x%02x)\n", status[0]);
+        return;
+    }
+    tr5_status(status);
+    if (!status_shows(status, 0x10)) {
+        printf("FPGA EEP Write ERROR! on xxx1xxx0 detection (0x%02x)\n", status[0]);
+        return;
+    }
+    if (status[1] != sum)
+        puts("FPGA EEP Checksum ERROR!!");
+}
+
+// One wait on the TR6 write status; the poll's result.
+int tr6_wait(uint8_t high, uint8_t low) {
+    const uint8_t pattern[2] = {high, low};
+    return CheckFPGAWriteStatus(pattern, kTr6StatusTimeoutUs);
+}
+
+// Unlock, address, data words and sum of one TR6 block: 0 when the sum was confirmed, else 1.
+int tr6_block_body(uint32_t address, const uint8_t *data, int length) {
+    uint8_t unused[2] = {0, 0};
+    fpga_read(kFpgaTr6, kTr6BlockPrepare, unused);
+    tr6_write(kTr6UnlockB, kUnlockB);
+    usleep(kTr6UnlockPause);
+    tr6_write(kTr6UnlockA, kUnlockA);
+    usleep(kTr6UnlockPause);
+    if (int ret = tr6_wait(0x10, 0x00); ret != 0) {
+        printf("FPGA EEP Write ERROR! on xxx1xxx0 detection ret=%d\n", ret);
+        return 1;
+    }
+    tr6_write(kTr6Address, static_cast<uint16_t>(address));
+    uint8_t block[kFpgaBlock];
+    uint8_t sum = copy_block(data, length, block, kFpgaBlock);
+    write_block_words(block, kFpgaBlock, kTr6Data, true, tr6_write);
+    if (int ret = tr6_wait(0x10, 0x00); ret != 0) {
+        printf("FPGA EEP Write ERROR! on xxx1xxx0 detection ret=%d\n", ret);
+        return 1;
+    }
+    if (tr6_wait(0x00, sum) != 0) {
+        puts("FPGA EEP Checksum ERROR!");
+        return 1;
+    }
+    return 0;
+}
+
+// Everything of the update but the last line of pin 95; every holder is released on return.
+int update_fpga_eeprom(const char *write_dir, int type) {
+    const char *prefix = type == kFpgaTr5 ? "tr5_eep" : type == kFpgaTr6 ? "tr6_eep" : nullptr;
+    if (prefix == nullptr) {
+        if (UniqueDir dir(opendir(write_dir)); !dir)
+            printf("**ERROR ** opendir failed on %s\n", write_dir);
+        else
+            puts("**ERROR ** fpga type fail");
+        return -1;
+    }
+    char path[kEepPathSize] = {};
+    if (!find_text_file(write_dir, prefix, "No FPGA EEPROM found", path))
+        return -1;
+    UniqueFile file(open_eep_text_file(path));
+    if (!file)
+        return -1;
+    EepImage image{fpga_eeprom_buf, sizeof fpga_eeprom_buf, kFpgaBlock};
+    uint32_t end_address = 0;
+    if (read_eep_image(file.get(), kFpgaLineSize, EEP_LAYOUT_DATA_ONLY, image, &end_address) != 0)
+        return -1;
+    if (end_address == 0) {
+        printf("**ERROR** no EEP block to write in %s\n", path);
+        return -1;
+    }
+    if (send_port_command() != 0 || IsFPGAConfigDone(type) != 1)
+        return -1;
+    SetFPGAHwReset();
+    if (type == kFpgaTr5)
+        PIO_BitWrite(kFpgaEepromPin, 1);
+    if (int enabled = EnableFPGAEeprom(type); enabled != 0)
+        return enabled;
+    puts("Start writing to FPGA EEPROM, please wait... ");
+    RegisterBlockWriter writer{type == kFpgaTr5 ? WriteFPGAEeprom : WriteFPGAEeprom_TR6, kFpgaBlock,
+                               -1};
+    eep_block_walk(image, end_address, write_register_block, &writer);
+    putchar('\r');
+    if (writer.result == 0)
+        printf("\r 100%% completed\n");
+    return writer.result;
+}
+
+} // namespace
+
+int Update_FPGAEeprom(const char *write_dir, const char *, const uint32_t *, int type) {
+    int result = update_fpga_eeprom(write_dir, type);
+    PIO_BitWrite(kFpgaEepromPin, 0);
+    return result;
+}
+
+int EnableFPGAEeprom(int type) {
+    if (type != kFpgaTr5 && type != kFpgaTr6)
+        return 1;
+    fpga_write(type, kFpgaPllRestart, 0x0000);
+    usleep(kPllRestartPause);
+    uint8_t status[2] = {0, 0};
+    int same = 0;
+    for (int read = 0; read < kPllReads && same < kPllSameReads; ++read) {
+        fpga_read(type, kFpgaPllStatus, status);
+        same = status_value(status) == kFpgaPllLocked[type] ? same + 1 : 0;
+    }
+    if (same < kPllSameReads) {
+        printf("FPGA EEP ERROR! on checking FPGA PLL lock status(0x%04x).\n", status_value(status));
+        return 1;
+    }
+    if (type == kFpgaTr5) {
+        fpga_read(type, kFpgaCalibration, status);
+        if (status_value(status) != kCalibrationDone) {
+            printf("FPGA EEP ERROR! on checking Calibration done status(0x%04x).\n",
+                   status_value(status));
+            return 1;
+        }
+    }
+    fpga_write(type, kFpgaEnable, 0x0000);
+    return 0;
+}
+
+int WriteFPGAEeprom(uint32_t address, const uint8_t *data, int length) {
+    if (length > kFpgaBlock)
+        report_block_size(length);
+    else
+        tr5_block_body(address, data, length);
+    // The interface is locked after every block, whatever happened in it.
+    tr5_write(kTr5UnlockA, 0x0000);
+    tr5_write(kTr5UnlockB, 0x0000);
+    uint8_t status[2] = {0, 0};
+    for (int read = 0; read < kTr5LockReads; ++read) {
+        tr5_status(status);
+        if (status_shows(status, 0x01))
+            return 0;
+        puts("FPGA EEP Timeout ERROR!!");
+    }
+    return 2;
+}
+
+int WriteFPGAEeprom_TR6(uint32_t address, const uint8_t *data, int length) {
+    int result = 1;
+    if (length > kFpgaBlock)
+        report_block_size(length);
+    else
+        result = tr6_block_body(address, data, length);
+    tr6_write(kTr6UnlockB, 0x0000);
+    tr6_write(kTr6UnlockA, 0x0000);
+    if (tr6_wait(0x01, 0x00) == 0)
+        return result;
+    puts("FPGA EEP Timeout ERROR!!");
+    return 2;
+}
+
+int CheckFPGAWriteStatus(const uint8_t *pattern, int timeout_us) {
+    uint8_t status[2] = {0, 0};
+    int elapsed = 0;
+    if (poll_status_bits([](uint8_t *s) { fpga_read(kFpgaTr6, kTr6Status, s); }, pattern,
+                         timeout_us, status, &elapsed))
+        return 0;
+    printf("FPGA EEP Write Status check TIMEOUT! on 0x%02x%02x detection(read 0x%02x%02x) %d \n",
+           pattern[0], pattern[1], status[0], status[1], elapsed);
+    return 1;
+}
+
+int ReadFPGAEeprom(uint32_t address, uint8_t *buffer, int length) {
+    if (length > kFpgaReadLimit) {
+        printf("FPGA EEP Read ERROR! your specified size(%dbyte) exceed buffer(%dbyte).\n", length,
+               kFpgaReadLimit);
+        return 1;
+    }
+    tr5_write(kTr5ReadCommand, 0x0007);
+    tr5_write(kTr5ReadAddress, static_cast<uint16_t>(address));
+    tr5_write(kTr5ReadStart, 0x0001);
+    uint8_t status[2] = {0, 0};
+    fpga_read(kFpgaTr5, kTr5ReadStart, status);
+    if ((status[1] & 0x01) != 0) {
+        printf("FPGA EEP Read ERROR! on xxxxxxx0 detection (0x%02x)\n", status[1]);
+        return 1;
+    }
+    uint8_t block[kFpgaReadLimit] = {};
+    for (int i = 0; i < kFpgaReadLimit; i += 2)
+        fpga_read(kFpgaTr5, static_cast<uint16_t>(kTr5ReadData + i), block + i);
+    copy_read_block(block, buffer, length);
+    return 0;
 }

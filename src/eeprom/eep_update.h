@@ -69,6 +69,30 @@ int WriteKOLMAEeprom(uint32_t address, const uint8_t *data, int length);
 // Reads up to 16 bytes at address through the read interface: 0, or 1.
 int ReadKOLMAEeprom(uint32_t address, uint8_t *buffer, int length);
 
+// The image of the FPGA EEPROM text file, and the GPIO pin driven high for a TR5 update.
+constexpr size_t kFpgaEepromSize = 2047;
+extern uint8_t fpga_eeprom_buf[kFpgaEepromSize];
+constexpr int kFpgaEepromPin = 95;
+
+// Writes the EEPROM of FPGA type 1 (TR5, "tr5_eep" file) or 2 (TR6, "tr6_eep") in 32-byte
+// blocks after the FPGA's configuration, reset and PLL lock. 0; -1, or the failing step's
+// result (1: PLL or calibration, or a TR6 block; 2: a block's lock not confirmed) otherwise.
+// GPIO pin 95 is left at 0 on every path.
+int Update_FPGAEeprom(const char *write_dir, const char *model, const uint32_t *flags, int type);
+// Waits for the PLL to lock (and for TR5 the calibration) and enables the EEPROM interface:
+// 0, or 1 with a message.
+int EnableFPGAEeprom(int type);
+// One TR5 block through unlock, address, data words, sum and lock: 0 when the lock is
+// confirmed, else 2.
+int WriteFPGAEeprom(uint32_t address, const uint8_t *data, int length);
+// One TR6 block: 0, 1 when the unlock or the sum was not confirmed, 2 when the lock was not.
+int WriteFPGAEeprom_TR6(uint32_t address, const uint8_t *data, int length);
+// Polls the TR6 write status until the bits of pattern (high, low) are set: 0, or 1 after
+// timeout_us of 1 ms steps.
+int CheckFPGAWriteStatus(const uint8_t *pattern, int timeout_us);
+// Reads up to 16 bytes at address of the TR5 EEPROM: 0, or 1.
+int ReadFPGAEeprom(uint32_t address, uint8_t *buffer, int length);
+
 // Writes the Vornek EEPROM from "vornek_eep.txt" in 64-byte blocks. 0; -1, 1 or 2 otherwise.
 // No step of the update run calls it.
 int Update_VornekEeprom(const char *write_dir);

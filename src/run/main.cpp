@@ -60,6 +60,11 @@ int update_fpga_roms(const RunContext &run) {
     return Update_FPGA(run.write_dir, run.model, run.flags);
 }
 
+// The FPGA EEPROM of type 1 (TR5) or 2 (TR6).
+template <int Type> int update_fpga_eeprom(const RunContext &run) {
+    return Update_FPGAEeprom(run.write_dir, run.model, run.flags, Type);
+}
+
 int update_boot_loader(const RunContext &run) {
     return Update_uboot(run.write_dir, run.model);
 }
@@ -127,6 +132,10 @@ constexpr UpdateStep kUpdateSteps[] = {
     {1, FLAG1_FPGA_SAM_1 | FLAG1_FPGA_SAM_2 | FLAG1_FPGA_SAM_3,
      "Start updating FPGA config data...", update_fpga_roms,
      "!!! Unable to update FPGA config data. !!!", "FPGA config data updating is finished."},
+    {1, FLAG1_FPGA_EEPROM, "Start updating FPGA EEPROM data(TR5)...", update_fpga_eeprom<1>,
+     "!!! Unable to update FPGA EEPROM data(TR5). !!!", "FPGA EEPROM data updating is finished."},
+    {1, FLAG1_FPGA_TR6_EEPROM, "Start updating FPGA EEPROM data(TR6)...", update_fpga_eeprom<2>,
+     "!!! Unable to update FPGA EEPROM data(TR6). !!!", "FPGA EEPROM data updating is finished."},
     // The KOLMA step prints its own result lines.
     {1, FLAG1_KOLMA_EEPROM, "Start updating KOLMA EEPROM data...", update_kolma_eeproms, nullptr,
      nullptr},

@@ -1,6 +1,7 @@
 // The I2C bus layer and device functions: page and chunk arithmetic, argument refusals, and
 // the retry rules against the buses of an attached board.
 #include "eeprom/eep_update.h"
+#include "fpga/update_fpga.h"
 #include "hw/utils.h"
 #include "run/main.h"
 #include "support/board_fixture.h"
@@ -215,10 +216,15 @@ TEST_F(I2cOnBoard, KolmaReadInterfaceAfterReleaseAndEnable) {
     cn_user_fd = -1;
 }
 
-// The FPGA interfaces are not on the default board: stand-in EEPROMs at their addresses show
-// where each type's transfers go and the pause after every write.
+// Stand-in EEPROMs in place of the FPGA interfaces (which answer only once their FPGA is out
+// of reset) show where each type's transfers go and the pause after every write.
 TEST_F(I2cOnBoard, FpgaTypesChooseTheirAddressOnBus2) {
     change_config([](json &c) {
+        json &devices = c["i2c"]["devices"];
+        for (size_t i = devices.size(); i-- > 0;) {
+            if (devices[i]["model"].get<std::string>().starts_with("fpga_"))
+                devices.erase(i);
+        }
         for (const char *address : {"0x0D", "0x0F"})
             c["i2c"]["devices"].push_back({{"name", std::string("fpga") + address},
                                            {"model", "serial_eeprom"},
@@ -391,3 +397,128 @@ TEST_F(I2cModels, KolmaAnswersAfterResetReleaseAndOpensItsEepromAfterEnable) {
 }
 
 } // namespace
+
+namespace fpga {
+
+// A fresh board per case: both FPGAs configured and out of reset, pin 95 (the TR5 EEPROM's
+// write enable) high, and with a type, its EEPROM enabled.
+class FpgaEepromOnBoard : public I2cOnBoard {
+protected:
+    void TearDown() override {
+        close(cn_user_fd);
+        cn_user_fd = -1;
+        I2cOnBoard::TearDown();
+    }
+    void fresh_board(const json &fault, int enable_type) {
+        tvsim_detach();
+        SetUp();
+        for (const char *rom : {"spi_rom1.bin", "spi_rom2.bin"})
+            std::ofstream(dir_ / rom) << std::string(16, '\xff') << "\xaa\x99\x55\x66";
+        change_config(
+            [&](json &c) { c["faults"] = fault.is_null() ? json::array() : json::array({fault}); });
+        attach();
+        close(cn_user_fd);
+        cn_user_fd = open("/dev/cn_user", O_RDWR);
+        SetFPGAHwReset();
+        PIO_BitWrite(kFpgaEepromPin, 1);
+        if (enable_type != 0) {
+            ASSERT_EQ(EnableFPGAEeprom(enable_type), 0);
+        }
+    }
+    int pll_reads() const {
+        std::ifstream trace(dir_ / "trace.jsonl");
+        std::string all(std::istreambuf_iterator<char>(trace), {});
+        int count = 0;
+        for (size_t at = 0; (at = all.find("\"w\":\"0010\"},{", at)) != std::string::npos; ++at)
+            ++count;
+        return count;
+    }
+};
+
+json fault(const char *kind, const char *target, json more = json::object()) {
+    more["fault"] = kind;
+    more["target"] = target;
+    return more;
+}
+
+TEST_F(FpgaEepromOnBoard, PllLockNeedsThreeLockedReadsInARow) {
+    fresh_board(fault("pll_never_locks", "fpga_tr5", {{"skip", 2}, {"times", 1}}), 1);
+    EXPECT_EQ(pll_reads(), 6); // locked, locked, not, then three locked
+    fresh_board(fault("pll_never_locks", "fpga_tr6"), 0);
+    EXPECT_EQ(printed([] { EXPECT_EQ(EnableFPGAEeprom(2), 1); }),
+              "FPGA EEP ERROR! on checking FPGA PLL lock status(0x000c).\n");
+    EXPECT_EQ(pll_reads(), 10);
+}
+
+TEST_F(FpgaEepromOnBoard, BlockSequencesAreJudgedByTheirLock) {
+    uint8_t data[33];
+    for (int i = 0; i < 33; ++i)
+        data[i] = static_cast<uint8_t>(i + 1); // a 32-byte block sums to 0x10
+    std::string timeouts, check = "FPGA EEP Write Status check TIMEOUT! on 0x";
+    for (int i = 0; i < 10; ++i)
+        timeouts += "FPGA EEP Timeout ERROR!!\n";
+    struct Case {
+        int type;
+        json fault;
+        int length;
+        std::string output;
+        int result;
+        bool stored;
+    };
+    for (const Case &c : {
+             Case{1, fault("register_wrong_sum", "fpga_tr5"), 32, "FPGA EEP Checksum ERROR!!\n", 0,
+                  true},
+             Case{1, fault("register_status_missing", "fpga_tr5", {{"skip", 3}, {"times", 3}}), 32,
+                  timeouts.substr(0, 75), 0, true},
+             Case{1, fault("register_status_missing", "fpga_tr5", {{"bits", 0x10}}), 32,
+                  "FPGA EEP Write ERROR! on xxx1xxx0 detection (0x00)\n" + timeouts, 2, false},
+             Case{1, fault("register_status_missing", "fpga_tr5", {{"bits", 0x10}, {"skip", 1}}),
+                  32, "FPGA EEP Write ERROR! on xxx1xxxx detection (0x00)\n", 0, true},
+             Case{1, json(), 33,
+                  "FPGA EEP Write ERROR! your specified size(33byte) exceed buffer(32byte).\n" +
+                      timeouts,
+                  2, false},
+             Case{2, fault("register_wrong_sum", "fpga_tr6", {{"delta", 0x01}}), 32, "", 0, true},
+             Case{2, fault("register_wrong_sum", "fpga_tr6", {{"delta", 0x10}}), 32,
+                  check + "0010 detection(read 0x1020) 6000 \nFPGA EEP Checksum ERROR!\n", 1, true},
+             Case{2, fault("register_status_missing", "fpga_tr6", {{"bits", 0x10}}), 32,
+                  check +
+                      "1000 detection(read 0x0000) 6000 \nFPGA EEP Write ERROR! on xxx1xxx0 "
+                      "detection ret=1\n" +
+                      check + "0100 detection(read 0x0000) 6000 \n" + timeouts.substr(0, 25),
+                  2, false},
+         }) {
+        fresh_board(c.fault, c.type);
+        int result = -1;
+        auto write = c.type == 1 ? WriteFPGAEeprom : WriteFPGAEeprom_TR6;
+        EXPECT_EQ(printed([&] { result = write(0x40, data, c.length); }), c.output) << c.fault;
+        EXPECT_EQ(result, c.result) << c.fault;
+        std::ifstream in(dir_ / (c.type == 1 ? "i2c/fpga_tr5.bin" : "i2c/fpga_tr6.bin"));
+        std::string cells(std::istreambuf_iterator<char>(in), {});
+        EXPECT_EQ(cells.substr(0x40, 32) == std::string(data, data + 32), c.stored) << c.fault;
+        uint8_t back[10] = {};
+        if (c.type == 1 && c.stored) { // the read interface sees what the block stored
+            EXPECT_EQ(ReadFPGAEeprom(0x44, back, sizeof back), 0);
+            EXPECT_EQ(memcmp(back, data + 4, sizeof back), 0);
+        }
+    }
+}
+
+// Refused before anything reaches the FPGA: no PLL read, pin 95 left at 0.
+TEST_F(FpgaEepromOnBoard, FilesThatGiveNoBlockAreRefusedBeforeTheFpga) {
+    fresh_board(json(), 0);
+    fs::create_directories(dir_ / "fs/tmp/w");
+    std::ofstream(dir_ / "fs/tmp/w/tr6_eep.txt") << "0000 01\n";
+    EXPECT_EQ(printed([] { EXPECT_EQ(Update_FPGAEeprom("/tmp/w", nullptr, nullptr, 3), -1); }),
+              "**ERROR ** fpga type fail\n");
+    std::ofstream(dir_ / "fs/tmp/w/tr6_eep.txt") << "\n";
+    EXPECT_EQ(printed([] { EXPECT_EQ(Update_FPGAEeprom("/tmp/w", nullptr, nullptr, 2), -1); }),
+              "Reading from file : /tmp/w/tr6_eep.txt \n"
+              "**ERROR** no EEP block to write in /tmp/w/tr6_eep.txt\n");
+    uint8_t level = 1;
+    EXPECT_EQ(PIO_BitRead(kFpgaEepromPin, &level), PIO_OK);
+    EXPECT_EQ(level, 0);
+    EXPECT_EQ(pll_reads(), 0);
+}
+
+} // namespace fpga

@@ -1,0 +1,115 @@
+// The FPGA EEPROMs (TR5, TR6) through the update run: written block by block through the
+// register interface their FPGA offers on bus 2, and the interface's faults in the output, the
+// result and the EEPROMs.
+#include "scenarios/harness.h"
+
+#include <filesystem>
+#include <fstream>
+
+namespace scenario {
+namespace {
+
+constexpr unsigned kBytes = 0x48; // three 32-byte blocks, the last one partly 0xFF
+
+uint8_t value(unsigned address, int type) {
+    return static_cast<uint8_t>(address * (type == 1 ? 7 : 11) + 3);
+}
+
+// What the EEPROM holds once the whole file was written.
+std::string written_cells(int type) {
+    std::string cells(2048, '\xff');
+    for (unsigned a = 0; a < kBytes; ++a)
+        cells[a] = static_cast<char>(value(a, type));
+    return cells;
+}
+
+class FpgaEeproms : public Scenario {
+protected:
+    // The board with this fault (null: none); FPGAs 1 and 2 configured from their ROMs or not.
+    void make_board(const json &fault, bool configured = true) {
+        board.medium_list("M1", "fpga_eeprom\nfpga_tr6_eeprom\n");
+        for (int type : {1, 2}) {
+            std::string text;
+            for (unsigned a = 0; a < kBytes; ++a) {
+                char line[16];
+                snprintf(line, sizeof line, "%04X %02X\n", a, value(a, type));
+                text += line;
+            }
+            board.medium_file("M1/writedata/tr" + std::to_string(type + 4) + "_eep.txt", text);
+        }
+        std::filesystem::remove_all(board.dir());
+        board.make();
+        if (!fault.is_null())
+            board.add_fault(fault);
+        for (const char *rom : {"spi_rom1.bin", "spi_rom2.bin"})
+            std::ofstream(board.path(rom))
+                << std::string(16, '\xff') << (configured ? "\xaa\x99\x55\x66" : "");
+    }
+};
+
+TEST_F(FpgaEeproms, BothTypesHoldTheirFileAfterTheRun) {
+    make_board(json());
+    RunResult r = board.tvupdate({"M1"});
+    std::string steps;
+    for (const char *fpga : {"5)...\nReading from file : /tmp/M1/writedata/tr5_eep.txt \n "
+                             "fpga_config_sum_tr5 done.\n",
+                             "6)...\nReading from file : /tmp/M1/writedata/tr6_eep.txt \n "
+                             "fpga_config_lgd_tr6 done.\n"})
+        steps += std::string("Start updating FPGA EEPROM data(TR") + fpga +
+                 "Start writing to FPGA EEPROM, please wait... \n\r   0% completed\r  45% "
+                 "completed\r  90% completed\r\r 100% completed\n"
+                 "FPGA EEPROM data updating is finished.\n";
+    EXPECT_EQ(r.output, run_prologue("M1") + steps + run_epilogue());
+    EXPECT_EQ(r.exit_status, 0);
+    EXPECT_TRUE(board.read("i2c/fpga_tr5.bin") == written_cells(1));
+    EXPECT_TRUE(board.read("i2c/fpga_tr6.bin") == written_cells(2));
+}
+
+TEST_F(FpgaEeproms, FaultsShowInOutputAndResult) {
+    const std::string tr5_failed = "!!! Unable to update FPGA EEPROM data(TR5). !!!\n";
+    struct Case {
+        json fault;
+        bool configured;
+        std::string expected; // part of the output
+        bool tr5_ok, tr6_ok;
+    };
+    for (const Case &c : {
+             Case{{{"fault", "pll_never_locks"}, {"target", "fpga_tr5"}},
+                  true,
+                  "FPGA EEP ERROR! on checking FPGA PLL lock status(0x001c).\n" + tr5_failed,
+                  false,
+                  true},
+             Case{{{"fault", "calibration_not_done"}, {"target", "fpga_tr5"}},
+                  true,
+                  "FPGA EEP ERROR! on checking Calibration done status(0x0001).\n" + tr5_failed,
+                  false,
+                  true},
+             Case{{{"fault", "register_status_missing"}, {"target", "fpga_tr5"}},
+                  true,
+                  "FPGA EEP Timeout ERROR!!\n\r" + tr5_failed,
+                  false,
+                  true},
+             // The TR6 check asks only for the sum's bits: the first block sums to 0xB0, and
+             // adding its lowest bit clears that bit.
+             Case{{{"fault", "register_wrong_sum"}, {"target", "fpga_tr6"}, {"delta", 0x10}},
+                  true,
+                  "FPGA EEP Checksum ERROR!\n\r!!! Unable to update FPGA EEPROM data(TR6). !!!\n",
+                  true,
+                  false},
+             Case{json(), false, " Timeout Config Done!\n" + tr5_failed, false, false},
+         }) {
+        make_board(c.fault, c.configured);
+        RunResult r = board.tvupdate({"M1"});
+        EXPECT_NE(r.output.find(c.expected), std::string::npos) << c.fault << "\n" << r.output;
+        EXPECT_EQ(r.exit_status, c.tr5_ok && c.tr6_ok ? 0 : 255) << c.fault;
+        EXPECT_EQ(board.read("i2c/fpga_tr5.bin") == written_cells(1), c.tr5_ok) << c.fault;
+        EXPECT_EQ(board.read("i2c/fpga_tr6.bin") == written_cells(2), c.tr6_ok) << c.fault;
+        // Pin 95, the TR5 EEPROM's write enable, is left at 0 on every path (a board build
+        // whose pins never changed has no latches in its state).
+        json state = json::parse(board.read("state.json"));
+        EXPECT_EQ(state.value(json::json_pointer("/soc/gpio_out/2"), 0u) >> 31, 0u) << c.fault;
+    }
+}
+
+} // namespace
+} // namespace scenario
