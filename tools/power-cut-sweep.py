@@ -25,8 +25,6 @@ MODEL = "DEMO-TV"
 HERE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 # Events of these kinds are tried in full; the many transfers of the other kinds by --step.
 BULK_KINDS = {"spi", "uart_frame", "i2c"}
-# Writes a cut can strike in their middle (board.json "power_cut" "mid_write").
-PARTIAL_KINDS = {"mtd_write", "mtd_erase", "spi"}
 BOOT_LOADER = "mtd/uboot-spi.bin"
 
 
@@ -87,6 +85,13 @@ def component_of(key):
     return key
 
 
+def cut_in_middle(event):
+    """True for the writes a cut can strike in their middle (board.json "mid_write")."""
+    if event["ev"] in ("mtd_write", "mtd_erase"):
+        return event.get("length", 0) > 1 and "errno" not in event
+    return event["ev"] == "spi" and event.get("tx", "").startswith("02")
+
+
 def where(event):
     """The update step a cut event belongs to."""
     kind = event["ev"]
@@ -103,6 +108,8 @@ def where(event):
     command = event.get("command", "")
     if command.startswith(("cp -rf /tmp/usb", "ln -s")):
         return "medium copy"
+    if "insmod" in command or "modprobe" in command:
+        return "kernel modules"
     if "rm -rf" in command or "cp -rf" in command:
         return "UBIFS data"
     return "shell: " + command.split()[0] if command else kind
@@ -166,7 +173,9 @@ class Sweep:
         """What keeps the board from starting after a cut: a boot loader or a running bank that
         is neither the old one nor the new one."""
         problems = []
-        if snap[BOOT_LOADER] not in (self.initial[BOOT_LOADER], self.after_one[BOOT_LOADER]):
+        if snap[BOOT_LOADER] == memory_digest(os.devnull):
+            problems.append("boot loader erased")
+        elif snap[BOOT_LOADER] not in (self.initial[BOOT_LOADER], self.after_one[BOOT_LOADER]):
             problems.append("boot loader partly written")
         bank = "tvm/bank%s.bin" % snap["state:running_bank"]
         if snap[bank] not in (self.initial[bank], self.after_one[bank], self.after_two[bank]):
@@ -192,7 +201,9 @@ class Sweep:
         shutil.rmtree(board)
         differs = sorted({component_of(k) for k in final if final[k] != self.after_one.get(k)})
         if problems:
-            outcome = "not recovered: board does not start (%s)" % ", ".join(problems)
+            outcome = "not recovered: board does not start (%s)%s" % (
+                ", ".join(problems), "; a rerun, could it run, restores it" if status == 0 and (
+                    not differs or final == self.after_two) else "")
         elif status != 0:
             outcome = "not recovered: rerun ended with status %d" % status
         elif not differs:
@@ -211,7 +222,7 @@ class Sweep:
             n = e["power_event"]
             if e["ev"] not in BULK_KINDS or n % step == 0 or n == len(self.events):
                 chosen.append((n, False))
-                if e["ev"] in PARTIAL_KINDS and e.get("length", 2) > 1:
+                if cut_in_middle(e):
                     chosen.append((n, True))
         return chosen
 
@@ -224,7 +235,8 @@ def table(results):
         g["tried"] += 1
         g["points"].append("%d%s" % (r["point"], "½" if r["mid_write"] else ""))
     lines = ["| where the power went | outcome | cuts | cut points |", "|---|---|---|---|"]
-    for (place, outcome), g in sorted(groups.items()):
+    for (place, outcome), g in sorted(groups.items(), key=lambda kv: int(
+            kv[1]["points"][0].rstrip("½"))):
         pts = g["points"]
         shown = ", ".join(pts if len(pts) <= 6 else pts[:3] + ["…"] + pts[-2:])
         lines.append("| %s | %s | %d | %s |" % (place, outcome, g["tried"], shown))
