@@ -92,6 +92,13 @@ def cut_in_middle(event):
     return event["ev"] == "spi" and event.get("tx", "").startswith("02")
 
 
+def phase(event):
+    """Events of one phase of a step: frames of one command, transfers to one device."""
+    if event["ev"] == "i2c":
+        return "i2c %s %s" % (event.get("bus"), event.get("msgs", [{}])[0].get("addr"))
+    return "%s %s%s" % (event["ev"], event.get("cmd", ""), event.get("roms", ""))
+
+
 def where(event):
     """The update step a cut event belongs to."""
     kind = event["ev"]
@@ -212,15 +219,21 @@ class Sweep:
             outcome = "recovered, as after two updates (%s)" % ", ".join(differs)
         else:
             outcome = "not recovered: %s differ" % ", ".join(differs)
-        return {"point": point, "mid_write": mid_write, "where": where(record["cut"]),
-                "event": record["cut"]["ev"], "outcome": outcome,
-                "rerun_restores": not differs or final == self.after_two}
+        result = {"point": point, "mid_write": mid_write, "where": where(record["cut"]),
+                  "event": record["cut"]["ev"], "outcome": outcome}
+        print(json.dumps(result), flush=True)
+        return result
 
     def points(self, step):
+        """Every STEP-th transfer, every other event, and the first and last transfer of each
+        run of transfers to one device or of one command (where a step begins and ends)."""
+        labels = [phase(e) for e in self.events]
         chosen = []
-        for e in self.events:
+        for i, e in enumerate(self.events):
             n = e["power_event"]
-            if e["ev"] not in BULK_KINDS or n % step == 0 or n == len(self.events):
+            edge = labels[i] != labels[max(i - 1, 0)] or labels[i] != labels[min(
+                i + 1, len(labels) - 1)]
+            if e["ev"] not in BULK_KINDS or n % step == 0 or edge:
                 chosen.append((n, False))
                 if cut_in_middle(e):
                     chosen.append((n, True))
