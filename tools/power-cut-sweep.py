@@ -102,6 +102,8 @@ def phase(event):
 def where(event):
     """The update step a cut event belongs to."""
     kind = event["ev"]
+    if kind == "uart_frame" and event["cmd"] in ("set_port", "clear_port"):
+        return "FPGA ROMs"  # the ports hand the SPI bus to the ROMs
     if kind == "uart_frame":
         return "microcontroller " + ("EEPROM" if "eeprom" in event["cmd"] else "firmware")
     if kind.startswith("mtd"):
@@ -109,10 +111,12 @@ def where(event):
     if kind in ("spi", "spidev"):
         return "FPGA ROMs"
     if kind == "i2c":
-        return "I2C EEPROMs"
-    if kind in ("ubimkvol", "ubirmvol"):
-        return "UBI volumes"
+        return "I2C EEPROM " + phase(event)[4:]
     command = event.get("command", "")
+    if kind in ("ubimkvol", "ubirmvol") or "/update/ubi" in command:
+        return "UBI volumes"
+    if "update_tool.sh" in command:
+        return "application installer"
     if command.startswith(("cp -rf /tmp/usb", "ln -s")):
         return "medium copy"
     if "insmod" in command or "modprobe" in command:
