@@ -160,8 +160,10 @@ void Board::reload() {
     if (!read_file(file("state.json"), &text))
         return;
     json fresh = json::parse(text, nullptr, false);
+    bool was_cut = power_was_cut();
     if (fresh.is_object())
         state_ = std::move(fresh);
+    end_if_power_cut_since(was_cut);
 }
 
 bool Board::is_board_path(std::string_view path) {
@@ -243,10 +245,13 @@ void Board::trace(std::string_view kind, json fields) {
         return;
     json event = json{{"t", now_ns()}, {"ev", kind}};
     event.update(fields);
+    bool cut = count_for_power_cut(event);
     std::string line = event.dump() + "\n";
     if (::write(trace_fd_, line.data(), line.size()) < 0) {
         // The trace is an aid; a full disk must not change what the program sees.
     }
+    if (cut)
+        lose_power(event);
 }
 
 const json *Board::take_fault(std::string_view kind, std::string_view target) {

@@ -86,7 +86,18 @@ public:
     // Opens a board device node; null with *err set (ENOENT when the path is no device).
     std::unique_ptr<Device> open_device(std::string_view normal_path, int flags, int *err);
 
+    // --- power cut (board.json "power_cut", power_cut.cpp) -------------------------------
+    // Of count units (bytes, erase blocks) of a write or erase that the next event records,
+    // how many are done before the power goes: count, unless a cut strikes in its middle.
+    size_t done_before_power_cut(size_t count);
+    bool power_was_cut() const;
+
 private:
+    uint64_t power_cut_after() const;
+    bool power_cut_is_next() const;
+    bool count_for_power_cut(json &event);
+    [[noreturn]] void lose_power(const json &event);
+    void end_if_power_cut_since(bool was_cut);
     Board() = default;
     bool read_files(std::string *error);
 

@@ -239,6 +239,7 @@ private:
         uint64_t page = address - address % config_.page_size;
         size_t count = mosi.size() - 4;
         size_t first = count > config_.page_size ? count - config_.page_size : 0;
+        count = first + board_.done_before_power_cut(count - first);
         for (size_t i = first; i < count; ++i) {
             uint64_t at = page + (address - page + i) % config_.page_size;
             contents_.program(at, &mosi[4 + i], 1);

@@ -186,7 +186,7 @@ public:
             n = std::min<size_t>(n, fault->value("bytes", size_t{0}));
             event["short"] = n;
         }
-        program(static_cast<const uint8_t *>(buf), n);
+        program(static_cast<const uint8_t *>(buf), board_.done_before_power_cut(n));
         board_.advance_ns(n * p_.write_ns_per_byte);
         board_.trace("mtd_write", event);
         pos_ += n;
@@ -274,7 +274,8 @@ private:
             board_.trace("mtd_erase", event);
             return fail(err);
         }
-        std::vector<uint8_t> erased(static_cast<size_t>(length), 0xFF);
+        size_t blocks = board_.done_before_power_cut(length / p_.erasesize);
+        std::vector<uint8_t> erased(blocks * p_.erasesize, 0xFF);
         if (!store_contents(p_, start, erased.data(), erased.size()))
             return fail(EIO);
         bad_program_ = board_.take_fault("mtd_program", p_.name) != nullptr;

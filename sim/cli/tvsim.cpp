@@ -8,6 +8,7 @@
 #include "board/board.h"
 #include "board/create.h"
 #include "board/modules.h"
+#include "board/power_cut.h"
 #include "board/ubi.h"
 #include "report.h"
 
@@ -166,6 +167,7 @@ int run_program(const std::string &board_dir, std::string preload, char **progra
 
 int run_stand_in(const std::string &board_dir, const std::string &tool,
                  const std::vector<std::string> &args) {
+    tvsim::power_cut_ends_caller();
     std::string error;
     std::unique_ptr<tvsim::Board> board = tvsim::Board::load(board_dir, &error);
     if (!board) {

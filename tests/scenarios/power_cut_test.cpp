@@ -1,0 +1,110 @@
+// Power cuts during the firmware and boot loader updates of the sample medium: what the board
+// keeps at the cut, whether it would start, and what running the update again leaves.
+#include "scenarios/harness.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+namespace scenario {
+namespace {
+
+constexpr const char *kModel = "DEMO-TV";
+constexpr const char *kBootLoader = "mtd/uboot-spi.bin";
+constexpr size_t kPartition = 0x100000;
+const std::string kOldBank1 = pattern(26000, 7) + std::string(98304 - 26000, '\xff');
+const std::string kOldBootLoader = pattern(140000, 8) + std::string(kPartition - 140000, '\xff');
+
+struct Cut {
+    const char *name;
+    const char *event; // the kind of the event the power goes after
+    const char *what;  // its "cmd" or "mtd"
+    int nth;           // which of those events (1 for the first)
+    bool mid_write;
+    int running_bank;           // the bank the microcontroller starts after the cut
+    const char *boot_loader;    // what the boot partition holds after the cut
+    bool rerun_matches_one_run; // the rerun leaves the board an uninterrupted run leaves
+};
+
+class PowerCut : public Scenario {
+protected:
+    // The sample medium, cut down to the microcontroller's firmware and the boot loader, on a
+    // board that runs an older firmware from bank 1 and starts an older boot loader.
+    void make_board(const json &power_cut) {
+        std::string tools =
+            std::filesystem::path(__FILE__).parent_path().parent_path().parent_path() /
+            "tools/make-demo-medium.sh";
+        ASSERT_EQ(std::system((tools + " " + board.medium() + " " + kModel).c_str()), 0);
+        board.medium_list(kModel, "tvm_hex\nuboot\n");
+        std::filesystem::remove_all(board.dir());
+        board.make();
+        std::filesystem::create_directories(board.path("mtd"));
+        std::ofstream(board.path("tvm/bank1.bin"), std::ios::binary) << kOldBank1;
+        std::ofstream(board.path(kBootLoader), std::ios::binary) << kOldBootLoader;
+        json c = board.config();
+        c["power_cut"] = power_cut;
+        board.set_config(c);
+    }
+
+    // The memories a reboot keeps that these updates change.
+    std::vector<std::string> memories() const {
+        return {board.read("tvm/bank1.bin"), board.read("tvm/bank2.bin"), board.read(kBootLoader)};
+    }
+};
+
+// Half of the first 64 KiB chunk of the new boot loader, the rest of the partition erased.
+std::string half_written(const std::string &new_boot_loader) {
+    return new_boot_loader.substr(0, 0x8000) + std::string(kPartition - 0x8000, '\xff');
+}
+
+TEST_F(PowerCut, TheBoardKeepsWhatTheHardwareWouldAndARerunRepairsIt) {
+    make_board({{"after_events", 1000000}});
+    ASSERT_EQ(board.tvupdate({kModel}).exit_status, 0);
+    board.reboot();
+    const std::vector<std::string> one_run = memories();
+    std::vector<json> events = board.trace();
+
+    const Cut cuts[] = {
+        {"a firmware block", "uart_frame", "write_flash", 100, false, 1, "old", true},
+        {"the close of writing mode, taken", "uart_frame", "close_write", 1, false, 1, "old", true},
+        {"the boot loader's erase", "mtd_erase", "uboot-spi", 1, false, 2, "erased", false},
+        {"the boot loader's first chunk", "mtd_write", "uboot-spi", 1, true, 2, "half", false},
+        {"the boot loader's last chunk", "mtd_write", "uboot-spi", 3, false, 2, "new", false},
+    };
+    for (const Cut &cut : cuts) {
+        SCOPED_TRACE(cut.name);
+        int seen = 0;
+        json point;
+        for (const json &e : events) {
+            if (e.contains("power_event") && e["ev"] == cut.event &&
+                e.value(e.contains("cmd") ? "cmd" : "mtd", "") == cut.what && ++seen == cut.nth)
+                point = e["power_event"];
+        }
+        ASSERT_TRUE(point.is_number());
+        make_board({{"after_events", point}, {"mid_write", cut.mid_write}});
+
+        EXPECT_EQ(board.tvupdate({kModel}).exit_status, -1); // killed
+        json state = json::parse(board.read("state.json"));
+        EXPECT_EQ(state["power_cut"]["cut"]["power_event"], point);
+        EXPECT_EQ(state["microcontroller"].value("running_bank", 1), cut.running_bank);
+        std::vector<std::string> after_cut = memories();
+        EXPECT_EQ(after_cut[0], kOldBank1) << "the running bank was touched";
+        if (cut.running_bank == 2) {
+            EXPECT_EQ(after_cut[1], one_run[1]) << "bank 2 started without its firmware";
+        }
+        const std::string boot_loader = cut.boot_loader;
+        EXPECT_EQ(after_cut[2], boot_loader == "old"      ? kOldBootLoader
+                                : boot_loader == "erased" ? std::string(kPartition, '\xff')
+                                : boot_loader == "half"   ? half_written(one_run[2])
+                                                          : one_run[2]);
+        EXPECT_EQ(board.trace("power_cut").size(), 1u);
+
+        EXPECT_EQ(board.tvupdate({kModel}).exit_status, 0);
+        board.reboot();
+        EXPECT_EQ(memories() == one_run, cut.rerun_matches_one_run);
+        EXPECT_EQ(memories()[2], one_run[2]) << "the rerun did not restore the boot loader";
+    }
+}
+
+} // namespace
+} // namespace scenario
