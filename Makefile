@@ -4,14 +4,15 @@
 #   make armhf   builds tvupdate and libtvsim.so for the board
 #   make vm-check runs the board binary on Debian's armhf kernel under qemu-system-arm and
 #                compares it with tvsim (make check does too when the machine can)
+#   make fuzz    builds the fuzz targets (clang) and runs each for a few seconds
 # Missing Debian packages are installed first when run as root.
 
 JOBS ?= $(shell nproc)
 DEB_PACKAGES := cmake make g++ libgtest-dev libgmock-dev nlohmann-json3-dev \
 	g++-arm-linux-gnueabihf qemu-user srecord mtd-utils clang-format i2c-tools flashrom \
-	qemu-system-arm mtools dosfstools cpio
+	qemu-system-arm mtools dosfstools cpio clang libclang-rt-14-dev
 
-.PHONY: all demo check vm-check armhf host asan deps clean
+.PHONY: all demo check vm-check armhf host asan fuzz deps clean
 
 all: host
 
@@ -40,9 +41,18 @@ armhf: deps
 	cmake --preset armhf >/dev/null
 	cmake --build --preset armhf -j $(JOBS)
 
+# Skipped, with a line saying so, where clang or its fuzzer runtime is missing.
+fuzz: deps
+	@if echo 'extern "C" int LLVMFuzzerTestOneInput(const char *, long) { return 0; }' | \
+		clang++ -x c++ -fsanitize=fuzzer -o /dev/null - 2>/dev/null; then \
+		cmake --preset fuzz >/dev/null && cmake --build --preset fuzz -j $(JOBS) && \
+		ctest --preset fuzz -j $(JOBS); \
+	else echo "fuzz targets skipped: no clang with libFuzzer"; fi
+
 check: armhf host asan
 	TVSIM_REQUIRE_ARMHF=1 ctest --preset host -j $(JOBS)
 	ctest --preset asan -j $(JOBS)
+	$(MAKE) --no-print-directory fuzz
 	vm/check.sh --if-possible build/host build/armhf
 
 vm-check: armhf host

@@ -98,8 +98,8 @@ int search_proc_mtd(const char *wanted, char *device, bool exact) {
 
 } // namespace
 
-int check_mtdname_in(FILE *proc_mtd, const char *wanted, char *device) {
-    return find_partition(proc_mtd, wanted, device, false);
+int check_mtdname_in(FILE *proc_mtd, const char *wanted, char *device, bool exact) {
+    return find_partition(proc_mtd, wanted, device, exact);
 }
 
 int check_mtdname(const char *wanted, char *device) {

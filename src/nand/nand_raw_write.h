@@ -20,8 +20,9 @@ int check_mtdname(const char *wanted, char *device);
 // Like check_mtdname, but the partition's name must be exactly name.
 int find_mtd_partition(const char *name, char *device);
 
-// The search of check_mtdname over an open partition table.
-int check_mtdname_in(FILE *proc_mtd, const char *wanted, char *device);
+// The search of check_mtdname (or, with exact, of find_mtd_partition) over an open partition
+// table.
+int check_mtdname_in(FILE *proc_mtd, const char *wanted, char *device, bool exact = false);
 
 // --- NAND raw block I/O --------------------------------------------------------------------
 

@@ -296,6 +296,19 @@ int do_mount_media(char letter, int partition) {
     return mount(device, kUsbMountPoint, kMediaFsType, MS_RDONLY, kMediaMountData);
 }
 
+int disk_sectors_in(FILE *size_file) {
+    char line[kLineSize];
+    if (fgets(line, sizeof line, size_file) == nullptr)
+        return 0;
+    return atoi(line);
+}
+
+bool sdcard_reports_insert(int ctrl) {
+    char state[256];
+    ssize_t n = read(ctrl, state, sizeof state - 1);
+    return n >= 6 && strncmp(state, "insert", 6) == 0;
+}
+
 namespace {
 
 // Reads the sector count of USB disk sd<letter>; 0 when the disk is absent or has no medium.
@@ -304,10 +317,7 @@ int usb_disk_sectors(char letter) {
     if (!bounded_format(path, sizeof path, "/sys/block/sd%c/size", letter))
         return 0;
     UniqueFile size_file(fopen(path, "r"));
-    char line[kLineSize];
-    if (!size_file || fgets(line, sizeof line, size_file.get()) == nullptr)
-        return 0;
-    return atoi(line);
+    return size_file ? disk_sectors_in(size_file.get()) : 0;
 }
 
 bool mount_first_usb_disk() {
@@ -361,16 +371,11 @@ int search_usb_media(const char **mount_point) {
 
 int search_sdcard(const char **mount_point) {
     *mount_point = kSdMountPoint;
-    char state[256];
-    ssize_t n;
     {
         UniqueFd ctrl(open("/proc/sdcard/ctrl", O_RDWR));
-        if (ctrl.get() <= 0)
+        if (ctrl.get() <= 0 || !sdcard_reports_insert(ctrl.get()))
             return -1;
-        n = read(ctrl.get(), state, sizeof state - 1);
     }
-    if (n < 6 || strncmp(state, "insert", 6) != 0)
-        return -1;
     for (int check = 0; check < kSdBlockDeviceChecks; ++check) {
         if (UniqueDir(opendir("/sys/block/sdcarda")))
             break;

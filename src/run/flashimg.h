@@ -110,6 +110,11 @@ void print_update_selection(const uint32_t *flags);
 int search_imglist_file(char *mount_point, char *write_dir, const char *model, uint32_t *flags);
 uint32_t check_update_flag(const char *text);
 
+// The sector count in the first line of a USB disk's "size" file; 0 when it has none.
+int disk_sectors_in(FILE *size_file);
+// True when one read of the SD card driver's control file begins with "insert".
+bool sdcard_reports_insert(int ctrl);
+
 int search_usb_media(const char **mount_point);
 int search_sdcard(const char **mount_point);
 int do_mount_media(char letter, int partition);

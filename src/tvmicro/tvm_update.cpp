@@ -266,8 +266,8 @@ int write_image(int link, uint32_t base) {
     return 0;
 }
 
-// Reads the section of the bank to be written and loads its image. 0 to program it, 1 when the
-// running version is the file's (nothing to do), -1 when the file refuses or cannot be read.
+} // namespace
+
 int read_firmware_section(FILE *file, uint8_t bank, int running_version, int micro_id,
                           uint32_t *base) {
     if (!find_section(file, bank))
@@ -290,6 +290,8 @@ int read_firmware_section(FILE *file, uint8_t bank, int running_version, int mic
     Get_Fgets(ignored, sizeof ignored, file);
     return MotSRecordLoadImage(file, base) == 0 ? 0 : -1;
 }
+
+namespace {
 
 // Erases the bank, writes the image and has the microcontroller confirm it.
 int program_bank(int link, uint8_t bank, uint32_t base) {

@@ -159,6 +159,12 @@ constexpr int kSectionHeaderLineSize = 30;
 enum VersionVerdict { VERSION_INSTALL, VERSION_SAME, VERSION_REFUSED };
 VersionVerdict judge_version(uint8_t file_version, uint8_t running);
 
+// Reads the section of the bank to be written and loads its image into rom_buf. 0 to program
+// it, 1 when the running version is the file's (nothing to do), -1 when the file refuses or
+// cannot be read.
+int read_firmware_section(FILE *file, uint8_t bank, int running_version, int micro_id,
+                          uint32_t *base);
+
 // Sum of every byte of rom_buf: what the microcontroller must report for the programmed bank.
 uint16_t image_checksum();
 
