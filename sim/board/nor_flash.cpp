@@ -25,6 +25,21 @@ constexpr uint64_t kProtectPulseNs = 150000;
 constexpr uint64_t kUnprotectPulseNs = 15000000;
 constexpr uint64_t kVerifyNs = 1000;
 
+// The sector of the bottom-boot layout that holds byte offset (16, 8, 8 and 32 KiB, then
+// fifteen of 64 KiB), and a sector's first byte.
+unsigned nor_sector_of(uint32_t offset) {
+    if (offset >= 0x10000)
+        return std::min(4 + (offset - 0x10000) / 0x10000, kSectors - 1);
+    if (offset >= 0x8000)
+        return 3;
+    return offset < 0x4000 ? 0 : 1 + (offset - 0x4000) / 0x2000;
+}
+
+uint32_t nor_sector_base(unsigned sector) {
+    static constexpr uint32_t kBoot[] = {0x0, 0x4000, 0x6000, 0x8000};
+    return sector < 4 ? kBoot[sector] : 0x10000 * (sector - 3);
+}
+
 // Volatile: lost at power-off (state.json "nor_bus").
 json &bus_state(Board &board) {
     json &bus = board.state()["nor_bus"];
@@ -251,19 +266,6 @@ std::unique_ptr<RegisterSpace> nor_registers(Board &board, const SocWindow &wind
 }
 
 } // namespace
-
-unsigned nor_sector_of(uint32_t offset) {
-    if (offset >= 0x10000)
-        return std::min(4 + (offset - 0x10000) / 0x10000, kSectors - 1);
-    if (offset >= 0x8000)
-        return 3;
-    return offset < 0x4000 ? 0 : 1 + (offset - 0x4000) / 0x2000;
-}
-
-uint32_t nor_sector_base(unsigned sector) {
-    static constexpr uint32_t kBoot[] = {0x0, 0x4000, 0x6000, 0x8000};
-    return sector < 4 ? kBoot[sector] : 0x10000 * (sector - 3);
-}
 
 std::unique_ptr<Device> open_nor_direct(Board &board, std::string_view path, int, int *err) {
     if (path != "/dev/udirect" || member(member(board.config(), "nor"), "driver") == false)

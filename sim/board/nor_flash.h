@@ -32,9 +32,4 @@ namespace tvsim {
 
 std::unique_ptr<Device> open_nor_direct(Board &board, std::string_view path, int flags, int *err);
 
-// The sector of the EN29LV800C bottom-boot layout that holds byte offset (19 sectors: 16, 8, 8
-// and 32 KiB, then fifteen of 64 KiB), and a sector's first byte.
-unsigned nor_sector_of(uint32_t offset);
-uint32_t nor_sector_base(unsigned sector);
-
 } // namespace tvsim

@@ -2,6 +2,7 @@
 #include "board/cpu_access.h"
 
 #include <gtest/gtest.h>
+#include <string>
 #include <vector>
 
 namespace tvsim {
@@ -31,115 +32,80 @@ TEST(X86AccessWidth, PlainMovesComparesAndTestsOnly) {
     }
 }
 
-struct Expect {
-    unsigned length, width;
-    bool load, sign;
-    unsigned rt, rn;
-    int rm;
-    unsigned shift, imm;
-    bool add, index, writeback;
-};
-
-void expect_access(const ArmAccess &a, const Expect &e, const char *what) {
-    EXPECT_EQ(a.length, e.length) << what;
-    if (e.length == 0)
-        return;
-    EXPECT_EQ(a.width, e.width) << what;
-    EXPECT_EQ(a.load, e.load) << what;
-    EXPECT_EQ(a.sign_extend, e.sign) << what;
-    EXPECT_EQ(a.rt, e.rt) << what;
-    EXPECT_EQ(a.rn, e.rn) << what;
-    EXPECT_EQ(a.rm, e.rm) << what;
-    EXPECT_EQ(a.shift, e.shift) << what;
-    EXPECT_EQ(a.imm, e.imm) << what;
-    EXPECT_EQ(a.add, e.add) << what;
-    EXPECT_EQ(a.index, e.index) << what;
-    EXPECT_EQ(a.writeback, e.writeback) << what;
+// A decoded access in the assembler's notation.
+std::string text(const ArmAccess &a) {
+    if (a.length == 0)
+        return "refused";
+    std::string s = a.load ? "ldr" : "str";
+    s += std::string(a.sign_extend ? "s" : "") + (a.width == 1 ? "b" : a.width == 2 ? "h" : "");
+    s += " r" + std::to_string(a.rt) + ", [r" + std::to_string(a.rn);
+    std::string offset = a.rm >= 0 ? "r" + std::to_string(a.rm) : "#" + std::to_string(a.imm);
+    offset = (a.add ? "" : "-") + offset + (a.shift ? ", lsl #" + std::to_string(a.shift) : "");
+    if (!a.index)
+        return s + "], " + offset;
+    return s + ", " + offset + "]" + (a.writeback ? "!" : "") + " /" + std::to_string(a.length);
 }
 
-constexpr Expect kRefused = {};
-
-TEST(ArmAccessDecode, ThumbEncodings) {
+TEST(ArmAccessDecode, ThumbAndArmEncodingsAsTheAssemblerWroteThem) {
     const struct {
-        const char *what;
-        uint16_t hw1, hw2;
-        Expect e;
+        bool thumb;
+        uint32_t code; // Thumb: first halfword high
+        const char *expected;
     } cases[] = {
-        {"str r4,[r3,r2]", 0x509C, 0, {2, 4, false, false, 4, 3, 2, 0, 0, true, true, false}},
-        {"ldrh r0,[r2,r3]", 0x5AD0, 0, {2, 2, true, false, 0, 2, 3, 0, 0, true, true, false}},
-        {"ldrsb r1,[r2,r3]", 0x56D1, 0, {2, 1, true, true, 1, 2, 3, 0, 0, true, true, false}},
-        {"ldrsh r1,[r2,r3]", 0x5ED1, 0, {2, 2, true, true, 1, 2, 3, 0, 0, true, true, false}},
-        {"strh r1,[r3,#0]", 0x8019, 0, {2, 2, false, false, 1, 3, -1, 0, 0, true, true, false}},
-        {"ldr r2,[r2,#4]", 0x6852, 0, {2, 4, true, false, 2, 2, -1, 0, 4, true, true, false}},
-        {"ldrb r0,[r1,#3]", 0x78C8, 0, {2, 1, true, false, 0, 1, -1, 0, 3, true, true, false}},
-        {"strh.w r8,[r1,r4]",
-         0xF821,
-         0x8004,
-         {4, 2, false, false, 8, 1, 4, 0, 0, true, true, false}},
-        {"ldr.w r3,[r3,r0,lsl #3]",
-         0xF853,
-         0x3030,
-         {4, 4, true, false, 3, 3, 0, 3, 0, true, true, false}},
-        {"ldr.w r4,[sp],#4",
-         0xF85D,
-         0x4B04,
-         {4, 4, true, false, 4, 13, -1, 0, 4, true, false, true}},
-        {"ldr.w r3,[sl]", 0xF8DA, 0x3000, {4, 4, true, false, 3, 10, -1, 0, 0, true, true, false}},
-        {"ldrh.w r0,[r1,#-2]!",
-         0xF831,
-         0x0D02,
-         {4, 2, true, false, 0, 1, -1, 0, 2, false, true, true}},
-        {"ldrsh.w r0,[r1,#6]",
-         0xF9B1,
-         0x0006,
-         {4, 2, true, true, 0, 1, -1, 0, 6, true, true, false}},
-        {"ldrd r0,r1,[r2]", 0xE9D2, 0x0100, kRefused},
-        {"ldr.w r0,[pc,#8]", 0xF8DF, 0x0008, kRefused},
-        {"ldmia r0!,{r0,r1}", 0xC803, 0, kRefused},
-        {"ldr r0,[sp,#4]", 0x9801, 0, kRefused},
+        {true, 0x509C0000, "str r4, [r3, r2] /2"},
+        {true, 0x5AD00000, "ldrh r0, [r2, r3] /2"},
+        {true, 0x56D10000, "ldrsb r1, [r2, r3] /2"},
+        {true, 0x5ED10000, "ldrsh r1, [r2, r3] /2"},
+        {true, 0x80190000, "strh r1, [r3, #0] /2"},
+        {true, 0x68520000, "ldr r2, [r2, #4] /2"},
+        {true, 0x78C80000, "ldrb r0, [r1, #3] /2"},
+        {true, 0xF8218004, "strh r8, [r1, r4] /4"},
+        {true, 0xF8533030, "ldr r3, [r3, r0, lsl #3] /4"},
+        {true, 0xF85D4B04, "ldr r4, [r13], #4"},
+        {true, 0xF8DA3000, "ldr r3, [r10, #0] /4"},
+        {true, 0xF8310D02, "ldrh r0, [r1, -#2]! /4"},
+        {true, 0xF9B10006, "ldrsh r0, [r1, #6] /4"},
+        {true, 0xE9D20100, "refused"}, // ldrd
+        {true, 0xF8DF0008, "refused"}, // ldr.w r0, [pc, #8]
+        {true, 0xC8030000, "refused"}, // ldmia
+        {true, 0x98010000, "refused"}, // ldr r0, [sp, #4]
+        {false, 0xE5910004, "ldr r0, [r1, #4] /4"},
+        {false, 0xE5232008, "str r2, [r3, -#8]! /4"},
+        {false, 0xE4D10001, "ldrb r0, [r1], #1"},
+        {false, 0xE7910102, "ldr r0, [r1, r2, lsl #2] /4"},
+        {false, 0xE1C210B6, "strh r1, [r2, #6] /4"},
+        {false, 0xE19100F2, "ldrsh r0, [r1, r2] /4"},
+        {false, 0xE1D100D1, "ldrsb r0, [r1, #1] /4"},
+        {false, 0xE1C100D0, "refused"}, // ldrd
+        {false, 0xE7910122, "refused"}, // lsr shift
+        {false, 0xE8910003, "refused"}, // ldm
+        {false, 0xF5D1F000, "refused"}, // pld
     };
-    for (const auto &c : cases)
-        expect_access(decode_thumb(c.hw1, c.hw2), c.e, c.what);
-}
-
-TEST(ArmAccessDecode, ArmEncodings) {
-    const struct {
-        const char *what;
-        uint32_t insn;
-        Expect e;
-    } cases[] = {
-        {"ldr r0,[r1,#4]", 0xE5910004, {4, 4, true, false, 0, 1, -1, 0, 4, true, true, false}},
-        {"str r2,[r3,#-8]!", 0xE5232008, {4, 4, false, false, 2, 3, -1, 0, 8, false, true, true}},
-        {"ldrb r0,[r1],#1", 0xE4D10001, {4, 1, true, false, 0, 1, -1, 0, 1, true, false, true}},
-        {"ldr r0,[r1,r2,lsl #2]",
-         0xE7910102,
-         {4, 4, true, false, 0, 1, 2, 2, 0, true, true, false}},
-        {"strh r1,[r2,#6]", 0xE1C210B6, {4, 2, false, false, 1, 2, -1, 0, 6, true, true, false}},
-        {"ldrsh r0,[r1,r2]", 0xE19100F2, {4, 2, true, true, 0, 1, 2, 0, 0, true, true, false}},
-        {"ldrsb r0,[r1,#1]", 0xE1D100D1, {4, 1, true, true, 0, 1, -1, 0, 1, true, true, false}},
-        {"ldrd r0,[r1]", 0xE1C100D0, kRefused},
-        {"ldr r0,[r1,r2,lsr #2]", 0xE7910122, kRefused},
-        {"ldm r1,{r0,r1}", 0xE8910003, kRefused},
-        {"pld [r1]", 0xF5D1F000, kRefused},
-    };
-    for (const auto &c : cases)
-        expect_access(decode_arm(c.insn), c.e, c.what);
+    for (const auto &c : cases) {
+        ArmAccess a = c.thumb ? decode_thumb(static_cast<uint16_t>(c.code >> 16),
+                                             static_cast<uint16_t>(c.code))
+                              : decode_arm(c.code);
+        EXPECT_EQ(text(a), c.expected) << std::hex << c.code;
+    }
 }
 
 TEST(ArmAccessDecode, AddressAndWriteback) {
     uint32_t regs[16] = {};
     regs[1] = 0x1000;
     regs[2] = 3;
-    uint32_t base_after = 0;
-    // Post-indexed: the access at the base, the base moved after.
-    EXPECT_EQ(arm_access_address(decode_arm(0xE4D10001), regs, &base_after), 0x1000u);
-    EXPECT_EQ(base_after, 0x1001u);
-    // Pre-indexed with writeback, subtracted.
-    EXPECT_EQ(arm_access_address(decode_thumb(0xF831, 0x0D02), regs, &base_after), 0xFFEu);
-    EXPECT_EQ(base_after, 0xFFEu);
-    // Register offset, shifted; the base stays.
-    EXPECT_EQ(arm_access_address(decode_arm(0xE7910102), regs, &base_after), 0x100Cu);
-    EXPECT_EQ(base_after, 0x1000u);
+    const struct {
+        ArmAccess access;
+        uint32_t address, base_after;
+    } cases[] = {
+        {decode_arm(0xE4D10001), 0x1000, 0x1001},     // post-indexed
+        {decode_thumb(0xF831, 0x0D02), 0xFFE, 0xFFE}, // pre-indexed, subtracted, written back
+        {decode_arm(0xE7910102), 0x100C, 0x1000},     // shifted register, base kept
+    };
+    for (const auto &c : cases) {
+        uint32_t base_after = 0;
+        EXPECT_EQ(arm_access_address(c.access, regs, &base_after), c.address);
+        EXPECT_EQ(base_after, c.base_after);
+    }
 }
 
 } // namespace
