@@ -7,6 +7,7 @@
 #include "board/media.h"
 #include "board/microcontroller.h"
 #include "board/mtd.h"
+#include "board/nor_flash.h"
 #include "board/spidev.h"
 #include "board/ubi.h"
 
@@ -335,9 +336,10 @@ void Board::reboot() {
         state_[volatile_state] = json::array();
     state_["rescans"] = json::object();
     state_["clock_ns"] = 0;
-    state_.erase("soc");   // registers and pin latches come up at their reset values
-    state_.erase("i2c");   // I2C devices lose their registers, the bus driver its status
-    state_.erase("nodes"); // made in /tmp
+    state_.erase("soc");     // registers and pin latches come up at their reset values
+    state_.erase("i2c");     // I2C devices lose their registers, the bus driver its status
+    state_.erase("nodes");   // made in /tmp
+    state_.erase("nor_bus"); // the NOR flash's command mode and its VID line
     power_cycle_microcontroller(*this);
     std::error_code ec;
     for (const auto &entry : fs::directory_iterator(root_ + "/tmp", ec))
@@ -372,7 +374,7 @@ std::unique_ptr<Device> Board::open_device(std::string_view path, int flags, int
     using Opener = std::unique_ptr<Device> (*)(Board &, std::string_view, int, int *);
     static constexpr Opener kDeviceModels[] = {
         open_control_device, open_media_device, open_microcontroller, open_mtd_device,
-        open_i2c_bus,        open_spi_device,   open_spidev};
+        open_i2c_bus,        open_spi_device,   open_spidev,          open_nor_direct};
     *err = ENOENT;
     for (Opener open : kDeviceModels) {
         if (auto device = open(*this, path, flags, err)) {

@@ -1,19 +1,15 @@
 #include "board/control.h"
 
-#include "board/device.h"
-#include "board/registers.h"
-
 #include <cerrno>
 #include <cstring>
-#include <iterator>
 
 namespace tvsim {
 
 namespace {
 
-constexpr unsigned long kMapRequest = 0xCF30;
+constexpr unsigned long kControlMapRequest = 0xCF30;
 
-// The driver's map request record, byte for byte.
+// The drivers' map request record, byte for byte.
 struct MapRequestRecord {
     char name[8];
     uint32_t phys_addr;
@@ -23,89 +19,84 @@ struct MapRequestRecord {
 };
 static_assert(sizeof(MapRequestRecord) == 24);
 
-constexpr size_t kWindowCount = std::size(kSocWindows);
-
-// The file offset the driver hands out for window i: its own numbering, unrelated to the
+// The file offset a driver hands out for window i: its own numbering, unrelated to the
 // window's physical address, so a program must use what the request returned.
 constexpr uint32_t driver_offset(size_t i) {
     return static_cast<uint32_t>((i + 1) << 20);
 }
 
-size_t window_index(std::string_view name) {
-    for (size_t i = 0; i < kWindowCount; ++i) {
-        if (name == kSocWindows[i].name)
+} // namespace
+
+WindowDriver::WindowDriver(Board &board, unsigned long request, std::span<const SocWindow> windows,
+                           RegistersOf registers_of)
+    : Device(board), request_(request), windows_(windows), registers_of_(registers_of),
+      requested_(windows.size(), false) {}
+
+size_t WindowDriver::window_index(std::string_view name) const {
+    for (size_t i = 0; i < windows_.size(); ++i) {
+        if (name == windows_[i].name)
             return i;
     }
-    return kWindowCount;
+    return windows_.size();
 }
 
-class ControlDevice : public Device {
-public:
-    using Device::Device;
-
-    int ioctl(unsigned long request, uintptr_t arg) override {
-        if (static_cast<uint32_t>(request) != kMapRequest) {
-            errno = ENOTTY;
-            return -1;
-        }
-        auto *record = reinterpret_cast<MapRequestRecord *>(arg);
-        std::string name(record->name, strnlen(record->name, sizeof record->name));
-        json event{{"name", name},
-                   {"phys_addr", record->phys_addr},
-                   {"size", record->size},
-                   {"flags", record->flags}};
-        size_t index = window_index(name);
-        int err = 0;
-        if (index == kWindowCount || kSocWindows[index].phys_base != record->phys_addr ||
-            kSocWindows[index].size != record->size)
-            err = EINVAL;
-        else if (const json *fault = board_.take_fault("map_request", name))
-            err = errno_from_name(fault->value("errno", json("EIO")));
-        if (err != 0) {
-            event["errno"] = err;
-            board_.trace("map_request", event);
-            errno = err;
-            return -1;
-        }
-        record->offset = driver_offset(index);
-        requested_[index] = true;
-        event["offset"] = record->offset;
+int WindowDriver::ioctl(unsigned long request, uintptr_t arg) {
+    if (static_cast<uint32_t>(request) != request_) {
+        errno = ENOTTY;
+        return -1;
+    }
+    auto *record = reinterpret_cast<MapRequestRecord *>(arg);
+    std::string name(record->name, strnlen(record->name, sizeof record->name));
+    json event{{"name", name},
+               {"phys_addr", record->phys_addr},
+               {"size", record->size},
+               {"flags", record->flags}};
+    size_t index = window_index(name);
+    int err = 0;
+    if (index == windows_.size() || windows_[index].phys_base != record->phys_addr ||
+        windows_[index].size != record->size)
+        err = EINVAL;
+    else if (const json *fault = board_.take_fault("map_request", name))
+        err = errno_from_name(fault->value("errno", json("EIO")));
+    if (err != 0) {
+        event["errno"] = err;
         board_.trace("map_request", event);
-        return 0;
+        errno = err;
+        return -1;
     }
+    record->offset = driver_offset(index);
+    requested_[index] = true;
+    event["offset"] = record->offset;
+    board_.trace("map_request", event);
+    return 0;
+}
 
-    DeviceMapping map(int64_t offset, size_t length) override {
-        for (size_t i = 0; i < kWindowCount; ++i) {
-            const SocWindow &w = kSocWindows[i];
-            if (!requested_[i] || offset != driver_offset(i) || length == 0 || length > w.size)
-                continue;
-            DeviceMapping mapping;
-            if (const json *fault = board_.take_fault("mmap", w.name)) {
-                if (!fault->value("elsewhere", false)) {
-                    errno = errno_from_name(fault->value("errno", json("ENOMEM")));
-                    return {};
-                }
-                mapping.elsewhere = true;
+DeviceMapping WindowDriver::map(int64_t offset, size_t length) {
+    for (size_t i = 0; i < windows_.size(); ++i) {
+        const SocWindow &w = windows_[i];
+        if (!requested_[i] || offset != driver_offset(i) || length == 0 || length > w.size)
+            continue;
+        DeviceMapping mapping;
+        if (const json *fault = board_.take_fault("mmap", w.name)) {
+            if (!fault->value("elsewhere", false)) {
+                errno = errno_from_name(fault->value("errno", json("ENOMEM")));
+                return {};
             }
-            mapping.registers = soc_registers(board_, w);
-            mapping.phys_base = w.phys_base;
-            return mapping;
+            mapping.elsewhere = true;
         }
-        errno = EINVAL;
-        return {};
+        mapping.registers = registers_of_(board_, w);
+        mapping.phys_base = w.phys_base;
+        return mapping;
     }
-
-private:
-    bool requested_[kWindowCount] = {}; // windows this descriptor has asked for
-};
-
-} // namespace
+    errno = EINVAL;
+    return {};
+}
 
 std::unique_ptr<Device> open_control_device(Board &board, std::string_view path, int, int *err) {
     if (path != "/dev/cn_user")
         return nullptr;
     *err = 0;
-    return std::make_unique<ControlDevice>(board);
+    return std::make_unique<WindowDriver>(board, kControlMapRequest, kSocWindows, soc_registers);
 }
 
 } // namespace tvsim

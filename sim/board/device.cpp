@@ -41,28 +41,52 @@ std::string hex32(uint32_t value) {
 }
 
 json register_event(std::string_view space, std::string_view name, std::string_view op,
-                    uint32_t address, uint32_t value, std::string_view seen) {
+                    uint32_t address, uint32_t value, unsigned width) {
     json event{{"op", op}, {"window", space}, {"addr", hex32(address)}, {"value", hex32(value)}};
     if (!name.empty())
         event["reg"] = name;
-    if (!seen.empty())
-        event["seen"] = seen;
+    if (width != 4)
+        event["width"] = width;
     return event;
+}
+
+uint32_t lane_mask(unsigned width) {
+    return width >= 4 ? ~0u : (1u << (8 * width)) - 1;
+}
+
+bool whole_word(uint32_t address, unsigned width) {
+    return width == 4 && (address & 3) == 0;
 }
 
 } // namespace
 
-uint32_t RegisterSpace::read(uint32_t address, std::string_view seen) {
-    uint32_t value = load(address);
+uint32_t RegisterSpace::load_narrow(uint32_t address, unsigned width) {
+    unsigned shift = 8 * (address & 3);
+    return (load(address & ~3u) >> shift) & lane_mask(width);
+}
+
+void RegisterSpace::store_narrow(uint32_t address, uint32_t value, unsigned width) {
+    unsigned shift = 8 * (address & 3);
+    uint32_t mask = lane_mask(width) << shift;
+    uint32_t word = load(address & ~3u);
+    store(address & ~3u, (word & ~mask) | ((value << shift) & mask));
+}
+
+uint32_t RegisterSpace::read(uint32_t address, unsigned width) {
+    uint32_t value = whole_word(address, width) ? load(address) : load_narrow(address, width);
     board_.trace("reg",
-                 register_event(name_, register_name(address), "read", address, value, seen));
+                 register_event(name_, register_name(address), "read", address, value, width));
     return value;
 }
 
-void RegisterSpace::write(uint32_t address, uint32_t value, std::string_view seen) {
+void RegisterSpace::write(uint32_t address, uint32_t value, unsigned width) {
+    value &= lane_mask(width);
     board_.trace("reg",
-                 register_event(name_, register_name(address), "write", address, value, seen));
-    store(address, value);
+                 register_event(name_, register_name(address), "write", address, value, width));
+    if (whole_word(address, width))
+        store(address, value);
+    else
+        store_narrow(address, value, width);
 }
 
 } // namespace tvsim

@@ -16,8 +16,9 @@ namespace tvsim {
 
 class Board;
 
-// Registers that a program reaches through a mapping of a device (a register window): 32-bit
-// words at physical addresses. Every access is traced ("reg" events) with its value.
+// Registers that a program reaches through a mapping of a device (a register window): loads
+// and stores of 1, 2 or 4 bytes at physical addresses, seen one by one and in order. Every
+// access is traced ("reg" events) with its value.
 class RegisterSpace {
 public:
     RegisterSpace(Board &board, std::string name) : board_(board), name_(std::move(name)) {}
@@ -25,18 +26,18 @@ public:
     RegisterSpace(const RegisterSpace &) = delete;
     RegisterSpace &operator=(const RegisterSpace &) = delete;
 
-    // The program reads or writes the register at address. seen is empty when the access
-    // itself was observed; "map" for a value supplied when the window was mapped, "unmap" for
-    // a write found when it was unmapped (where accesses cannot be seen one by one).
-    uint32_t read(uint32_t address, std::string_view seen = {});
-    void write(uint32_t address, uint32_t value, std::string_view seen = {});
-
-    // The registers in [base, base + length) whose values a mapping supplies up front.
-    virtual std::vector<uint32_t> registers_in(uint32_t base, uint32_t length) const = 0;
+    // The program reads or writes width bytes at address.
+    uint32_t read(uint32_t address, unsigned width = 4);
+    void write(uint32_t address, uint32_t value, unsigned width = 4);
 
 protected:
+    // Aligned 32-bit accesses.
     virtual uint32_t load(uint32_t address) = 0;
     virtual void store(uint32_t address, uint32_t value) = 0;
+    // Narrower or unaligned accesses. By default they reach the byte lanes of the word that
+    // holds address: a read takes them from the word, a write merges them into the word read.
+    virtual uint32_t load_narrow(uint32_t address, unsigned width);
+    virtual void store_narrow(uint32_t address, uint32_t value, unsigned width);
     // A register's name for the trace, or "".
     virtual std::string register_name(uint32_t) const { return ""; }
 

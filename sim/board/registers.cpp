@@ -85,22 +85,6 @@ class SocRegisters : public RegisterSpace {
 public:
     SocRegisters(Board &board, const SocWindow &window) : RegisterSpace(board, window.name) {}
 
-    std::vector<uint32_t> registers_in(uint32_t base, uint32_t length) const override {
-        std::vector<uint32_t> found;
-        auto add = [&](uint32_t address) {
-            if (address >= base && address - base < length)
-                found.push_back(address);
-        };
-        add(kBootConfigRegister);
-        add(kRevisionRegister);
-        for (uint32_t bank : kGpioBankRegisters)
-            add(bank);
-        const json &stored = member(member(board_.state(), "soc"), "registers");
-        for (auto it = stored.begin(); stored.is_object() && it != stored.end(); ++it)
-            add(static_cast<uint32_t>(number_from(json(it.key()), 0)));
-        return found;
-    }
-
 protected:
     uint32_t load(uint32_t address) override {
         const json &soc = member(board_.config(), "soc");

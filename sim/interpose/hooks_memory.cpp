@@ -2,18 +2,19 @@
 // registers with plain loads and stores at the mapped addresses. The simulator has to see each
 // of those accesses so that the models can react (a pin write, a status read).
 //
-// Two ways, chosen by what the processor under the program offers:
+// The window is mapped without any access right, so each access faults (SIGSEGV) and the
+// handler reads the faulting instruction to learn the access's width (1, 2 or 4 bytes):
 //
-// - Observed (x86-64): the window is mapped without any access right. Each access faults
-//   (SIGSEGV); the handler opens the window, supplies the register's current value for a
-//   read, and sets the trap flag so that exactly the one faulting instruction runs. The
-//   following SIGTRAP applies the value of a write, closes the window again and clears the
-//   flag. Every read and write reaches the model in order, with its value.
-// - Compared (elsewhere, such as armhf under qemu-user, which has no single-step): the window
-//   is mapped readable and writable and filled with the registers' values when it is mapped
-//   (traced as reads, "seen": "map"); when it is unmapped, every word that differs from what
-//   was supplied is applied as a write ("seen": "unmap"). This suffices for a program that
-//   maps a window around each access; a write of the value already there goes unseen.
+// - x86-64: the handler opens the window, supplies the register's current value for a read,
+//   and sets the trap flag so that exactly the one faulting instruction runs. The following
+//   SIGTRAP applies the value of a write, closes the window again and clears the flag.
+// - 32-bit ARM (the board build, also under qemu-user, which has no single-step): the handler
+//   decodes the load or store (A32 or Thumb-2 LDR/STR/LDRH/STRH/LDRB/STRB/LDRSH/LDRSB,
+//   immediate or register offset, with writeback), carries it out on the model, writes the
+//   loaded register and the base register back and moves the program past the instruction.
+//   Any other instruction touching a window ends the program with a message.
+//
+// Either way every read and write reaches the model in order, with its value and width.
 //
 // The kernel's rules come first: the board's register drivers map device memory shared only
 // (a private mapping is refused with EINVAL), a descriptor not open for reading cannot be
@@ -26,7 +27,11 @@
 // replaces that stretch of shadow while it is mapped and the shadow is put back afterwards.
 #include "interpose/session.h"
 
+#include "board/cpu_access.h"
+
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -42,11 +47,10 @@ void *mmap64(void *addr, size_t length, int prot, int flags, int fd, off64_t off
 namespace {
 
 #if defined(__x86_64__)
-constexpr bool kObserved = true;
 constexpr greg_t kTrapFlag = 0x100;
 constexpr greg_t kWriteFault = 0x2; // page fault error code: the access was a write
-#else
-constexpr bool kObserved = false;
+#elif !defined(__arm__)
+#error "register windows need the access decoding of this processor"
 #endif
 
 constexpr int kMaxWindows = 8;
@@ -58,7 +62,6 @@ struct Window {
     uint32_t phys_base;
     tvsim::RegisterSpace *registers;
     int prot;             // the access the program mapped it with
-    uint32_t *supplied;   // compared windows: the words as mapped
     bool replaced_shadow; // placed over the address sanitizer's shadow
 };
 
@@ -73,14 +76,25 @@ Window *window_starting_at(uintptr_t address) {
     return nullptr;
 }
 
+#if defined(__x86_64__)
 // Window memory is never instrumented: in a sanitized build its shadow is not addressable.
-__attribute__((no_sanitize_address)) uint32_t peek(uintptr_t word) {
-    return *reinterpret_cast<volatile uint32_t *>(word);
+__attribute__((no_sanitize_address)) uint32_t peek(uintptr_t at, unsigned width) {
+    if (width == 1)
+        return *reinterpret_cast<volatile uint8_t *>(at);
+    if (width == 2)
+        return *reinterpret_cast<volatile uint16_t *>(at);
+    return *reinterpret_cast<volatile uint32_t *>(at);
 }
 
-__attribute__((no_sanitize_address)) void poke(uintptr_t word, uint32_t value) {
-    *reinterpret_cast<volatile uint32_t *>(word) = value;
+__attribute__((no_sanitize_address)) void poke(uintptr_t at, uint32_t value, unsigned width) {
+    if (width == 1)
+        *reinterpret_cast<volatile uint8_t *>(at) = static_cast<uint8_t>(value);
+    else if (width == 2)
+        *reinterpret_cast<volatile uint16_t *>(at) = static_cast<uint16_t>(value);
+    else
+        *reinterpret_cast<volatile uint32_t *>(at) = value;
 }
+#endif
 
 // --- placing a window ---------------------------------------------------------------------
 
@@ -128,17 +142,7 @@ void release_window_memory(const Window &w) {
 
 // --- observed windows -----------------------------------------------------------------------
 
-#if defined(__x86_64__)
-// The access let through by the trap flag.
-struct PendingAccess {
-    Window *window;
-    uintptr_t word;
-    bool write;
-};
-PendingAccess g_pending = {nullptr, 0, false};
-
 struct sigaction g_previous_segv;
-struct sigaction g_previous_trap;
 bool g_handlers_installed = false;
 
 Window *window_at(uintptr_t address) {
@@ -149,12 +153,8 @@ Window *window_at(uintptr_t address) {
     return nullptr;
 }
 
-uint32_t phys_of(const Window &w, uintptr_t word) {
-    return w.phys_base + static_cast<uint32_t>(word - w.addr);
-}
-
-void set_access(const Window &w, int prot) {
-    mprotect(reinterpret_cast<void *>(w.addr), w.length, prot);
+uint32_t phys_of(const Window &w, uintptr_t at) {
+    return w.phys_base + static_cast<uint32_t>(at - w.addr);
 }
 
 // A fault that is not a window access goes to whoever handled it before.
@@ -169,36 +169,68 @@ void pass_on(int sig, siginfo_t *info, void *context, const struct sigaction &pr
     }
 }
 
-void on_window_fault(int sig, siginfo_t *info, void *context) {
-    int saved_errno = errno;
-    auto *uc = static_cast<ucontext_t *>(context);
-    Window *w = window_at(reinterpret_cast<uintptr_t>(info->si_addr));
-    if (w == nullptr || g_pending.window != nullptr) {
-        pass_on(sig, info, context, g_previous_segv);
-        errno = saved_errno;
-        return;
+[[noreturn]] void not_understood(uintptr_t pc, uintptr_t address) {
+    fprintf(stderr,
+            "tvsim: the instruction at 0x%lx accesses register window address 0x%lx in "
+            "a way the simulator does not carry out\n",
+            static_cast<unsigned long>(pc), static_cast<unsigned long>(address));
+    abort();
+}
+
+// The access reaches the model. The fault comes from a plain load or store in the program,
+// never from inside the C library, so the model may allocate and write its trace here.
+uint32_t model_read(Window &w, uintptr_t at, unsigned width) {
+    Hook hook;
+    try {
+        return hook.active() ? w.registers->read(phys_of(w, at), width) : 0;
+    } catch (...) {
+        return 0;
     }
-    uintptr_t word = reinterpret_cast<uintptr_t>(info->si_addr) & ~uintptr_t{3};
+}
+
+void model_write(Window &w, uintptr_t at, uint32_t value, unsigned width) {
+    Hook hook;
+    try {
+        if (hook.active())
+            w.registers->write(phys_of(w, at), value, width);
+    } catch (...) {
+    }
+}
+
+#if defined(__x86_64__)
+// The access let through by the trap flag.
+struct PendingAccess {
+    Window *window;
+    uintptr_t at;
+    unsigned width;
+    bool write;
+};
+PendingAccess g_pending = {nullptr, 0, 0, false};
+struct sigaction g_previous_trap;
+
+void set_access(const Window &w, int prot) {
+    mprotect(reinterpret_cast<void *>(w.addr), w.length, prot);
+}
+
+// Lets the one faulting instruction run with the window open; true when it was a window access.
+bool window_access(siginfo_t *info, ucontext_t *uc) {
+    auto at = reinterpret_cast<uintptr_t>(info->si_addr);
+    Window *w = window_at(at);
+    if (w == nullptr || g_pending.window != nullptr)
+        return false;
     bool write = (uc->uc_mcontext.gregs[REG_ERR] & kWriteFault) != 0;
-    if ((w->prot & (write ? PROT_WRITE : PROT_READ)) == 0) {
-        pass_on(sig, info, context, g_previous_segv); // the program's own fault
-        errno = saved_errno;
-        return;
-    }
+    if ((w->prot & (write ? PROT_WRITE : PROT_READ)) == 0)
+        return false; // the program's own fault
+    auto pc = static_cast<uintptr_t>(uc->uc_mcontext.gregs[REG_RIP]);
+    unsigned width = tvsim::x86_access_width(reinterpret_cast<const uint8_t *>(pc));
+    if (width == 0)
+        not_understood(pc, at);
     set_access(*w, PROT_READ | PROT_WRITE);
-    if (!write) {
-        // The fault comes from a plain load in the program, never from inside the C library,
-        // so the model may allocate and write its trace here.
-        Hook hook;
-        try {
-            poke(word, hook.active() ? w->registers->read(phys_of(*w, word)) : 0);
-        } catch (...) {
-            poke(word, 0);
-        }
-    }
-    g_pending = {w, word, write};
+    if (!write)
+        poke(at, model_read(*w, at, width), width);
+    g_pending = {w, at, width, write};
     uc->uc_mcontext.gregs[REG_EFL] |= kTrapFlag;
-    errno = saved_errno;
+    return true;
 }
 
 void on_single_step(int sig, siginfo_t *info, void *context) {
@@ -210,16 +242,78 @@ void on_single_step(int sig, siginfo_t *info, void *context) {
     auto *uc = static_cast<ucontext_t *>(context);
     uc->uc_mcontext.gregs[REG_EFL] &= ~kTrapFlag;
     PendingAccess done = g_pending;
-    g_pending = {nullptr, 0, false};
-    if (done.write) {
-        Hook hook;
-        try {
-            if (hook.active())
-                done.window->registers->write(phys_of(*done.window, done.word), peek(done.word));
-        } catch (...) {
-        }
-    }
+    g_pending = {nullptr, 0, 0, false};
+    if (done.write)
+        model_write(*done.window, done.at, peek(done.at, done.width), done.width);
     set_access(*done.window, PROT_NONE);
+    errno = saved_errno;
+}
+
+bool install_trap_handler(struct sigaction action) {
+    action.sa_sigaction = on_single_step;
+    return sigaction(SIGTRAP, &action, &g_previous_trap) == 0;
+}
+#else
+// The Thumb IT state after one instruction of an IT block.
+uint32_t advance_it_state(uint32_t cpsr) {
+    uint32_t it = ((cpsr >> 8) & 0xFC) | ((cpsr >> 25) & 0x3);
+    if (it == 0)
+        return cpsr;
+    it = (it & 0x7) == 0 ? 0 : (it & 0xE0) | ((it << 1) & 0x1F);
+    cpsr &= ~((0x3Fu << 10) | (0x3u << 25));
+    return cpsr | ((it & 0xFC) << 8) | ((it & 0x3) << 25);
+}
+
+// Carries out the faulting load or store on the model; true when it was a window access.
+bool window_access(siginfo_t *info, ucontext_t *uc) {
+    auto at = reinterpret_cast<uintptr_t>(info->si_addr);
+    Window *w = window_at(at);
+    if (w == nullptr)
+        return false;
+    mcontext_t &mc = uc->uc_mcontext;
+    unsigned long *r = &mc.arm_r0; // r0-r15 follow one another
+    static_assert(offsetof(mcontext_t, arm_pc) - offsetof(mcontext_t, arm_r0) == 15 * 4);
+    uintptr_t pc = mc.arm_pc;
+    bool thumb = (mc.arm_cpsr & 0x20) != 0;
+    auto *code = reinterpret_cast<const uint16_t *>(pc);
+    tvsim::ArmAccess a = thumb ? tvsim::decode_thumb(code[0], code[1])
+                               : tvsim::decode_arm(*reinterpret_cast<const uint32_t *>(pc));
+    if (a.length == 0)
+        not_understood(pc, at);
+    if ((w->prot & (a.load ? PROT_READ : PROT_WRITE)) == 0)
+        return false; // the program's own fault
+    uint32_t regs[16];
+    for (int i = 0; i < 16; ++i)
+        regs[i] = static_cast<uint32_t>(r[i]);
+    uint32_t base_after = 0;
+    if (tvsim::arm_access_address(a, regs, &base_after) != at)
+        not_understood(pc, at);
+    if (a.load) {
+        uint32_t value = model_read(*w, at, a.width);
+        if (a.sign_extend)
+            value = a.width == 1 ? static_cast<uint32_t>(static_cast<int8_t>(value))
+                                 : static_cast<uint32_t>(static_cast<int16_t>(value));
+        r[a.rn] = base_after;
+        r[a.rt] = value;
+    } else {
+        model_write(*w, at, regs[a.rt], a.width);
+        r[a.rn] = base_after;
+    }
+    mc.arm_pc = pc + a.length;
+    if (thumb)
+        mc.arm_cpsr = advance_it_state(static_cast<uint32_t>(mc.arm_cpsr));
+    return true;
+}
+
+bool install_trap_handler(struct sigaction) {
+    return true;
+}
+#endif
+
+void on_window_fault(int sig, siginfo_t *info, void *context) {
+    int saved_errno = errno;
+    if (!window_access(info, static_cast<ucontext_t *>(context)))
+        pass_on(sig, info, context, g_previous_segv);
     errno = saved_errno;
 }
 
@@ -233,42 +327,12 @@ bool install_handlers() {
     action.sa_sigaction = on_window_fault;
     if (sigaction(SIGSEGV, &action, &g_previous_segv) != 0)
         return false;
-    action.sa_sigaction = on_single_step;
-    if (sigaction(SIGTRAP, &action, &g_previous_trap) != 0) {
+    if (!install_trap_handler(action)) {
         sigaction(SIGSEGV, &g_previous_segv, nullptr);
         return false;
     }
     g_handlers_installed = true;
     return true;
-}
-#else
-bool install_handlers() {
-    return false;
-}
-#endif
-
-// --- compared windows ---------------------------------------------------------------------
-
-// Fills the window with the registers' values and keeps a copy to compare with at unmap.
-void supply_values(Window &w) {
-    size_t words = w.length / 4;
-    w.supplied = new uint32_t[words]();
-    for (uint32_t address :
-         w.registers->registers_in(w.phys_base, static_cast<uint32_t>(w.length))) {
-        size_t index = (address - w.phys_base) / 4;
-        w.supplied[index] = w.registers->read(address, "map");
-    }
-    for (size_t i = 0; i < words; ++i)
-        poke(w.addr + i * 4, w.supplied[i]);
-    mprotect(reinterpret_cast<void *>(w.addr), w.length, w.prot);
-}
-
-void apply_changed_words(const Window &w) {
-    for (size_t i = 0; i < w.length / 4; ++i) {
-        uint32_t now = peek(w.addr + i * 4);
-        if (now != w.supplied[i])
-            w.registers->write(w.phys_base + static_cast<uint32_t>(i * 4), now, "unmap");
-    }
 }
 
 // --- the hooks ----------------------------------------------------------------------------
@@ -304,10 +368,12 @@ void *map_device(Hook &hook, tvsim::Device *device, void *hint, size_t length, i
         errno = ENOMEM;
         return MAP_FAILED;
     }
-    bool observed = kObserved && install_handlers();
+    if (!install_handlers()) {
+        errno = ENOMEM;
+        return MAP_FAILED;
+    }
     bool replaced_shadow = false;
-    void *at = place_window(hint, length, observed ? PROT_NONE : PROT_READ | PROT_WRITE,
-                            mapping.elsewhere, &replaced_shadow);
+    void *at = place_window(hint, length, PROT_NONE, mapping.elsewhere, &replaced_shadow);
     hook.board().trace(
         "mmap", {{"fd", fd},
                  {"offset", hex(static_cast<uint64_t>(offset))},
@@ -316,15 +382,8 @@ void *map_device(Hook &hook, tvsim::Device *device, void *hint, size_t length, i
     if (at == MAP_FAILED)
         return MAP_FAILED;
     Window &w = g_windows[g_window_count++];
-    w = {reinterpret_cast<uintptr_t>(at),
-         length,
-         mapping.phys_base,
-         mapping.registers.release(),
-         prot,
-         nullptr,
-         replaced_shadow};
-    if (!observed)
-        supply_values(w);
+    w = {reinterpret_cast<uintptr_t>(at), length, mapping.phys_base,
+         mapping.registers.release(),     prot,   replaced_shadow};
     return at;
 }
 
@@ -351,15 +410,12 @@ int unmap_window(Window *w) {
     Hook hook;
     try {
         // Off the board (a test that detached first) the registers' board is gone.
-        if (hook.active() && w->supplied != nullptr)
-            apply_changed_words(*w);
         if (hook.active())
             hook.board().trace("munmap", {{"addr", hex(w->addr)}, {"length", w->length}});
     } catch (...) {
     }
     release_window_memory(*w);
     delete w->registers;
-    delete[] w->supplied;
     *w = g_windows[--g_window_count];
     return 0;
 }

@@ -115,6 +115,21 @@ TEST_F(ConfigRoms, EverySelectedRomIsWrittenAndItsFpgaConfigured) {
         EXPECT_THAT(c, testing::MatchesRegex("[124]:.*")) << c;
         EXPECT_NE(c.substr(2), "04");
     }
+    // Every pin write is a read-modify-write of its bank, each access seen, also the writes
+    // that leave the bank as it was.
+    std::vector<json> gpio;
+    for (const json &e : board.trace("reg"))
+        if (e.value("reg", "").starts_with("GPIO"))
+            gpio.push_back(e);
+    size_t unchanged = 0;
+    for (size_t i = 1; i < gpio.size(); ++i) {
+        if (gpio[i]["op"] != "write")
+            continue;
+        EXPECT_EQ(gpio[i - 1]["op"], "read");
+        EXPECT_EQ(gpio[i - 1]["addr"], gpio[i]["addr"]);
+        unchanged += gpio[i - 1]["value"] == gpio[i]["value"];
+    }
+    EXPECT_GT(unchanged, 0u);
     printf("board time, three ROMs of 1000, 700 and 257 bytes: %.3f s\n", board.board_seconds());
 }
 

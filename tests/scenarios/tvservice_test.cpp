@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
+#include <set>
 
 namespace scenario {
 namespace {
@@ -267,8 +268,122 @@ TEST_F(NandService, VornekEepromIsRewrittenFromItsTextFile) {
     EXPECT_EQ(image.substr(0x50, 1), "\x03");
 }
 
-TEST_F(NandService, NorWithoutItsDirectAccessDriverTouchesNothing) {
-    board.make("");
+// --- NOR sector protection through /dev/udirect -----------------------------------------------
+
+class NorService : public Scenario {
+protected:
+    void make(const json &nor, const json &faults = json::array()) {
+        board.make("");
+        json c = board.config();
+        c["nor"] = nor;
+        c["faults"] = faults;
+        board.set_config(c);
+    }
+    // The status lines of sectors first..last, with the locked ones marked.
+    static std::string listing(unsigned first, unsigned last, std::set<unsigned> locked) {
+        static constexpr uint32_t kBase[] = {0, 0x4000, 0x6000, 0x8000};
+        std::string out;
+        for (unsigned s = first; s <= last; ++s) {
+            char line[48];
+            snprintf(line, sizeof line, "sector %2u(%08X) %s\n", s,
+                     s < 4 ? kBase[s] : 0x10000 * (s - 3), locked.count(s) ? "locked" : "unlocked");
+            out += line;
+        }
+        return out;
+    }
+    json protected_sectors() const {
+        json nor = json::parse(board.read("state.json")).value("nor", json::object());
+        return nor.value("protected", json::array());
+    }
+    // VID ends switched off, whatever the run's result.
+    void expect_vid_off() const {
+        std::vector<json> vid = board.trace("vid");
+        ASSERT_FALSE(vid.empty());
+        EXPECT_EQ(vid.back()["level"], 0);
+    }
+};
+
+TEST_F(NorService, StatusListsTheSectorsOfTheRangeAsTheFlashReportsThem) {
+    make({{"protected", {0, 4, 18}}});
+    RunResult r = board.tvservice({"nor", "status", "0", "0x10001"});
+    EXPECT_EQ(r.output, listing(0, 4, {0, 4}));
+    EXPECT_EQ(r.exit_status, 0);
+    EXPECT_EQ(board.tvservice({"nor", "status", "0xF0000", "1"}).output, listing(18, 18, {18}));
+    // Every bus cycle is seen, 16 bits wide: the three autoselect cycles come first.
+    std::vector<json> reg = board.trace("reg");
+    ASSERT_GE(reg.size(), 4u);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(reg[i]["width"], 2);
+        EXPECT_EQ(reg[i]["op"], "write");
+    }
+    EXPECT_EQ(reg[0]["addr"], "0x01fc0aaa");
+    EXPECT_EQ(reg[1]["addr"], "0x01fc0554");
+    EXPECT_EQ(reg[2]["value"], "0x00000090");
+}
+
+TEST_F(NorService, LockProtectsTheRangeAndItStaysProtectedAfterAReboot) {
+    make({{"protected", json::array()}});
+    RunResult r = board.tvservice({"nor", "lock", "0x4000", "0x4000"});
+    EXPECT_EQ(r.output, "");
+    EXPECT_EQ(r.exit_status, 0);
+    EXPECT_EQ(protected_sectors(), json({1, 2}));
+    expect_vid_off();
+    board.reboot();
+    EXPECT_EQ(board.tvservice({"nor", "status", "0", "0x8001"}).output, listing(0, 3, {1, 2}));
+}
+
+TEST_F(NorService, UnlockUnprotectsEverySectorOfTheChipAtOnce) {
+    make({{"protected", {0, 5, 9}}});
+    RunResult r = board.tvservice({"nor", "unlock", "0x50000", "0x10000"});
+    EXPECT_EQ(r.output, "");
+    EXPECT_EQ(r.exit_status, 0);
+    EXPECT_EQ(protected_sectors(), json::array());
+    std::vector<json> pulses = board.trace("nor_pulse");
+    ASSERT_EQ(pulses.size(), 1u);
+    EXPECT_EQ(pulses[0]["us"], 15000);
+}
+
+TEST_F(NorService, UnlockRetriesUntilTheSectorVerifies) {
+    make({{"protected", {5}}},
+         json::array({{{"fault", "nor_verify"}, {"target", "5"}, {"times", 2}}}));
+    RunResult r = board.tvservice({"nor", "unlock", "0x20000", "1"});
+    EXPECT_EQ(r.output, "Retrying\nRetrying\n");
+    EXPECT_EQ(r.exit_status, 0);
+    EXPECT_EQ(protected_sectors(), json::array());
+}
+
+struct NorFailure {
+    const char *name;
+    json fault;
+    json protected_after; // the sectors protected when the run gave up
+    size_t fault_hits;
+};
+
+class NorLockFailure : public NorService, public testing::WithParamInterface<NorFailure> {};
+
+TEST_P(NorLockFailure, ASectorThatNeverVerifiesFailsTheRunWithVidLeftOff) {
+    make({{"protected", json::array()}}, json::array({GetParam().fault}));
+    RunResult r = board.tvservice({"nor", "lock", "0x4000", "0x6000"});
+    EXPECT_EQ(r.output, "FAILED\n");
+    EXPECT_EQ(r.exit_status, 1);
+    EXPECT_EQ(protected_sectors(), GetParam().protected_after);
+    EXPECT_EQ(board.trace("fault").size(), GetParam().fault_hits);
+    EXPECT_TRUE(board.trace("vid").empty() || board.trace("vid").back()["level"] == 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Nor, NorLockFailure,
+                         testing::Values(NorFailure{"SectorNeverVerifies",
+                                                    {{"fault", "nor_verify"}, {"target", "2"}},
+                                                    json({1}),
+                                                    25}, // every attempt on sector 2
+                                         NorFailure{"VidDoesNotSwitchOn",
+                                                    {{"fault", "nor_vid"}, {"target", "on"}},
+                                                    json::array(),
+                                                    1}),
+                         RowName());
+
+TEST_F(NorService, WithoutItsDirectAccessDriverNothingIsTouched) {
+    make({{"driver", false}});
     RunResult r = board.tvservice({"nor", "lock", "0", "0x4000"});
     EXPECT_EQ(r.output, "open: No such file or directory\n");
     EXPECT_EQ(r.exit_status, 1);

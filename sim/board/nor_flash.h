@@ -1,0 +1,35 @@
+// The NOR direct-access driver "/dev/udirect" and what it maps: the board's parallel NOR boot
+// flash (an EN29LV800C bottom-boot part, 1 MiB on a 16-bit bus) and the PIO block whose two
+// registers switch the flash's VID high-voltage line.
+//
+// The driver takes map request 0x30 (see control.h) for the windows "PIO" (0x01880F00, 0x1000
+// bytes) and "NOR" (0x01FC0000, 0x100000 bytes). In the PIO window, a write with bit 0 set to
+// the register at 0x590 switches VID on, one to 0x594 switches it off.
+//
+// The flash answers its command interface as the part does, on the 16-bit bus (command
+// addresses 0x555 and 0x2AA are words: byte offsets 0xAAA and 0x554):
+// - read array (the contents of the NOR boot partition's file), after power-up and 0xF0;
+// - autoselect (0xAA, 0x55, 0x90): word 0 reads the manufacturer (0x1C), word 1 the device
+//   (0x225B), word 2 of a sector whether it is protected (1) or not (0);
+// - in-system sector protection, only while VID has been on for at least 1 us: 0x60 enters it;
+//   then 0x60 at a sector's word 2 (A6 low) starts a protect pulse on that sector, 0x60 at
+//   word 0x42 (A6 high) an unprotect pulse on every sector; the next 0x40 there ends the pulse
+//   (it takes effect when it lasted 150 us, 15 ms to unprotect) and a read at least 1 us later
+//   gives the sector's state (1 protected, 0 not; 0xFFFF when read too early).
+// Any other write, or a sequence out of order, returns to read array ("nor" event "ignored");
+// switching VID off leaves protection mode. Protection is kept in state.json "nor"
+// ("protected": sector numbers) and survives a reboot; the mode and VID do not.
+//
+// board.json "nor": { "driver": true, "protected": [0], "partition": "uboot-nor" }
+// Faults: "nor_verify" (target: a sector number) the sector is not changed by a pulse;
+// "nor_vid" (target "on" or "off") VID does not switch.
+#pragma once
+
+#include "board/board.h"
+#include "board/device.h"
+
+namespace tvsim {
+
+std::unique_ptr<Device> open_nor_direct(Board &board, std::string_view path, int flags, int *err);
+
+} // namespace tvsim
