@@ -49,6 +49,8 @@ struct FerundModel {
 constexpr FerundModel kFerundModels[] = {
     {"DUNLY", 5}, {"PHQD27K1", 8}, {"PHQD2WK1", 8}, {"LMQD2WJ1", 8}};
 
+} // namespace
+
 bool ferund_allowed(const char *model) {
     for (const FerundModel &m : kFerundModels) {
         if (model != nullptr && strncmp(model, m.prefix, m.length) == 0)
@@ -56,6 +58,8 @@ bool ferund_allowed(const char *model) {
     }
     return false;
 }
+
+namespace {
 
 // Switches the television off again, on every way out, if this update switched it on.
 class PowerGuard {

@@ -16,6 +16,10 @@ constexpr int kTvmEepromBlock = 64;
 constexpr int kTvmEepromOwn = 0;
 constexpr int kTvmEepromFerund = 1;
 
+// Whether the model's microcontroller reaches the Ferund EEPROM: its name starts with one of
+// the known prefixes (longer names of the same family count).
+bool ferund_allowed(const char *model);
+
 // Rewrites the microcontroller's EEPROM (target 0, every block read back and compared) or the
 // Ferund EEPROM (target 1, television switched on and picture muted first) from the
 // "TVM_DATA" text file in write_dir. 0 when at least one block was written and every block

@@ -426,8 +426,7 @@ protected:
         }
     }
     int pll_reads() const {
-        std::ifstream trace(dir_ / "trace.jsonl");
-        std::string all(std::istreambuf_iterator<char>(trace), {});
+        std::string all = read_file("trace.jsonl");
         int count = 0;
         for (size_t at = 0; (at = all.find("\"w\":\"0010\"},{", at)) != std::string::npos; ++at)
             ++count;
@@ -493,8 +492,7 @@ TEST_F(FpgaEepromOnBoard, BlockSequencesAreJudgedByTheirLock) {
         auto write = c.type == 1 ? WriteFPGAEeprom : WriteFPGAEeprom_TR6;
         EXPECT_EQ(printed([&] { result = write(0x40, data, c.length); }), c.output) << c.fault;
         EXPECT_EQ(result, c.result) << c.fault;
-        std::ifstream in(dir_ / (c.type == 1 ? "i2c/fpga_tr5.bin" : "i2c/fpga_tr6.bin"));
-        std::string cells(std::istreambuf_iterator<char>(in), {});
+        std::string cells = read_file(c.type == 1 ? "i2c/fpga_tr5.bin" : "i2c/fpga_tr6.bin");
         EXPECT_EQ(cells.substr(0x40, 32) == std::string(data, data + 32), c.stored) << c.fault;
         uint8_t back[10] = {};
         if (c.type == 1 && c.stored) { // the read interface sees what the block stored
@@ -507,7 +505,7 @@ TEST_F(FpgaEepromOnBoard, BlockSequencesAreJudgedByTheirLock) {
 // Refused before anything reaches the FPGA: no PLL read, pin 95 left at 0.
 TEST_F(FpgaEepromOnBoard, FilesThatGiveNoBlockAreRefusedBeforeTheFpga) {
     fresh_board(json(), 0);
-    fs::create_directories(dir_ / "fs/tmp/w");
+    std::filesystem::create_directories(dir_ / "fs/tmp/w");
     std::ofstream(dir_ / "fs/tmp/w/tr6_eep.txt") << "0000 01\n";
     EXPECT_EQ(printed([] { EXPECT_EQ(Update_FPGAEeprom("/tmp/w", nullptr, nullptr, 3), -1); }),
               "**ERROR ** fpga type fail\n");

@@ -178,4 +178,31 @@ TEST(LinkRate, DunlyModelsGetTheFastRate) {
         EXPECT_EQ(tvm_link_rate(other), 128906) << (other != nullptr ? other : "no name");
 }
 
+// Versions from F0 on only give way to newer ones; FF always installs.
+TEST(FirmwareVersion, VerdictOfTheFileAgainstTheRunningVersion) {
+    const struct {
+        uint8_t file, running;
+        VersionVerdict verdict;
+    } cases[] = {
+        {0xFF, 0xFF, VERSION_INSTALL}, {0x20, 0x20, VERSION_SAME},    {0x05, 0xEF, VERSION_INSTALL},
+        {0x05, 0xF0, VERSION_REFUSED}, {0xF1, 0xF0, VERSION_INSTALL}, {0xF0, 0xF1, VERSION_REFUSED},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(judge_version(c.file, c.running), c.verdict) << +c.file << " " << +c.running;
+}
+
+// A model family is known by its first characters; what follows them does not matter.
+TEST(FerundEeprom, ReachedByModelsOfTheKnownFamilies) {
+    const struct {
+        const char *model;
+        bool allowed;
+    } cases[] = {
+        {"DUNLY", true},      {"DUNLY-55", true}, {"PHQD27K1X", true}, {"PHQD2WK1-2", true},
+        {"LMQD2WJ1 B", true}, {"DUNL", false},    {"PHQD27K", false},  {"PHQD2WK", false},
+        {"LMQD2WJ", false},   {"XDUNLY", false},  {"", false},         {nullptr, false},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(ferund_allowed(c.model), c.allowed) << (c.model ? c.model : "(null)");
+}
+
 } // namespace
