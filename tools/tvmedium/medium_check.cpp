@@ -499,18 +499,23 @@ void check_eeprom_file(MediumContext &m, const EepromKind &kind, const fs::path 
                          kind.block_size, written_end == 0 ? 0 : written_end - 1));
 }
 
+// The file of write_dir whose name begins with prefix, found as the tool finds it, into path
+// (kEepPathSize bytes); false, reported, when there is none.
+bool find_by_prefix(MediumContext &m, const char *component, const char *prefix, char *path) {
+    if (find_eep_text_file(m.write_dir.c_str(), prefix, path, kEepPathSize) == EEP_FILE_FOUND)
+        return true;
+    m.report->add(Severity::Error, component, m.relative(m.write_dir), 0,
+                  format("no file whose name begins with %s", prefix));
+    return false;
+}
+
 void check_eeproms(MediumContext &m) {
     for (const EepromKind &kind : kEepromKinds) {
         if (!m.selected(kind.word, kind.select_bit))
             continue;
         char path[kEepPathSize];
-        if (find_eep_text_file(m.write_dir.c_str(), kind.prefix, path, sizeof path) !=
-            EEP_FILE_FOUND) {
-            m.report->add(Severity::Error, kind.component, m.relative(m.write_dir), 0,
-                          format("no file whose name begins with %s", kind.prefix));
-            continue;
-        }
-        check_eeprom_file(m, kind, path);
+        if (find_by_prefix(m, kind.component, kind.prefix, path))
+            check_eeprom_file(m, kind, path);
     }
 }
 
@@ -554,13 +559,8 @@ void check_roms(MediumContext &m) {
         if (!m.selected(1, rom.select_bit))
             continue;
         char path[kEepPathSize];
-        if (find_eep_text_file(m.write_dir.c_str(), rom.prefix, path, sizeof path) !=
-            EEP_FILE_FOUND) {
-            m.report->add(Severity::Error, rom.component, m.relative(m.write_dir), 0,
-                          format("no file whose name begins with %s", rom.prefix));
-            continue;
-        }
-        check_sized_image(m, rom.component, path, rom.rom_size, "configuration ROM");
+        if (find_by_prefix(m, rom.component, rom.prefix, path))
+            check_sized_image(m, rom.component, path, rom.rom_size, "configuration ROM");
     }
 }
 

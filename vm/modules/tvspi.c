@@ -3,9 +3,8 @@
 // driver (tvflash), which depends on it as the board's flash driver depends on its controller.
 #include <linux/module.h>
 
-int tvspi_controller_ready(void)
-{
-	return 1;
+int tvspi_controller_ready(void) {
+    return 1;
 }
 EXPORT_SYMBOL_GPL(tvspi_controller_ready);
 
