@@ -4,7 +4,6 @@
 #include "scenarios/harness.h"
 
 #include <filesystem>
-#include <fstream>
 
 namespace scenario {
 namespace {
@@ -42,8 +41,7 @@ protected:
         if (!fault.is_null())
             board.add_fault(fault);
         for (const char *rom : {"spi_rom1.bin", "spi_rom2.bin"})
-            std::ofstream(board.path(rom))
-                << std::string(16, '\xff') << (configured ? "\xaa\x99\x55\x66" : "");
+            board.write(rom, std::string(16, '\xff') + (configured ? "\xaa\x99\x55\x66" : ""));
     }
 };
 

@@ -175,6 +175,10 @@ bool SimBoard::exists(const std::string &relative) const {
     return fs::exists(path(relative), ec);
 }
 
+void SimBoard::write(const std::string &relative, const std::string &bytes) const {
+    write_text(path(relative), bytes);
+}
+
 std::string SimBoard::read(const std::string &relative) const {
     return slurp(path(relative));
 }

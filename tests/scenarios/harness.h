@@ -63,6 +63,8 @@ public:
     std::string path(const std::string &relative) const { return dir() + "/" + relative; }
     bool exists(const std::string &relative) const;
     std::string read(const std::string &relative) const;
+    // Writes a board file, creating folders on the way (the tool's files are below "fs/").
+    void write(const std::string &relative, const std::string &bytes) const;
     // Names in a board folder, sorted ("" for a missing folder).
     std::string listing(const std::string &relative) const;
     std::vector<json> trace() const;

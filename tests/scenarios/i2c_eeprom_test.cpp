@@ -3,10 +3,6 @@
 // simulated buses cross-checked with i2c-tools.
 #include "scenarios/harness.h"
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-
 namespace scenario {
 namespace {
 
@@ -173,7 +169,7 @@ TEST_F(I2cEeproms, FaultsShowInOutputAndResult) {
 
 // i2c-tools, written by others, against the simulated buses (host programs: host build only).
 TEST_F(I2cEeproms, I2cToolsSeeWhatTheToolWroteAndTheToolSeesWhatTheyWrote) {
-    if (const char *v = getenv("TVSIM_VARIANT"); v != nullptr && std::string(v) == "armhf")
+    if (!on_host())
         GTEST_SKIP() << "i2c-tools are host programs";
     const std::string first_row = "00:                         -- -- 0a -- -- -- -- -- \n";
     const std::string kolma_row = "20: -- -- -- -- -- -- -- -- -- 29 -- 2b -- -- -- -- \n";
@@ -207,13 +203,12 @@ protected:
         Scenario::SetUp();
         if (testing::Test::IsSkipped())
             return;
-        if (const char *v = getenv("TVSIM_VARIANT"); v != nullptr && std::string(v) == "armhf")
+        if (!on_host())
             GTEST_SKIP() << "the updater caller is a host program";
         board.make("");
-        std::filesystem::create_directories(board.path("fs/tmp/M1/writedata"));
     }
     void file(const std::string &name, const std::string &text) const {
-        std::ofstream(board.path("fs/tmp/M1/writedata/" + name)) << text;
+        board.write("fs/tmp/M1/writedata/" + name, text);
     }
     RunResult call() const {
         return board.run({TVSIM_CALL_UPDATER, "vornek", "/tmp/M1/writedata", "-", "-"});
@@ -252,7 +247,6 @@ TEST_F(VornekUpdater, FaultsEndTheWalk) {
     };
     for (const Case &c : cases) {
         board.remake({{"faults", json::array({c.fault})}});
-        std::filesystem::create_directories(board.path("fs/tmp/M1/writedata"));
         file("vornek_eep.txt", "0000 01\n0041 02\n");
         RunResult r = call();
         EXPECT_EQ(r.output, "Reading from file : /tmp/M1/writedata/vornek_eep.txt \n"

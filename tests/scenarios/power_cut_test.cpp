@@ -4,7 +4,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 
 namespace scenario {
 namespace {
@@ -38,9 +37,8 @@ protected:
         board.medium_list(kModel, "tvm_hex\nuboot\n");
         std::filesystem::remove_all(board.dir());
         board.make();
-        std::filesystem::create_directories(board.path("mtd"));
-        std::ofstream(board.path("tvm/bank1.bin"), std::ios::binary) << kOldBank1;
-        std::ofstream(board.path(kBootLoader), std::ios::binary) << kOldBootLoader;
+        board.write("tvm/bank1.bin", kOldBank1);
+        board.write(kBootLoader, kOldBootLoader);
         json c = board.config();
         c["power_cut"] = power_cut;
         board.set_config(c);

@@ -3,8 +3,6 @@
 // commands.
 #include "scenarios/harness.h"
 
-#include <filesystem>
-#include <fstream>
 #include <gmock/gmock.h>
 #include <set>
 
@@ -18,12 +16,6 @@ constexpr const char *kPart = "uboot_env";          // 8 blocks, /dev/mtd1
 constexpr const char *kFlash = "mtd/uboot_env.bin"; // its contents
 constexpr int kPartIndex = 1;
 
-void put_file(const SimBoard &board, const std::string &board_path, const std::string &bytes) {
-    std::string host = board.path("fs" + board_path);
-    std::filesystem::create_directories(std::filesystem::path(host).parent_path());
-    std::ofstream(host, std::ios::binary) << bytes;
-}
-
 class NandService : public Scenario {
 protected:
     void make_with_bad_blocks(const json &bad) {
@@ -34,7 +26,7 @@ protected:
     }
     std::string block(size_t physical) const { return board.read(kFlash).substr(physical * E, E); }
     RunResult write(size_t length, const std::string &image) {
-        put_file(board, "/tmp/in.bin", image);
+        board.write("fs/tmp/in.bin", image);
         return board.tvservice(
             {"nand", "write", kPart, "0", std::to_string(length), "/tmp/in.bin"});
     }
@@ -135,7 +127,7 @@ class ServiceMessages : public NandService, public testing::WithParamInterface<M
 TEST_P(ServiceMessages, EveryRefusalSaysWhyAndExitsWithItsStatus) {
     const MessageCase &c = GetParam();
     make_with_bad_blocks(json::array());
-    put_file(board, "/tmp/in.bin", std::string(16, 'x'));
+    board.write("fs/tmp/in.bin", std::string(16, 'x'));
     RunResult r = board.tvservice(c.args);
     EXPECT_EQ(r.output, c.output);
     EXPECT_EQ(r.exit_status, c.status);
@@ -221,8 +213,8 @@ TEST_F(NandService, HelpListsEveryCommandAndSucceeds) {
 
 TEST_F(NandService, ImageListIsShownWithoutTouchingAnyVolume) {
     board.make("");
-    put_file(board, "/tmp/flashimg.lst",
-             "# comment\ntvm_hex\napp_data F N\nbitmap N\nzoran_update\nfpga_sam_2\n");
+    board.write("fs/tmp/flashimg.lst",
+                "# comment\ntvm_hex\napp_data F N\nbitmap N\nzoran_update\nfpga_sam_2\n");
     RunResult usb = board.tvservice({"list", "/tmp/flashimg.lst"});
     EXPECT_EQ(usb.output, "UBIFS volume [app_data] would be removed and made again\n"
                           "app_data         update erase-first\n"
@@ -241,7 +233,7 @@ TEST_F(NandService, ImageListIsShownWithoutTouchingAnyVolume) {
 // The updater's own lines are pinned where it is called directly; here, what the tool adds.
 TEST_F(NandService, FerundEepromIsRewrittenFromTheTextFile) {
     board.make("");
-    put_file(board, "/tmp/M1/writedata/TVM_DATA.txt", "Version 3\n0000 11\n0041 22\n");
+    board.write("fs/tmp/M1/writedata/TVM_DATA.txt", "Version 3\n0000 11\n0041 22\n");
     RunResult r = board.tvservice({"eeprom", "ferund", "/tmp/M1/writedata", "PHQD2WK1"});
     EXPECT_THAT(r.output, testing::EndsWith("\reeprom ferund: updated\n"));
     EXPECT_EQ(r.exit_status, 0);
@@ -254,7 +246,7 @@ TEST_F(NandService, FerundEepromIsRewrittenFromTheTextFile) {
 
 TEST_F(NandService, VornekEepromIsRewrittenFromItsTextFile) {
     board.make("");
-    put_file(board, "/tmp/M1/writedata/vornek_eep.txt", "0000 01\n0041 02\n0050 03\n");
+    board.write("fs/tmp/M1/writedata/vornek_eep.txt", "0000 01\n0041 02\n0050 03\n");
     RunResult r = board.tvservice({"eeprom", "vornek", "/tmp/M1/writedata"});
     EXPECT_EQ(r.output, "Reading from file : /tmp/M1/writedata/vornek_eep.txt \n"
                         "Start writing to Vornek EEPROM, please wait... \n"
@@ -419,7 +411,7 @@ TEST_F(NandService, MtdUtilsAndTheServiceToolAgreeOnBadBlocks) {
     EXPECT_EQ(board.read(kFlash), std::string(8 * E, '\xFF'));
 
     const std::string other = pattern(length, 8);
-    put_file(board, "/tmp/nw.bin", other);
+    board.write("fs/tmp/nw.bin", other);
     RunResult nw = board.run({"nandwrite", "-q", "/dev/mtd1", "/tmp/nw.bin"});
     EXPECT_EQ(nw.exit_status, 0) << nw.output;
     EXPECT_EQ(block(2), other.substr(E, E)); // logical 1 in physical 2

@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 
 namespace scenario {
@@ -62,12 +61,6 @@ size_t differs_at(const std::string &flash, size_t offset, const std::string &ex
     return kSame;
 }
 
-void write_board_file(const SimBoard &board, const std::string &relative,
-                      const std::string &bytes) {
-    std::filesystem::create_directories(std::filesystem::path(board.path(relative)).parent_path());
-    std::ofstream(board.path(relative), std::ios::binary) << bytes;
-}
-
 void set_soc(const SimBoard &board, const std::string &revision, const std::string &boot_config) {
     json c = board.config();
     c["soc"]["revision"] = revision;
@@ -110,7 +103,7 @@ TEST_P(UbootBootSource, WritesTheImageOfTheBootSourceIntoItsRegion) {
     boot_loader_medium(board, c.model, "boot-" + c.model + (c.es1 ? "_S1" : "") + ".bin", image);
     board.make();
     set_soc(board, c.revision, c.boot_config);
-    write_board_file(board, partition, std::string(kPartition, '\0')); // an old boot loader
+    board.write(partition, std::string(kPartition, '\0')); // an old boot loader
 
     RunResult r = board.tvupdate({c.model});
 
@@ -293,7 +286,7 @@ TEST_P(UbootWrite, WritesOnlyWhereTheFlashDiffersAndVerifies) {
     boot_loader_medium(board, "M1", "boot-M1_S1.bin", c.image);
     board.make();
     set_soc(board, kEs1, "0x00000100");
-    write_board_file(board, "mtd/uboot-nor.bin", c.flash);
+    board.write("mtd/uboot-nor.bin", c.flash);
     for (json fault : c.faults) {
         fault["target"] = "uboot-nor";
         board.add_fault(fault);
@@ -376,9 +369,9 @@ TEST_F(MtdTools, EraseCopyAndInfoBehaveAsOnTheBoard) {
             GTEST_SKIP() << "host tools of mtd-utils are needed";
     }
     board.make("");
-    write_board_file(board, "mtd/uboot-spi.bin", std::string(kPartition, '\0'));
+    board.write("mtd/uboot-spi.bin", std::string(kPartition, '\0'));
     const std::string image = pattern(70000, 9);
-    write_board_file(board, "fs/tmp/image.bin", image);
+    board.write("fs/tmp/image.bin", image);
     json config = board.config();
     for (json &p : config["mtd"])
         p["drivers"] = json::array(); // present without loading a driver first
