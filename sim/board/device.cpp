@@ -54,10 +54,6 @@ uint32_t lane_mask(unsigned width) {
     return width >= 4 ? ~0u : (1u << (8 * width)) - 1;
 }
 
-bool whole_word(uint32_t address, unsigned width) {
-    return width == 4 && (address & 3) == 0;
-}
-
 } // namespace
 
 uint32_t RegisterSpace::load_narrow(uint32_t address, unsigned width) {
@@ -72,18 +68,31 @@ void RegisterSpace::store_narrow(uint32_t address, uint32_t value, unsigned widt
     store(address & ~3u, (word & ~mask) | ((value << shift) & mask));
 }
 
+// Device memory takes no unaligned access: the alignment fault it raises is fixed up by the
+// kernel, which carries the access out as byte accesses, lowest address first.
 uint32_t RegisterSpace::read(uint32_t address, unsigned width) {
-    uint32_t value = whole_word(address, width) ? load(address) : load_narrow(address, width);
+    if (address % width != 0) {
+        uint32_t value = 0;
+        for (unsigned i = 0; i < width; ++i)
+            value |= read(address + i, 1) << (8 * i);
+        return value;
+    }
+    uint32_t value = width == 4 ? load(address) : load_narrow(address, width);
     board_.trace("reg",
                  register_event(name_, register_name(address), "read", address, value, width));
     return value;
 }
 
 void RegisterSpace::write(uint32_t address, uint32_t value, unsigned width) {
+    if (address % width != 0) {
+        for (unsigned i = 0; i < width; ++i)
+            write(address + i, value >> (8 * i), 1);
+        return;
+    }
     value &= lane_mask(width);
     board_.trace("reg",
                  register_event(name_, register_name(address), "write", address, value, width));
-    if (whole_word(address, width))
+    if (width == 4)
         store(address, value);
     else
         store_narrow(address, value, width);

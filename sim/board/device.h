@@ -26,7 +26,8 @@ public:
     RegisterSpace(const RegisterSpace &) = delete;
     RegisterSpace &operator=(const RegisterSpace &) = delete;
 
-    // The program reads or writes width bytes at address.
+    // The program reads or writes width bytes at address (an unaligned access arrives as the
+    // byte accesses the kernel makes of it).
     uint32_t read(uint32_t address, unsigned width = 4);
     void write(uint32_t address, uint32_t value, unsigned width = 4);
 
@@ -34,8 +35,8 @@ protected:
     // Aligned 32-bit accesses.
     virtual uint32_t load(uint32_t address) = 0;
     virtual void store(uint32_t address, uint32_t value) = 0;
-    // Narrower or unaligned accesses. By default they reach the byte lanes of the word that
-    // holds address: a read takes them from the word, a write merges them into the word read.
+    // Narrower accesses. By default they reach the byte lanes of the word that holds address:
+    // a read takes them from the word, a write merges them into the word read.
     virtual uint32_t load_narrow(uint32_t address, unsigned width);
     virtual void store_narrow(uint32_t address, uint32_t value, unsigned width);
     // A register's name for the trace, or "".

@@ -143,8 +143,10 @@ protected:
         uint16_t word = cycle_read(at & ~1u);
         return width == 1 ? (word >> (8 * (at & 1))) & 0xFF : word;
     }
-    void store_narrow(uint32_t address, uint32_t value, unsigned) override {
-        cycle_write((address - base_) & ~1u, static_cast<uint16_t>(value));
+    void store_narrow(uint32_t address, uint32_t value, unsigned width) override {
+        uint32_t at = address - base_;
+        unsigned lane = width == 1 ? 8 * (at & 1) : 0; // a byte at an odd address: bits 15-8
+        cycle_write(at & ~1u, static_cast<uint16_t>(value << lane));
     }
 
 private:

@@ -6,6 +6,7 @@
 #include "run/main.h"
 #include "support/board_fixture.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <linux/i2c-dev.h>
@@ -214,6 +215,12 @@ TEST_F(I2cOnBoard, KolmaReadInterfaceAfterReleaseAndEnable) {
     EXPECT_EQ(buffer[10], 0xEE);
     close(cn_user_fd);
     cn_user_fd = -1;
+    // The read command twice, the address, the start: the register writes of a read.
+    std::vector<std::string> writes;
+    for (const json &e : trace("i2c"))
+        writes.push_back(e["msgs"][0].value("w", ""));
+    const std::vector<std::string> read = {"40000007", "40000007", "400a0123", "401c0000"};
+    EXPECT_NE(std::search(writes.begin(), writes.end(), read.begin(), read.end()), writes.end());
 }
 
 // Stand-in EEPROMs in place of the FPGA interfaces (which answer only once their FPGA is out

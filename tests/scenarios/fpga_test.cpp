@@ -207,6 +207,7 @@ TEST_F(ConfigRoms, FaultsStopTheRunWithTheirMessage) {
         json fault;
         std::vector<std::string> lines;
         Rom left;
+        long erase_polls = -1; // status reads after the bulk erase, where counted
     } cases[] = {
         {"protection bits",
          {{"protect", "0x1C"}},
@@ -222,7 +223,8 @@ TEST_F(ConfigRoms, FaultsStopTheRunWithTheirMessage) {
          {},
          {{"fault", "spi_erase_stuck"}},
          {"Start erasing SPI-ROM, please wait... \n Timeout RDSR(0x03)!\n"},
-         Rom::Erased},
+         Rom::Erased,
+         10}, // ROM 0's erase is polled ten times
         {"every status read fails",
          {},
          {{"fault", "spi_request"}, {"target", "write_then_read"}},
@@ -282,6 +284,14 @@ TEST_F(ConfigRoms, FaultsStopTheRunWithTheirMessage) {
             disabled = disabled || cmd.substr(2) == "04";
         EXPECT_EQ(disabled, std::string(c.what) == "bulk erase fails" ||
                                 std::string(c.what) == "page program fails");
+        if (c.erase_polls >= 0) {
+            std::vector<std::string> sent = commands();
+            auto erase = std::find_if(sent.begin(), sent.end(),
+                                      [](const std::string &s) { return s.substr(2) == "c7"; });
+            EXPECT_EQ(std::count_if(erase, sent.end(),
+                                    [](const std::string &s) { return s.substr(2, 2) == "05"; }),
+                      c.erase_polls);
+        }
     }
 }
 

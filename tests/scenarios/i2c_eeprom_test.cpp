@@ -7,6 +7,7 @@ namespace scenario {
 namespace {
 
 constexpr size_t kEepromSize = 32768;
+constexpr const char *kPeltoFile = "0011 A5\r\n00 10 5a\n0200 3C\n";
 
 // The KOLMA file: bytes 0x00..0x8F, value 7 times the address; three blocks are written.
 std::string kolma_file() {
@@ -48,7 +49,7 @@ protected:
         if (testing::Test::IsSkipped())
             return;
         board.medium_list("M1", "pelto_eeprom\nkolma_eeprom\n");
-        board.medium_file("M1/writedata/PELTO_DATA.txt", "0011 A5\r\n00 10 5a\n0200 3C\n");
+        board.medium_file("M1/writedata/PELTO_DATA.txt", kPeltoFile);
         board.medium_file("M1/writedata/kolma_eep.txt", kolma_file());
         board.make();
     }
@@ -115,6 +116,7 @@ TEST_F(I2cEeproms, FaultsShowInOutputAndResult) {
         std::string expected; // part of the output
         bool kolma_ok;
         bool pelto_ok;
+        const char *pelto_file = kPeltoFile;
     } cases[] = {
         {"wrong sum is reported, the block still counts",
          // The fifth status read of a block is its sum check, which polls six times. The check
@@ -154,8 +156,13 @@ TEST_F(I2cEeproms, FaultsShowInOutputAndResult) {
          "!!! Unable to update KOLMA_1 EEPROM data. !!!\n",
          false,
          true},
+        {"a Pelto line without its data byte", json::array(),
+         "**ERROR** EEP data line without a data byte: 0200\n"
+         "!!! Unable to update Pelto Eeprom. !!!\n",
+         true, false, "0011 A5\n0200\n0300 01\n"},
     };
     for (const Case &c : cases) {
+        board.medium_file("M1/writedata/PELTO_DATA.txt", c.pelto_file);
         board.remake({{"faults", c.faults}});
         RunResult r = board.tvupdate({"M1"});
         EXPECT_NE(r.output.find(c.expected), std::string::npos) << c.name << "\n" << r.output;

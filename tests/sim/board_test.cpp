@@ -2,9 +2,11 @@
 // and how faults are counted.
 #include "board/board.h"
 #include "board/create.h"
+#include "board/device.h"
 
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <map>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -108,6 +110,21 @@ TEST_F(BoardTest, FaultsAreDueBySkipAndTimes) {
     EXPECT_NE(board_->take_fault("mount", "cp -rf x"), nullptr);
     EXPECT_NE(board_->take_fault("mount", "cp -rf x"), nullptr); // no times: always
     EXPECT_EQ(board_->take_fault("command", "cp -rf x"), nullptr);
+}
+
+// Device memory takes no unaligned access: the kernel's fix-up carries it out byte by byte,
+// so an access across a word boundary reaches both words.
+TEST_F(BoardTest, AnUnalignedRegisterAccessArrivesAsByteAccesses) {
+    struct Words : RegisterSpace {
+        explicit Words(Board &board) : RegisterSpace(board, "words") {}
+        uint32_t load(uint32_t address) override { return word[address]; }
+        void store(uint32_t address, uint32_t value) override { word[address] = value; }
+        std::map<uint32_t, uint32_t> word{{0x1000, 0x44332211}, {0x1004, 0x88776655}};
+    } space(*board_);
+    EXPECT_EQ(space.read(0x1003, 2), 0x5544u);
+    space.write(0x1003, 0xBEEF, 2);
+    EXPECT_EQ(space.word[0x1000], 0xEF332211u);
+    EXPECT_EQ(space.word[0x1004], 0x887766BEu);
 }
 
 } // namespace
