@@ -131,6 +131,8 @@ def tvsim_rung(work, scenario, medium, host_build):
     if "microcontroller" in config:
         results["tvm"] = tree_sums(os.path.join(board, "tvm"))
         results["microcontroller"] = microcontroller_state(state)
+        with open(os.path.join(board, "trace.jsonl")) as f:
+            results["uart"] = uart_events(f.read())
     return config, results
 
 
@@ -139,6 +141,18 @@ def microcontroller_state(state):
     which count board time (virtual on tvsim, real in the VM)."""
     kept = {k: v for k, v in state.get("microcontroller", {}).items() if not k.endswith("_ns")}
     return json.dumps(kept, indent=1, sort_keys=True) + "\n"
+
+
+def uart_events(trace):
+    """The microcontroller's events of a trace (rate requests, frames taken, replies, short
+    reads, guard dog resets), without their times."""
+    lines = []
+    for line in trace.splitlines():
+        event = json.loads(line)
+        if event["ev"].startswith("uart_") or event["ev"] == "guard_dog_reset":
+            del event["t"]
+            lines.append(json.dumps(event, sort_keys=True) + "\n")
+    return "".join(lines)
 
 
 # ---- the VM rung -------------------------------------------------------------------------
@@ -282,6 +296,7 @@ def vm_rung(work, scenario, medium, config, vm_dir, timeout=300):
     if "tvm" in results:
         state = json.loads(results.pop("tvboard_state.json", "{}"))
         results["microcontroller"] = microcontroller_state(state)
+        results["uart"] = uart_events(results.get("tvboard_trace.jsonl", ""))
     return results, booted, elapsed
 
 
