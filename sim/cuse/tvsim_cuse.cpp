@@ -78,8 +78,8 @@ int main(int argc, char **argv) {
         ssize_t got = read(cuse, request.data(), request.size());
         if (got < 0 && (errno == EINTR || errno == EAGAIN || errno == ENOENT))
             continue; // ENOENT: the request was interrupted before it was read
-        if (got < 0) {
-            if (errno != ENODEV)
+        if (got <= 0) {
+            if (got < 0 && errno != ENODEV)
                 perror("tvsim-cuse: reading a request");
             break; // ENODEV: the device is gone
         }
