@@ -2,7 +2,8 @@
 # Builds the VM's initramfs: busybox, the armhf C library, the UBI tools of mtd-utils, the
 # kernel modules a TV board loads (with what they depend on, in load order), our own board
 # modules, the board's files of a tvsim board (the application installer), the armhf tvupdate
-# and tvservice, and the VM's init.
+# and tvservice, the armhf tvsim-cuse (serves the microcontroller's UART from tvsim's model),
+# and the VM's init.
 # Usage: initramfs.sh FETCH_DIR OUR_MODULES_DIR ARMHF_BUILD BOARD_FS OUT.cpio.gz
 set -eu
 fetch=$(cd "$1" && pwd)
@@ -37,6 +38,8 @@ done
 cp "$root/usr/sbin/ubimkvol" "$root/usr/sbin/ubirmvol" "$tree/update/"
 cp "$board_fs/update/update_tool.sh" "$tree/update/"
 cp "$armhf/tvupdate" "$armhf/tvservice" "$tree/"
+# Without its debugging information: a megabyte instead of seventeen to unpack at every boot.
+arm-linux-gnueabihf-strip -o "$tree/tvsim-cuse" "$armhf/tvsim-cuse"
 
 # Kernel modules with their dependencies, dependencies first, listed in /kmod/order.
 # Copies a module without Debian's signature: the kernel then does not check it (it only notes
@@ -66,7 +69,7 @@ add_module() {
     echo "$name" >> "$tree/kmod/order"
 }
 for m in virtio_pci virtio_blk xhci-pci usb-storage sd_mod vfat nls_cp437 nls_ascii nls_utf8 \
-    nls_iso8859-1 nandsim ubi deflate zstd ubifs; do
+    nls_iso8859-1 nandsim ubi deflate zstd ubifs cuse; do
     add_module "$m"
 done
 # Our own: the control device is part of the board's kernel; the SPI flash drivers sit in

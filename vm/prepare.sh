@@ -1,7 +1,7 @@
 #!/bin/sh
 # Prepares the VM rung under VM_DIR: the Debian downloads (kept once fetched), our board
-# modules built against Debian's armmp headers, and the initramfs with the armhf tvupdate and
-# tvservice.
+# modules built against Debian's armmp headers, and the initramfs with the armhf tvupdate,
+# tvservice and tvsim-cuse.
 # Usage: prepare.sh VM_DIR HOST_BUILD ARMHF_BUILD
 set -eu
 here=$(cd "$(dirname "$0")" && pwd)

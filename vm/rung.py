@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Runs each scenario of vm/scenarios.json on tvsim and on Debian's armhf kernel under
-qemu-system-arm, and compares what the tool printed and what the flash holds afterwards.
+qemu-system-arm, and compares what the tool printed and what the flash and the TV
+microcontroller hold afterwards.
 
 Usage: rung.py --host-build build/host --armhf-build build/armhf --vm-dir build/vm [NAME...]
 Exit status 0 when every scenario agrees on both rungs (after the differences listed in
@@ -88,11 +89,20 @@ def tvsim_rung(work, scenario, medium, host_build):
             disk["filesystem"] = "ext4"
         disk["appears_after_seconds"] = scenario.get("stick_after_seconds", 0)
     config["soc"].update(scenario.get("soc", {}))
+    if "microcontroller" in scenario:
+        config["microcontroller"].update(scenario["microcontroller"])
     for part in config["mtd"]:
         if part["name"] in scenario.get("nand_bad_blocks", {}):
             part["bad_blocks"] = scenario["nand_bad_blocks"][part["name"]]
     with open(os.path.join(board, "board.json"), "w") as f:
         json.dump(config, f, indent=2)
+    if "microcontroller" in config:
+        # The VM serves the microcontroller from the same board, as it is before the runs.
+        vm_board = os.path.join(work, "scenario", "tvboard")
+        shutil.copytree(os.path.join(board, "tvm"), os.path.join(vm_board, "tvm"))
+        for name in ("board.json", "state.json"):
+            if os.path.exists(os.path.join(board, name)):
+                shutil.copy(os.path.join(board, name), vm_board)
     results = {}
     for n, argv in enumerate(commands(scenario), 1):
         prog = os.path.join(host_build, argv[0]) if argv[0] in BOARD_PROGRAMS else argv[0]
@@ -102,9 +112,9 @@ def tvsim_rung(work, scenario, medium, host_build):
         results[f"run{n}.status"] = f"{out.returncode}\n"
     # The volumes as the runs left them.
     with open(os.path.join(board, "state.json")) as f:
-        ubi = json.load(f)["ubi"]
+        state = json.load(f)
     volumes = []
-    for dev in ubi:
+    for dev in state["ubi"]:
         for vol in dev["volumes"]:
             name = f"ubi{dev['number']}_{vol['id']}"
             volumes.append(f"{name} {vol['name']}\n")
@@ -118,7 +128,31 @@ def tvsim_rung(work, scenario, medium, host_build):
                 data = f.read()
             data += b"\xff" * (int(part["size"], 0) - len(data))
             results[part["name"] + ".md5"] = hashlib.md5(data).hexdigest() + "\n"
+    if "microcontroller" in config:
+        results["tvm"] = tree_sums(os.path.join(board, "tvm"))
+        results["microcontroller"] = microcontroller_state(state)
+        with open(os.path.join(board, "trace.jsonl")) as f:
+            results["uart"] = uart_events(f.read())
     return config, results
+
+
+def microcontroller_state(state):
+    """The microcontroller's part of state.json as the rungs compare it: without the times,
+    which count board time (virtual on tvsim, real in the VM)."""
+    kept = {k: v for k, v in state.get("microcontroller", {}).items() if not k.endswith("_ns")}
+    return json.dumps(kept, indent=1, sort_keys=True) + "\n"
+
+
+def uart_events(trace):
+    """The microcontroller's events of a trace (rate requests, frames taken, replies, short
+    reads, guard dog resets), without their times."""
+    lines = []
+    for line in trace.splitlines():
+        event = json.loads(line)
+        if event["ev"].startswith("uart_") or event["ev"] == "guard_dog_reset":
+            del event["t"]
+            lines.append(json.dumps(event, sort_keys=True) + "\n")
+    return "".join(lines)
 
 
 # ---- the VM rung -------------------------------------------------------------------------
@@ -149,7 +183,9 @@ def stick_image(work, medium, kind):
 
 
 def scenario_cpio(work, scenario, config):
-    """A second initramfs archive holding /scenario.sh and /commands, read by the VM's init."""
+    """A second initramfs archive holding /scenario.sh, /commands and, when the board has a
+    microcontroller, its board directory /tvboard (put there by tvsim_rung), read by the VM's
+    init."""
     soc = config.get("soc", {})
     vols = {dev["number"]: " ".join(f"{v['id']}:{v['name']}:{v['size']}" for v in dev["volumes"])
             for dev in config["ubi"]}
@@ -174,7 +210,11 @@ def scenario_cpio(work, scenario, config):
         cpio = subprocess.Popen(["cpio", "-o", "-H", "newc", "--quiet", "-R", "0:0"], cwd=tree,
                                 stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         gz = subprocess.Popen(["gzip", "-1"], stdin=cpio.stdout, stdout=out)
-        cpio.stdin.write(b"scenario.sh\ncommands\n")
+        for dirpath, dirs, files in os.walk(tree):
+            dirs.sort()
+            for name in dirs + sorted(files):
+                path = os.path.relpath(os.path.join(dirpath, name), tree)
+                cpio.stdin.write(path.encode() + b"\n")
         cpio.stdin.close()
         cpio.stdout.close()
         if gz.wait() or cpio.wait():
@@ -253,6 +293,10 @@ def vm_rung(work, scenario, medium, config, vm_dir, timeout=300):
                         tar.extractfile(member).read().decode(errors="replace")
     except tarfile.ReadError:
         pass
+    if "tvm" in results:
+        state = json.loads(results.pop("tvboard_state.json", "{}"))
+        results["microcontroller"] = microcontroller_state(state)
+        results["uart"] = uart_events(results.get("tvboard_trace.jsonl", ""))
     return results, booted, elapsed
 
 
@@ -273,7 +317,7 @@ def normalize(name, text, rung, known):
 def compare(tvsim, vm, known):
     diffs = []
     for name in sorted(set(tvsim) | set(vm)):
-        if name in ("proc_mtd", "mounts"):
+        if name in ("proc_mtd", "mounts", "tvboard_trace.jsonl"):
             continue
         a = normalize(name, tvsim.get(name, "(missing)\n"), "tvsim", known)
         b = normalize(name, vm.get(name, "(missing)\n"), "vm", known)
