@@ -375,6 +375,10 @@ std::unique_ptr<Device> Board::open_device(std::string_view path, int flags, int
     static constexpr Opener kDeviceModels[] = {
         open_control_device, open_media_device, open_microcontroller, open_mtd_device,
         open_i2c_bus,        open_spi_device,   open_spidev,          open_nor_direct};
+    if (const json *f = take_fault("open", std::string(path))) {
+        *err = errno_from_name(f->value("errno", json("ENODEV")));
+        return nullptr;
+    }
     *err = ENOENT;
     for (Opener open : kDeviceModels) {
         if (auto device = open(*this, path, flags, err)) {

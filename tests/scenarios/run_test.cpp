@@ -316,6 +316,16 @@ TEST_F(UpdateRun, VolumeRecreationPrintsEachVerdict) {
     EXPECT_FALSE(board.exists("flash/ubi4_0/factory/old.dat"));
 }
 
+TEST_F(UpdateRun, WithoutTheControlDriverNothingRuns) {
+    board.medium_list("M1", "qvxbin\n");
+    board.make();
+    board.add_fault({{"fault", "open"}, {"target", "/dev/cn_user"}});
+    RunResult r = board.tvupdate({"M1"});
+    EXPECT_EQ(r.output, "Cannot open /dev/cn_user, errno=19\n");
+    EXPECT_EQ(r.exit_status, 255);
+    EXPECT_TRUE(board.trace("mount").empty());
+}
+
 TEST_F(UpdateRun, UnusableModelNamesAreRefusedBeforeAnything) {
     const std::string invalid = "Invalid model name '%s': use at most 106 letters, digits, '.', "
                                 "'_', '+' or '-', beginning with a letter, a digit or '_'.\n";

@@ -181,6 +181,16 @@ TEST_F(Microcontroller, VersionAndIdDecideWhetherToProgram) {
     }
 }
 
+// A microcontroller that does not tell its ID is not put into writing mode.
+TEST_F(Microcontroller, WithoutItsIdNothingIsProgrammed) {
+    make_board("VERSION=21", json::object());
+    board.add_fault({{"fault", "uart_no_reply"}, {"target", "micro_id"}});
+    RunResult r = board.tvupdate({"M1"});
+    EXPECT_EQ(r.exit_status, 255);
+    EXPECT_EQ(r.output.find("MaxRomSize"), std::string::npos) << r.output;
+    EXPECT_EQ(frames({"micro_id", "writing_mode"}), "10 0");
+}
+
 TEST_F(Microcontroller, FirmwareSurvivesLinkFaults) {
     make_board("VERSION=FF", {{"software_version", 0xFF}}); // version FF installs over itself
     board.add_fault({{"fault", "uart_short_reply"}, {"target", "status"}, {"times", 1}});

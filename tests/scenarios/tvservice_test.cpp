@@ -214,9 +214,11 @@ TEST_F(NandService, HelpListsEveryCommandAndSucceeds) {
 TEST_F(NandService, ImageListIsShownWithoutTouchingAnyVolume) {
     board.make("");
     board.write("fs/tmp/flashimg.lst",
-                "# comment\ntvm_hex\napp_data F N\nbitmap N\nzoran_update\nfpga_sam_2\n");
+                "# comment\ntvm_hex\napp_data F N\nbitmap N\nzoran_update\nfpga_sam_2\n"
+                "app_data/factory RN\n");
     RunResult usb = board.tvservice({"list", "/tmp/flashimg.lst"});
     EXPECT_EQ(usb.output, "UBIFS volume [app_data] would be removed and made again\n"
+                          "app_data/factory erase-first\n"
                           "app_data         update erase-first\n"
                           "bitmap           update erase-first\n"
                           "tvm_hex          update\n"
