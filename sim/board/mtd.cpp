@@ -2,6 +2,7 @@
 
 #include "board/device.h"
 #include "board/modules.h"
+#include "board/nor_flash.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -172,7 +173,7 @@ public:
         if (p_.nand && (pos_ % p_.writesize != 0 || n % p_.writesize != 0))
             return fail(EINVAL);
         json event{{"mtd", p_.name}, {"offset", pos_}, {"length", n}};
-        if (nand_page_fails(pos_, n)) {
+        if (nand_page_fails(pos_, n) || nor_range_protected(board_, p_.name, pos_, n)) {
             event["errno"] = EIO;
             board_.trace("mtd_write", event);
             return fail(EIO);
@@ -269,7 +270,7 @@ private:
             board_.trace("mtd_erase", event);
             return fail(event["errno"].get<int>());
         }
-        if (int err = nand_erase_refusal(start, length)) {
+        if (int err = erase_refusal(start, length)) {
             event["errno"] = err;
             board_.trace("mtd_erase", event);
             return fail(err);
@@ -329,9 +330,11 @@ private:
         return 0;
     }
 
-    // As the NAND driver does: an erase that covers a bad block is refused (EIO) and one that
-    // meets an injected "nand_erase_fail" block fails there (EIO); 0 otherwise.
-    int nand_erase_refusal(uint64_t start, uint64_t length) {
+    // As the drivers do: an erase on a protected NOR sector fails (EIO), as does one that covers
+    // a NAND bad block or meets an injected "nand_erase_fail" block; 0 otherwise.
+    int erase_refusal(uint64_t start, uint64_t length) {
+        if (nor_range_protected(board_, p_.name, start, length))
+            return EIO;
         if (!p_.nand)
             return 0;
         for (uint64_t b = start / p_.erasesize; b < (start + length) / p_.erasesize; ++b) {

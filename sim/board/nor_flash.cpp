@@ -78,6 +78,12 @@ void set_protected(Board &board, unsigned sector, bool on) {
     protected_sectors(board) = list;
 }
 
+// The MTD partition that holds the flash's array.
+std::string nor_partition(Board &board) {
+    const json &partition = member(member(board.config(), "nor"), "partition");
+    return partition.is_string() ? partition.get<std::string>() : "uboot-nor";
+}
+
 bool vid_on(Board &board) {
     return member(bus_state(board), "vid") == 1;
 }
@@ -245,10 +251,9 @@ private:
     }
 
     uint16_t array_word(uint32_t at) {
-        const json &partition = member(member(board_.config(), "nor"), "partition");
-        std::string name = partition.is_string() ? partition.get<std::string>() : "uboot-nor";
         uint8_t bytes[2] = {0xFF, 0xFF};
-        int fd = ::open(board_.file("mtd/" + name + ".bin").c_str(), O_RDONLY | O_CLOEXEC);
+        int fd = ::open(board_.file("mtd/" + nor_partition(board_) + ".bin").c_str(),
+                        O_RDONLY | O_CLOEXEC);
         if (fd >= 0) {
             if (::pread(fd, bytes, sizeof bytes, at) < 0) {
                 // unreadable: reads as erased
@@ -268,6 +273,18 @@ std::unique_ptr<RegisterSpace> nor_registers(Board &board, const SocWindow &wind
 }
 
 } // namespace
+
+bool nor_range_protected(Board &board, std::string_view partition, uint64_t offset,
+                         uint64_t length) {
+    if (length == 0 || partition != nor_partition(board))
+        return false;
+    for (unsigned s = nor_sector_of(static_cast<uint32_t>(offset));
+         s <= nor_sector_of(static_cast<uint32_t>(offset + length - 1)); ++s) {
+        if (is_protected(board, s))
+            return true;
+    }
+    return false;
+}
 
 std::unique_ptr<Device> open_nor_direct(Board &board, std::string_view path, int, int *err) {
     if (path != "/dev/udirect" || member(member(board.config(), "nor"), "driver") == false)

@@ -18,7 +18,8 @@
 //   gives the sector's state (1 protected, 0 not; 0xFFFF when read too early).
 // Any other write, or a sequence out of order, returns to read array ("nor" event "ignored");
 // switching VID off leaves protection mode. Protection is kept in state.json "nor"
-// ("protected": sector numbers) and survives a reboot; the mode and VID do not.
+// ("protected": sector numbers) and survives a reboot; the mode and VID do not. Program and
+// erase through the NOR boot partition fail on a protected sector.
 //
 // board.json "nor": { "driver": true, "protected": [0], "partition": "uboot-nor" }
 // Faults: "nor_verify" (target: a sector number) the sector is not changed by a pulse;
@@ -31,5 +32,10 @@
 namespace tvsim {
 
 std::unique_ptr<Device> open_nor_direct(Board &board, std::string_view path, int flags, int *err);
+
+// True when bytes [offset, offset + length) of an MTD partition lie on a protected sector of the
+// flash: the part ignores program and erase there, and its MTD driver reports EIO.
+bool nor_range_protected(Board &board, std::string_view partition, uint64_t offset,
+                         uint64_t length);
 
 } // namespace tvsim

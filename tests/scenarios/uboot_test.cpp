@@ -358,6 +358,25 @@ INSTANTIATE_TEST_SUITE_P(
                   255, 0, ""}),
     RowName());
 
+// A protected NOR sector takes no erase: the update fails until the sectors are unprotected.
+TEST_F(UbootDriver, AProtectedSectorFailsTheUpdateUntilItIsUnlocked) {
+    boot_loader_medium(board, "M1", "boot-M1_S1.bin", kImage);
+    board.make();
+    set_soc(board, kEs1, "0x00000100");
+    json c = board.config();
+    c["nor"]["protected"] = {1};
+    board.set_config(c);
+    const std::string failed = run_prologue("M1") + kStart + "mtd6 \n" +
+                               "Need to update... erase: Input/output error\n" + kFailed +
+                               run_epilogue();
+    EXPECT_EQ(board.tvupdate({"M1"}).output, failed);
+    EXPECT_TRUE(board.trace("mtd_write").empty());
+    ASSERT_EQ(board.tvservice({"nor", "unlock", "0", "0x100000"}).exit_status, 0);
+    RunResult r = board.tvupdate({"M1"});
+    EXPECT_EQ(r.exit_status, 0) << r.output;
+    EXPECT_EQ(differs_at(board.read("mtd/uboot-nor.bin"), 0, kImage), kSame);
+}
+
 // --- the kernel's own MTD tools work on the simulated partitions ---------------------------
 
 class MtdTools : public Scenario {};
