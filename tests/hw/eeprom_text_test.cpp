@@ -48,13 +48,14 @@ TEST(GetFgets, CutsLineEndsAndSplitsLongLines) {
 // Files refused for a 32767-byte image in 64-byte blocks, and the last end address it takes.
 // (Which lines fill which cells: the scenario tests.)
 TEST(EepImage, VersionLineAndAddressLimits) {
-    static uint8_t image[32767];
+    static uint8_t image[0x8000];
     struct Case {
         const char *text;
         EepFileLayout layout;
         int result;
         uint32_t end;
         const char *output;
+        size_t image_size = 32767;
     } cases[] = {
         {"0012 AB\n", EEP_LAYOUT_VERSIONED, -1, 0, "Error. Version is not found on EEP file.\n"},
         {"", EEP_LAYOUT_VERSIONED, -1, 0, "EEP file Error\n"},
@@ -62,22 +63,22 @@ TEST(EepImage, VersionLineAndAddressLimits) {
          "**ERROR** EEP address 0x7FFF is outside the image (0x7FFF bytes)\n"},
         {"7FC1 01\n", EEP_LAYOUT_DATA_ONLY, -1, 0x7FC1,
          "**ERROR** EEP end address 0x7FC1: its last block would pass the image end\n"},
-        {"7FC0 01\n", EEP_LAYOUT_DATA_ONLY, 0, 0x7FC0,
-         ""}, // the last block ends at the image's end
+        {"7FC0 01\n", EEP_LAYOUT_DATA_ONLY, 0, 0x7FC0, ""},
+        {"7FFF 01\n", EEP_LAYOUT_DATA_ONLY, 0, 0x7FFF, "", 0x8000}, // last block ends at the end
     };
     for (const Case &c : cases) {
         std::string text = c.text;
         FILE *f = fmemopen(text.data(), text.size(), "r");
         uint32_t end = 0;
         testing::internal::CaptureStdout();
-        EXPECT_EQ(read_eep_image(f, 64, c.layout, EepImage{image, sizeof image, 64}, &end),
+        EXPECT_EQ(read_eep_image(f, 64, c.layout, EepImage{image, c.image_size, 64}, &end),
                   c.result)
             << c.text;
         EXPECT_EQ(testing::internal::GetCapturedStdout(), c.output) << c.text;
         fclose(f);
         EXPECT_EQ(end, c.end) << c.text;
     }
-    EXPECT_EQ(image[0x7FC0], 0x01);
+    EXPECT_EQ(image[0x7FFF], 0x01);
 }
 
 // Counts the blocks it is given; fails on one that starts with 0x00.

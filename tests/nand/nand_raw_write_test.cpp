@@ -56,6 +56,7 @@ TEST(NandChecks, RangeThenAlignmentThenBlockSizeBeforeAnyDeviceAccess) {
         uint32_t size;
         uint32_t offset;
         const char *printed;
+        int result = NAND_ERR_ARG;
     };
     static unsigned char data[2 * E];
     auto read = [](nand_dev *d, uint32_t s, uint32_t o) { return nand_read(d, data, s, o); };
@@ -73,6 +74,8 @@ TEST(NandChecks, RangeThenAlignmentThenBlockSizeBeforeAnyDeviceAccess) {
          "(offset=131072, size=-1, device size=1048576)\n"},
         {"misaligned", write, 16, E + 1, "Error: offset should be aligned by 131072 bytes.\n"},
         {"block too large", block, E + 1, 0, "Error: size should be less than 131072 bytes.\n"},
+        // A whole block passes and reaches the device, which this context does not have.
+        {"a whole block", block, E, 0, "", NAND_ERR_DEVICE},
         {"erase past the end", erase, 0, 8 * E,
          "Error: offset + erase size exceeds the device size!\n"
          "(offset=1048576, erase size=131072, device size=1048576)\n"},
@@ -81,7 +84,7 @@ TEST(NandChecks, RangeThenAlignmentThenBlockSizeBeforeAnyDeviceAccess) {
     for (const Case &c : cases) {
         std::vector<uint64_t> map(8, 0);
         nand_dev ctx{};
-        ctx.fd = -1; // any device access would fail and print something else
+        ctx.fd = -1; // any device access fails
         ctx.info.size = 8 * E;
         ctx.info.erasesize = E;
         ctx.info.writesize = 2048;
@@ -89,7 +92,7 @@ TEST(NandChecks, RangeThenAlignmentThenBlockSizeBeforeAnyDeviceAccess) {
         testing::internal::CaptureStdout();
         int r = c.op(&ctx, c.size, c.offset);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), c.printed) << c.name;
-        EXPECT_EQ(r, -1) << c.name;
+        EXPECT_EQ(r, c.result) << c.name;
     }
 }
 

@@ -117,6 +117,7 @@ TEST_F(I2cEeproms, FaultsShowInOutputAndResult) {
         bool kolma_ok;
         bool pelto_ok;
         const char *pelto_file = kPeltoFile;
+        std::string kolma_text = kolma_file();
     } cases[] = {
         {"wrong sum is reported, the block still counts",
          // The fifth status read of a block is its sum check, which polls six times. The check
@@ -160,9 +161,14 @@ TEST_F(I2cEeproms, FaultsShowInOutputAndResult) {
          "**ERROR** EEP data line without a data byte: 0200\n"
          "!!! Unable to update Pelto Eeprom. !!!\n",
          true, false, "0011 A5\n0200\n0300 01\n"},
+        {"a KOLMA line without its data byte", json::array(),
+         "**ERROR** EEP data line without a data byte: 0001\n"
+         "!!! Unable to update KOLMA_1 EEPROM data. !!!\n",
+         false, true, kPeltoFile, "0000 01\n0001\n"},
     };
     for (const Case &c : cases) {
         board.medium_file("M1/writedata/PELTO_DATA.txt", c.pelto_file);
+        board.medium_file("M1/writedata/kolma_eep.txt", c.kolma_text);
         board.remake({{"faults", c.faults}});
         RunResult r = board.tvupdate({"M1"});
         EXPECT_NE(r.output.find(c.expected), std::string::npos) << c.name << "\n" << r.output;

@@ -161,8 +161,9 @@ TEST_F(Microcontroller, VersionAndIdDecideWhetherToProgram) {
         std::string tail; // after "Read data from ..."
         int exit_status;
     } cases[] = {
-        // the same version: nothing to do
+        // the same version: nothing to do (the value is in the line's last two characters)
         {0x20, "VERSION=20", "ID=21", "TVM Hex updating is finished.\n", 0},
+        {0x20, "20", "ID=21", "TVM Hex updating is finished.\n", 0},
         // from version F0 on only newer versions install
         {0xF2, "VERSION=F1", "ID=21", "!!! Unable to update TVM HEX. !!!\n", 255},
         // firmware for another microcontroller
