@@ -208,6 +208,7 @@ TEST_F(ConfigRoms, FaultsStopTheRunWithTheirMessage) {
         std::vector<std::string> lines;
         Rom left;
         long erase_polls = -1; // status reads after the bulk erase, where counted
+        long done_waits = -1;  // 100 ms waits for configuration done, where counted
     } cases[] = {
         {"protection bits",
          {{"protect", "0x1C"}},
@@ -250,7 +251,9 @@ TEST_F(ConfigRoms, FaultsStopTheRunWithTheirMessage) {
          {},
          {{"fault", "config_done_never"}, {"target", "fpga0"}},
          {"EOF on reading image 600byte!\n Timeout Config Done!\n"},
-         Rom::Partly},
+         Rom::Partly,
+         -1,
+         10}, // ROM 0's FPGA is given ten polls
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
@@ -284,6 +287,12 @@ TEST_F(ConfigRoms, FaultsStopTheRunWithTheirMessage) {
             disabled = disabled || cmd.substr(2) == "04";
         EXPECT_EQ(disabled, std::string(c.what) == "bulk erase fails" ||
                                 std::string(c.what) == "page program fails");
+        if (c.done_waits >= 0) {
+            long waits = 0;
+            for (const json &e : board.trace("sleep"))
+                waits += e.value("ns", 0L) == 100000000L;
+            EXPECT_EQ(waits, c.done_waits);
+        }
         if (c.erase_polls >= 0) {
             std::vector<std::string> sent = commands();
             auto erase = std::find_if(sent.begin(), sent.end(),
