@@ -30,6 +30,14 @@ Bytes reply(uint64_t unique, int error, const Bytes &body = {}) {
     return out;
 }
 
+// A successful reply carrying a record, then any bytes that follow it.
+template <typename T> Bytes record_reply(uint64_t unique, const T &record, const Bytes &more = {}) {
+    Bytes body;
+    append(body, record);
+    body.insert(body.end(), more.begin(), more.end());
+    return reply(unique, 0, body);
+}
+
 // A request's argument record: false when the request is too short to hold it.
 template <typename T> bool take(const uint8_t *args, size_t length, T *record) {
     if (length < sizeof *record)
@@ -71,11 +79,9 @@ std::vector<uint8_t> CuseServer::handle(const uint8_t *request, size_t length) {
         out.minor = FUSE_KERNEL_MINOR_VERSION;
         out.max_read = kMaxTransfer;
         out.max_write = kMaxTransfer;
-        Bytes body;
-        append(body, out);
         std::string info = "DEVNAME=" + path_.substr(path_.rfind('/') + 1);
-        body.insert(body.end(), info.begin(), info.end() + 1); // with its terminating zero
-        return reply(in.unique, 0, body);
+        const char *text = info.c_str(); // the device's name with its terminating zero
+        return record_reply(in.unique, out, Bytes(text, text + info.size() + 1));
     }
     case FUSE_OPEN: {
         fuse_open_in open{};
@@ -89,9 +95,7 @@ std::vector<uint8_t> CuseServer::handle(const uint8_t *request, size_t length) {
         fuse_open_out out{};
         out.fh = next_handle_++;
         open_[out.fh] = std::move(opened);
-        Bytes body;
-        append(body, out);
-        return reply(in.unique, 0, body);
+        return record_reply(in.unique, out);
     }
     case FUSE_READ: {
         fuse_read_in read{};
@@ -120,9 +124,7 @@ std::vector<uint8_t> CuseServer::handle(const uint8_t *request, size_t length) {
             return reply(in.unique, failure());
         fuse_write_out out{};
         out.size = static_cast<uint32_t>(put);
-        Bytes body;
-        append(body, out);
-        return reply(in.unique, 0, body);
+        return record_reply(in.unique, out);
     }
     case FUSE_IOCTL: {
         fuse_ioctl_in ioctl{};
@@ -141,10 +143,8 @@ std::vector<uint8_t> CuseServer::handle(const uint8_t *request, size_t length) {
             return reply(in.unique, failure());
         fuse_ioctl_out out{};
         out.result = result;
-        Bytes body;
-        append(body, out);
-        body.insert(body.end(), data.begin(), data.begin() + ioctl.out_size);
-        return reply(in.unique, 0, body);
+        data.resize(ioctl.out_size);
+        return record_reply(in.unique, out, data);
     }
     case FUSE_FLUSH:
         return reply(in.unique, 0);
