@@ -11,12 +11,6 @@ namespace fs = std::filesystem;
 using testsupport::json;
 
 namespace {
-
-int g_waits = 0;
-void count_wait(uint32_t) {
-    ++g_waits;
-}
-
 // A board whose microcontroller has connected the ROM bus and whose access lines grant ROM 0
 // (pin 83 low after power-on); the SPI device open in spi_fd.
 class UpdateFpgaOnBoard : public testsupport::BoardFixture {
@@ -58,61 +52,7 @@ protected:
 
     int spi_fd = -1;
 };
-
-// The poll reads until it sees 0x00, waiting after every other read, and gives up after count.
-TEST_F(UpdateFpgaOnBoard, StatusPollCountsItsReadsAndWaits) {
-    const struct {
-        int busy_reads;
-        uint32_t count;
-        bool ready;
-        int waits;
-        uint8_t status;
-    } cases[] = {{0, 2, true, 0, 0x00},
-                 {1, 2, true, 1, 0x00},
-                 {2, 2, false, 2, 0x01},
-                 {9, 10, true, 9, 0x00},
-                 {10, 10, false, 10, 0x01}};
-    for (const auto &c : cases) {
-        set_faults(json::array({{{"fault", "spi_status"},
-                                 {"target", "rom0"},
-                                 {"value", 1},
-                                 {"times", c.busy_reads}}}));
-        attach();
-        g_waits = 0;
-        uint8_t status = 0xFF;
-        bool ready = rom_wait_ready(spi_fd, c.count, count_wait, 0, &status);
-        detach();
-        EXPECT_EQ(ready, c.ready) << c.busy_reads;
-        EXPECT_EQ(g_waits, c.waits) << c.busy_reads;
-        EXPECT_EQ(status, c.status) << c.busy_reads;
-    }
-}
-
 // A status read is tried 11 times before it fails, without storing a status.
-TEST_F(UpdateFpgaOnBoard, StatusReadIsRetriedTenTimes) {
-    for (int failures : {10, 11}) {
-        set_faults(json::array({{{"fault", "spi_request"},
-                                 {"target", "write_then_read"},
-                                 {"skip", 0},
-                                 {"times", failures}}}));
-        attach();
-        uint8_t status = 0x77;
-        int result = 0;
-        std::string out =
-            testsupport::printed([&] { result = cmd_rom_read_status_register(spi_fd, &status); });
-        detach();
-        if (failures == 10) {
-            EXPECT_EQ(result, 0);
-            EXPECT_EQ(status, 0x00);
-            EXPECT_EQ(out, "");
-        } else {
-            EXPECT_LT(result, 0);
-            EXPECT_EQ(status, 0x77);
-            EXPECT_EQ(out, "cmd_rom_read_status_register : error sts=0xff, retry=10\n");
-        }
-    }
-}
-
 // What the update relies on from the chip: program only after write enable, within the page,
 // clearing bits; the latch cleared by the end of each program.
 TEST_F(UpdateFpgaOnBoard, PageProgramNeedsWriteEnableWrapsInItsPageAndClearsBits) {

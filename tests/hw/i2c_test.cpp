@@ -17,30 +17,6 @@ using testsupport::json;
 using testsupport::printed;
 
 namespace {
-
-TEST(I2cArithmetic, WriteChunksEndAtThePageEnd) {
-    const struct {
-        uint32_t address, left, page;
-        uint16_t chunk;
-    } cases[] = {
-        {0x001C, 40, 32, 4}, {0x0020, 36, 32, 32}, {0x0040, 4, 32, 4},   {0x0000, 1, 32, 1},
-        {0x001F, 9, 32, 1},  {0x7FE0, 64, 32, 32}, {0x000F, 100, 16, 1}, {0x0100, 300, 256, 256},
-    };
-    for (const auto &c : cases)
-        EXPECT_EQ(i2c_page_chunk(c.address, c.left, c.page), c.chunk)
-            << std::hex << c.address << " " << c.left << " " << c.page;
-}
-
-TEST(I2cArithmetic, ErrorByteKeepsBits8To11And0To3) {
-    const struct {
-        int result;
-        uint8_t error;
-    } cases[] = {{0, 0x00},          {-1, 0xFF},    {-ENXIO, 0xFA},
-                 {-EREMOTEIO, 0xF7}, {0x123, 0x13}, {0xA5C, 0xAC}};
-    for (const auto &c : cases)
-        EXPECT_EQ(i2c_error_byte(c.result), c.error) << c.result;
-}
-
 // Argument refusals come before any bus is opened: no board is needed to see them.
 TEST(I2cArguments, RefusedWithoutATransfer) {
     uint8_t bytes[70] = {};
@@ -105,17 +81,6 @@ TEST_F(I2cOnBoard, PagedWriteSplitsAtPageEndsAndReadsBack) {
     EXPECT_GT(transfers().size(), acked.size()); // busy tries during the write cycles
     EXPECT_EQ(i2c_handle_initialized, 0);
 }
-
-TEST_F(I2cOnBoard, BusyTwiceThenSuccess) {
-    add_fault({{"fault", "i2c_busy"}, {"target", "pelto"}, {"times", 2}});
-    attach();
-    uint8_t byte = 0;
-    uint8_t error = 0x55;
-    EXPECT_EQ(IIC_EEPROM_Read(0, 0x0100, 1, &error, &byte), 0);
-    EXPECT_EQ(byte, 0xFF);
-    EXPECT_EQ(transfers(), (std::vector<std::string>{"nak", "nak", "2"}));
-}
-
 TEST_F(I2cOnBoard, BusyForeverEndsAfterItsTries) {
     add_fault({{"fault", "i2c_busy"}, {"target", "pelto"}});
     attach();
@@ -222,48 +187,6 @@ TEST_F(I2cOnBoard, KolmaReadInterfaceAfterReleaseAndEnable) {
     const std::vector<std::string> read = {"40000007", "40000007", "400a0123", "401c0000"};
     EXPECT_NE(std::search(writes.begin(), writes.end(), read.begin(), read.end()), writes.end());
 }
-
-// Stand-in EEPROMs in place of the FPGA interfaces (which answer only once their FPGA is out
-// of reset) show where each type's transfers go and the pause after every write.
-TEST_F(I2cOnBoard, FpgaTypesChooseTheirAddressOnBus2) {
-    change_config([](json &c) {
-        json &devices = c["i2c"]["devices"];
-        for (size_t i = devices.size(); i-- > 0;) {
-            if (devices[i]["model"].get<std::string>().starts_with("fpga_"))
-                devices.erase(i);
-        }
-        for (const char *address : {"0x0D", "0x0F"})
-            c["i2c"]["devices"].push_back({{"name", std::string("fpga") + address},
-                                           {"model", "serial_eeprom"},
-                                           {"bus", 2},
-                                           {"address", address},
-                                           {"size", 256},
-                                           {"write_cycle_us", 0}});
-    });
-    attach();
-    const uint8_t message[3] = {0x00, 0x10, 0x5A};
-    uint8_t value[2] = {};
-    EXPECT_EQ(IIC_FPGAEEP_Write(sizeof message, message, 2), 0);
-    EXPECT_EQ(IIC_FPGAEEP_Read(message, 1, value, 2), 0);
-    EXPECT_EQ(value[0], 0x5A);
-    EXPECT_EQ(IIC_FPGAEEP_Read(message, 1, value, 1), 0);
-    EXPECT_EQ(value[0], 0xFF);
-    std::vector<std::string> addresses;
-    std::ifstream trace(dir_ / "trace.jsonl");
-    uint64_t write_done = 0, next_open = 0;
-    for (std::string line; std::getline(trace, line);) {
-        json e = json::parse(line);
-        if (e["ev"] == "i2c") {
-            addresses.push_back(e["msgs"][0]["addr"]);
-            write_done = write_done == 0 ? e["t"].get<uint64_t>() : write_done;
-        } else if (e["ev"] == "open" && write_done != 0 && next_open == 0) {
-            next_open = e["t"].get<uint64_t>();
-        }
-    }
-    EXPECT_EQ(addresses, (std::vector<std::string>{"0x0f", "0x0f", "0x0d"}));
-    EXPECT_GE(next_open - write_done, 20000000u); // 20 ms after the write's buses are closed
-}
-
 // The simulated adapters and devices refuse what the kernel and the devices would.
 class I2cModels : public I2cOnBoard {
 protected:

@@ -10,28 +10,6 @@
 using testsupport::json;
 
 namespace {
-
-TEST(PioRegisterBit, BanksAreNotEvenlySpaced) {
-    const struct {
-        int pin;
-        bool valid;
-        uint32_t address;
-        unsigned bit;
-    } cases[] = {
-        {0, true, 0x80003000, 0},   {31, true, 0x80003000, 31}, {32, true, 0x80003028, 0},
-        {63, true, 0x80003028, 31}, {64, true, 0x80003038, 0},  {95, true, 0x80003038, 31},
-        {96, false, 0, 0},          {-1, false, 0, 0},
-    };
-    for (const auto &c : cases) {
-        PioRegisterBit where{0, 0};
-        ASSERT_EQ(pio_register_bit(c.pin, &where), c.valid) << c.pin;
-        if (c.valid) {
-            EXPECT_EQ(where.address, c.address) << c.pin;
-            EXPECT_EQ(where.bit, c.bit) << c.pin;
-        }
-    }
-}
-
 // Argument checks come before any mapping: no board is needed to see them.
 TEST(PioStatus, ArgumentChecksInTheirOrder) {
     uint8_t level = 0;
@@ -75,46 +53,6 @@ protected:
         BoardFixture::detach();
     }
 };
-
-TEST_F(PinsOnBoard, WritesChangeOnlyTheirBitAndReadsSeeInputs) {
-    change_config([](json &c) {
-        c["soc"]["pin_inputs"] = {{"16", 1}, {"39", 1}};
-        c.erase("spi"); // no FPGAs wired: pin 37 is a plain output here
-    });
-    attach();
-    uint8_t level16 = 9, level39 = 9, level37 = 9, level32 = 9;
-    int results[] = {
-        PIO_BitWrite(37, 1),       PIO_BitWrite(63, 1),       PIO_OutputDataBitWrite2(0, 1),
-        PIO_BitWrite(63, 0),       PIO_BitWrite(95, 1),       PIO_BitRead(16, &level16),
-        PIO_BitRead(39, &level39), PIO_BitRead(37, &level37), PIO_BitRead(32, &level32),
-    };
-    detach();
-    for (int r : results)
-        EXPECT_EQ(r, PIO_OK);
-    EXPECT_EQ(level16, 1);
-    EXPECT_EQ(level39, 1); // an input, whatever the output latch holds
-    EXPECT_EQ(level37, 1);
-    EXPECT_EQ(level32, 1);
-    // A write puts back what it read: the latch of input pin 39 takes its level, unseen.
-    json latches = read_json("state.json")["soc"]["gpio_out"];
-    EXPECT_EQ(latches, json::array({0u, 0xa1u, 0x80000000u}));
-    std::vector<std::pair<int, int>> changes;
-    for (const json &p : trace("pin"))
-        changes.emplace_back(p["pin"], p["level"]);
-    EXPECT_EQ(changes,
-              (std::vector<std::pair<int, int>>{{37, 1}, {63, 1}, {32, 1}, {63, 0}, {95, 1}}));
-
-    // Each write is one read and one write of the whole bank register, in that order.
-    std::vector<json> regs = trace("reg");
-    ASSERT_GE(regs.size(), 2u);
-    auto describe = [](const json &e) {
-        return e["op"].get<std::string>() + " " + e["reg"].get<std::string>() + " " +
-               e["value"].get<std::string>();
-    };
-    EXPECT_EQ(describe(regs[0]), "read GPIO1 0x00000080");
-    EXPECT_EQ(describe(regs[1]), "write GPIO1 0x000000a0");
-}
-
 TEST_F(PinsOnBoard, AWindowThatCannotBeMappedFailsThePinFunctions) {
     change_config([](json &c) {
         c["faults"] = {{{"fault", "map_request"}, {"target", "S5LP"}, {"times", 2}},

@@ -8,35 +8,6 @@
 namespace {
 
 constexpr uint32_t E = 0x20000;
-
-struct PageCase {
-    const char *name;
-    std::vector<uint64_t> map; // block_map, 8 blocks
-    uint32_t offset;
-    uint64_t physical;
-};
-
-TEST(NandPhysicalPage, NearestRecordedBlockAtOrBelowIsFollowedContiguously) {
-    const PageCase cases[] = {
-        {"empty map: identity", {0, 0, 0, 0, 0, 0, 0, 0}, 5 * E, 5 * E},
-        {"empty map: block 0", {0, 0, 0, 0, 0, 0, 0, 0}, 0, 0},
-        {"recorded block itself", {0, 0, 0, 4 * E, 0, 0, 0, 0}, 3 * E, 4 * E},
-        {"after a recorded block", {0, 0, 0, 4 * E, 0, 0, 0, 0}, 6 * E, 7 * E},
-        {"below the recorded block: identity", {0, 0, 0, 4 * E, 0, 0, 0, 0}, 2 * E, 2 * E},
-        {"nearest of two", {0, E, 0, 0, 6 * E, 0, 0, 0}, 3 * E, 3 * E},
-        {"nearest of two, above", {0, E, 0, 0, 6 * E, 0, 0, 0}, 5 * E, 7 * E},
-        {"last block", {0, 0, 0, 0, 0, 0, 0, 7 * E}, 7 * E, 7 * E},
-    };
-    for (const PageCase &c : cases) {
-        std::vector<uint64_t> map = c.map;
-        nand_dev ctx{};
-        ctx.info.size = 8 * E;
-        ctx.info.erasesize = E;
-        ctx.block_map = map.data();
-        EXPECT_EQ(get_physical_page(&ctx, c.offset), c.physical) << c.name;
-    }
-}
-
 TEST(NandNullContext, EveryOperationRefusesWithoutTouchingAnything) {
     unsigned char buf[16] = {};
     for (nand_dev *ctx : {static_cast<nand_dev *>(nullptr), NAND_OPEN_FAILED}) {
@@ -95,17 +66,4 @@ TEST(NandChecks, RangeThenAlignmentThenBlockSizeBeforeAnyDeviceAccess) {
         EXPECT_EQ(r, c.result) << c.name;
     }
 }
-
-TEST(NandOperationsRecord, FilledInItsOrder) {
-    flash_storage_dev dev{};
-    EXPECT_EQ(init_flash_storage_dev(&dev), 0);
-    EXPECT_EQ(dev.open, nand_open);
-    EXPECT_EQ(dev.close, nand_close);
-    EXPECT_EQ(dev.read, nand_read);
-    EXPECT_EQ(dev.write, nand_write);
-    EXPECT_EQ(dev.write_block, nand_write_block);
-    EXPECT_EQ(dev.erase, nand_erase);
-    EXPECT_EQ(dev.get_blk_size, nand_get_blk_size);
-}
-
 } // namespace

@@ -132,33 +132,6 @@ TEST_F(ConfigRoms, EverySelectedRomIsWrittenAndItsFpgaConfigured) {
     EXPECT_GT(unchanged, 0u);
     printf("board time, three ROMs of 1000, 700 and 257 bytes: %.3f s\n", board.board_seconds());
 }
-
-TEST_F(ConfigRoms, OnlyTheSelectedRomsAreTouched) {
-    const struct {
-        std::initializer_list<int> selected;
-        unsigned touched; // bit n for ROM n
-    } cases[] = {{{1}, 2}, {{0, 2}, 5}};
-    for (const auto &c : cases) {
-        std::map<int, std::string> images;
-        std::string body;
-        for (int n : c.selected) {
-            images[n] = image(300 + 100 * n, n);
-            body += rom_output(kImageNames[n], images[n].size()) + done_line(n);
-        }
-        make_board(c.selected, images);
-        RunResult r = board.tvupdate({"M1"});
-        EXPECT_EQ(r.output, fpga_run(body, true));
-        EXPECT_EQ(r.exit_status, 0);
-        unsigned reached = 0;
-        for (const json &e : board.trace("spi"))
-            reached |= e.value("roms", 0u);
-        EXPECT_EQ(reached, c.touched);
-        for (int n : c.selected)
-            EXPECT_TRUE(rom(n) == rom_holding(images[n])) << n;
-        EXPECT_TRUE(access_lines_idle());
-    }
-}
-
 TEST_F(ConfigRoms, AMissingImageStopsTheRomsAfterIt) {
     const std::string tr5 = image(600, 5);
     make_board({1, 2}, {{1, tr5}});

@@ -228,20 +228,6 @@ protected:
     }
 };
 
-TEST_F(VornekUpdater, WritesBlocksThroughTheSequence) {
-    file("VORNEK_EEP.TXT", "unused\n");
-    file("vornek_eep.txt", "0000 01\n0041 02\n0050 03\n");
-    RunResult r = call();
-    EXPECT_EQ(r.output, "Reading from file : /tmp/M1/writedata/vornek_eep.txt \n"
-                        "Start writing to Vornek EEPROM, please wait... \n"
-                        "\r   0% completed\r  80% completed\r\r 100% completed\nresult 0\n");
-    std::string cells(kEepromSize, '\xff');
-    cells[0] = 1;
-    cells[0x41] = 2;
-    cells[0x50] = 3;
-    EXPECT_TRUE(board.read("i2c/vornek.bin") == cells);
-}
-
 TEST_F(VornekUpdater, FaultsEndTheWalk) {
     file("vornek_eep.txt", "0000 01\n0041 02\n");
     struct Case {

@@ -292,18 +292,6 @@ protected:
     }
 };
 
-TEST_F(MicrocontrollerUpdater, FerundEepromWithTheTelevisionOn) {
-    RunResult r = call({"tvm_eeprom", "/tmp/M1/writedata", "PHQD2WK1", "1"});
-    EXPECT_EQ(r.output, "Reading from file : /tmp/M1/writedata/TVM_DATA.txt \n"
-                        "EEP file Version 3\n"
-                        "Start writing to EEPROM, please wait... \n"
-                        "\r   0% completed\r  98% completed\r"
-                        "result 0\n");
-    EXPECT_TRUE(board.read("tvm/ferund.bin") == eeprom_with({{0, 0x11}, {0x41, 0x22}}));
-    EXPECT_EQ(frames({"power_on", "picture_mute", "eeprom_read", "power_off"}), "1 5 0 1");
-    EXPECT_GE(board.board_seconds(), 5.0); // a second after each picture mute
-}
-
 TEST_F(MicrocontrollerUpdater, RefusedBeforeWritingAnything) {
     const std::string dir = "/tmp/M1/writedata", long_dir = "/tmp/" + std::string(500, 'd');
     struct Case {

@@ -4,6 +4,7 @@
 #include "scenarios/harness.h"
 
 #include <gmock/gmock.h>
+#include <map>
 #include <set>
 
 namespace scenario {
@@ -241,9 +242,23 @@ TEST_F(NandService, FerundEepromIsRewrittenFromTheTextFile) {
     board.make("");
     board.write("fs/tmp/M1/writedata/TVM_DATA.txt", "Version 3\n0000 11\n0041 22\n");
     RunResult r = board.tvservice({"eeprom", "ferund", "/tmp/M1/writedata", "PHQD2WK1"});
-    EXPECT_THAT(r.output, testing::EndsWith("\reeprom ferund: updated\n"));
+    EXPECT_EQ(r.output, "Reading from file : /tmp/M1/writedata/TVM_DATA.txt \n"
+                        "EEP file Version 3\n"
+                        "Start writing to EEPROM, please wait... \n"
+                        "\r   0% completed\r  98% completed\reeprom ferund: updated\n");
     EXPECT_EQ(r.exit_status, 0);
-    EXPECT_EQ(board.read("tvm/ferund.bin").substr(0x40, 3), "\xFF\x22\xFF");
+    std::string cells = board.read("tvm/ferund.bin");
+    EXPECT_EQ(cells.substr(0, 1) + cells.substr(0x40, 3), "\x11\xFF\x22\xFF");
+    // With the television on and its picture muted for each block, a second after each mute.
+    std::map<std::string, int> frames;
+    for (const json &e : board.trace("uart_frame"))
+        ++frames[e.value("cmd", "")];
+    EXPECT_EQ(frames, (std::map<std::string, int>{{"eeprom_write", 2},
+                                                  {"guard_dog", 1},
+                                                  {"picture_mute", 5},
+                                                  {"power_off", 1},
+                                                  {"power_on", 1}}));
+    EXPECT_GE(board.board_seconds(), 5.0);
 
     RunResult refused = board.tvservice({"eeprom", "ferund", "/tmp/M1/writedata", "ABC123"});
     EXPECT_THAT(refused.output, testing::EndsWith("FERUND EEP\neeprom ferund: FAILED\n"));
@@ -252,6 +267,7 @@ TEST_F(NandService, FerundEepromIsRewrittenFromTheTextFile) {
 
 TEST_F(NandService, VornekEepromIsRewrittenFromItsTextFile) {
     board.make("");
+    board.write("fs/tmp/M1/writedata/VORNEK_EEP.TXT", "unused\n");
     board.write("fs/tmp/M1/writedata/vornek_eep.txt", "0000 01\n0041 02\n0050 03\n");
     RunResult r = board.tvservice({"eeprom", "vornek", "/tmp/M1/writedata"});
     EXPECT_EQ(r.output, "Reading from file : /tmp/M1/writedata/vornek_eep.txt \n"
