@@ -234,7 +234,8 @@ TEST_F(NandService, FerundEepromIsRewrittenFromTheTextFile) {
     EXPECT_EQ(r.exit_status, 0);
     std::string cells = board.read("tvm/ferund.bin");
     EXPECT_EQ(cells.substr(0, 1) + cells.substr(0x40, 3), "\x11\xFF\x22\xFF");
-    // With the television on and its picture muted for each block, a second after each mute.
+    // The television is switched on, its picture muted (a second after each mute) and switched
+    // off again; a Ferund block is not read back.
     std::map<std::string, int> frames;
     for (const json &e : board.trace("uart_frame"))
         ++frames[e.value("cmd", "")];
