@@ -1,5 +1,5 @@
-// The ROM commands and the status poll on an attached board, and the SPI flash model's rules
-// that the update relies on (write enable, page wrap, bits only cleared).
+// The ROM commands on an attached board, and the SPI flash model's rules that the update
+// relies on (write enable, page wrap, bits only cleared).
 #include "fpga/spi_core.h"
 #include "fpga/update_fpga.h"
 #include "run/main.h"
@@ -11,6 +11,7 @@ namespace fs = std::filesystem;
 using testsupport::json;
 
 namespace {
+
 // A board whose microcontroller has connected the ROM bus and whose access lines grant ROM 0
 // (pin 83 low after power-on); the SPI device open in spi_fd.
 class UpdateFpgaOnBoard : public testsupport::BoardFixture {
@@ -19,13 +20,6 @@ protected:
         BoardFixture::SetUp();
         std::ofstream(dir_ / "state.json")
             << json{{"microcontroller", {{"ports", {{"1", 4}}}}}, {"fault_hits", json::object()}};
-    }
-    // Faults start counting anew.
-    void set_faults(const json &faults) const {
-        change_config([&](json &c) { c["faults"] = faults; });
-        json state = read_json("state.json");
-        state["fault_hits"] = json::object();
-        std::ofstream(dir_ / "state.json") << state;
     }
     void attach() {
         BoardFixture::attach();
@@ -52,7 +46,7 @@ protected:
 
     int spi_fd = -1;
 };
-// A status read is tried 11 times before it fails, without storing a status.
+
 // What the update relies on from the chip: program only after write enable, within the page,
 // clearing bits; the latch cleared by the end of each program.
 TEST_F(UpdateFpgaOnBoard, PageProgramNeedsWriteEnableWrapsInItsPageAndClearsBits) {

@@ -1,5 +1,5 @@
-// The I2C bus layer and device functions: page and chunk arithmetic, argument refusals, and
-// the retry rules against the buses of an attached board.
+// The I2C bus layer and device functions: argument refusals, and the retry rules against the
+// buses of an attached board.
 #include "eeprom/eep_update.h"
 #include "fpga/update_fpga.h"
 #include "hw/utils.h"
@@ -17,6 +17,7 @@ using testsupport::json;
 using testsupport::printed;
 
 namespace {
+
 // Argument refusals come before any bus is opened: no board is needed to see them.
 TEST(I2cArguments, RefusedWithoutATransfer) {
     uint8_t bytes[70] = {};
@@ -81,6 +82,7 @@ TEST_F(I2cOnBoard, PagedWriteSplitsAtPageEndsAndReadsBack) {
     EXPECT_GT(transfers().size(), acked.size()); // busy tries during the write cycles
     EXPECT_EQ(i2c_handle_initialized, 0);
 }
+
 TEST_F(I2cOnBoard, BusyForeverEndsAfterItsTries) {
     add_fault({{"fault", "i2c_busy"}, {"target", "pelto"}});
     attach();

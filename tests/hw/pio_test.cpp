@@ -1,5 +1,5 @@
-// GPIO pins: where each pin lives, the status codes of the PIO_ functions, and pin access on
-// an attached board through the control device's register window.
+// GPIO pins: the status codes of the PIO_ functions, and pin access on an attached board through
+// the control device's register window.
 #include "hw/systool.h"
 #include "hw/utils.h"
 #include "run/main.h"
@@ -10,6 +10,7 @@
 using testsupport::json;
 
 namespace {
+
 // Argument checks come before any mapping: no board is needed to see them.
 TEST(PioStatus, ArgumentChecksInTheirOrder) {
     uint8_t level = 0;
@@ -53,6 +54,7 @@ protected:
         BoardFixture::detach();
     }
 };
+
 TEST_F(PinsOnBoard, AWindowThatCannotBeMappedFailsThePinFunctions) {
     change_config([](json &c) {
         c["faults"] = {{{"fault", "map_request"}, {"target", "S5LP"}, {"times", 2}},

@@ -1,5 +1,5 @@
-// The logical-to-physical arithmetic of the NAND module, and the argument checks that run
-// before any device access.
+// The NAND module's refusals without a device, and the argument checks that run before any
+// device access.
 #include "nand/nand_raw_write.h"
 
 #include <gtest/gtest.h>
@@ -8,6 +8,7 @@
 namespace {
 
 constexpr uint32_t E = 0x20000;
+
 TEST(NandNullContext, EveryOperationRefusesWithoutTouchingAnything) {
     unsigned char buf[16] = {};
     for (nand_dev *ctx : {static_cast<nand_dev *>(nullptr), NAND_OPEN_FAILED}) {

@@ -132,6 +132,7 @@ TEST_F(ConfigRoms, EverySelectedRomIsWrittenAndItsFpgaConfigured) {
     EXPECT_GT(unchanged, 0u);
     printf("board time, three ROMs of 1000, 700 and 257 bytes: %.3f s\n", board.board_seconds());
 }
+
 TEST_F(ConfigRoms, AMissingImageStopsTheRomsAfterIt) {
     const std::string tr5 = image(600, 5);
     make_board({1, 2}, {{1, tr5}});

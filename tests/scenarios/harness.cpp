@@ -212,6 +212,13 @@ std::vector<json> SimBoard::trace(const std::string &kind) const {
     return events;
 }
 
+std::map<std::string, int> SimBoard::uart_frames() const {
+    std::map<std::string, int> taken;
+    for (const json &e : trace("uart_frame"))
+        ++taken[e.value("cmd", "")];
+    return taken;
+}
+
 double SimBoard::board_seconds() const {
     json state = json::parse(slurp(path("state.json")));
     return state.value("clock_ns", uint64_t{0}) / 1e9;

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <gtest/gtest.h>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -70,6 +71,8 @@ public:
     std::vector<json> trace() const;
     // Trace events of one kind.
     std::vector<json> trace(const std::string &kind) const;
+    // How many frames of each command the microcontroller took, by command name.
+    std::map<std::string, int> uart_frames() const;
     // Board time in seconds (the virtual clock).
     double board_seconds() const;
 

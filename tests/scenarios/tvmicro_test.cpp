@@ -66,9 +66,7 @@ protected:
 
     // How many frames of each of these commands the microcontroller took, as in "1 5".
     std::string frames(std::initializer_list<std::string> commands) const {
-        std::map<std::string, int> taken;
-        for (const json &e : board.trace("uart_frame"))
-            ++taken[e.value("cmd", "")];
+        std::map<std::string, int> taken = board.uart_frames();
         std::string counts;
         for (const std::string &command : commands)
             counts += (counts.empty() ? "" : " ") + std::to_string(taken[command]);

@@ -99,7 +99,7 @@ TEST(MediumCheck, EveryTrapIsReportedWithFileAndLine) {
     struct Case {
         const char *name;
         Files files;
-        Expected expected; // also the most severe finding
+        Expected expected; // also the most severe finding: status Note 0, Warning 1, Error 2
     } cases[] = {
         {"mac_line_ends",
          {{"flashimg.lst", "app_data\rjpeg_user\rother N\r"}, {"writedata/app_data/dpdc/a", "x"}},
