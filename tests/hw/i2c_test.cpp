@@ -13,6 +13,7 @@
 #include <linux/i2c.h>
 #include <sys/ioctl.h>
 
+using testsupport::fault;
 using testsupport::json;
 using testsupport::printed;
 
@@ -84,7 +85,7 @@ TEST_F(I2cOnBoard, PagedWriteSplitsAtPageEndsAndReadsBack) {
 }
 
 TEST_F(I2cOnBoard, BusyForeverEndsAfterItsTries) {
-    add_fault({{"fault", "i2c_busy"}, {"target", "pelto"}});
+    add_fault(fault("i2c_busy", "pelto"));
     attach();
     uint8_t byte = 0x12;
     uint16_t count = 0;
@@ -95,7 +96,7 @@ TEST_F(I2cOnBoard, BusyForeverEndsAfterItsTries) {
 }
 
 TEST_F(I2cOnBoard, RefusedDataIsFinalAfterThreeAttempts) {
-    add_fault({{"fault", "i2c_nak"}, {"target", "vornek"}});
+    add_fault(fault("i2c_nak", "vornek"));
     attach();
     const uint8_t message[4] = {0x70, 0xFA, 0x57, 0x45};
     int result = 0;
@@ -107,7 +108,7 @@ TEST_F(I2cOnBoard, RefusedDataIsFinalAfterThreeAttempts) {
 
 TEST_F(I2cOnBoard, BusWithoutStatusRequestFailsAtOnceWithTheTransferError) {
     change_config([](json &c) { c["i2c"]["without_status_request"] = {0}; });
-    add_fault({{"fault", "i2c_busy"}, {"target", "pelto"}});
+    add_fault(fault("i2c_busy", "pelto"));
     attach();
     i2c_init();
     uint8_t bytes[3] = {0, 0, 0x42};
@@ -365,12 +366,6 @@ protected:
         return count;
     }
 };
-
-json fault(const char *kind, const char *target, json more = json::object()) {
-    more["fault"] = kind;
-    more["target"] = target;
-    return more;
-}
 
 TEST_F(FpgaEepromOnBoard, PllLockNeedsThreeLockedReadsInARow) {
     fresh_board(fault("pll_never_locks", "fpga_tr5", {{"skip", 2}, {"times", 1}}), 1);

@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 
+using testsupport::fault;
 using testsupport::json;
 
 namespace {
@@ -57,8 +58,8 @@ protected:
 
 TEST_F(PinsOnBoard, AWindowThatCannotBeMappedFailsThePinFunctions) {
     change_config([](json &c) {
-        c["faults"] = {{{"fault", "map_request"}, {"target", "S5LP"}, {"times", 2}},
-                       {{"fault", "mmap"}, {"target", "S5LP"}, {"elsewhere", true}, {"times", 1}}};
+        c["faults"] = {fault("map_request", "S5LP", {{"times", 2}}),
+                       fault("mmap", "S5LP", {{"elsewhere", true}, {"times", 1}})};
     });
     testing::internal::CaptureStderr();
     attach();

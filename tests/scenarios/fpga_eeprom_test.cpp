@@ -72,28 +72,19 @@ TEST_F(FpgaEeproms, FaultsShowInOutputAndResult) {
         bool tr5_ok, tr6_ok;
     };
     for (const Case &c : {
-             Case{{{"fault", "pll_never_locks"}, {"target", "fpga_tr5"}},
-                  true,
-                  "FPGA EEP ERROR! on checking FPGA PLL lock status(0x001c).\n" + tr5_failed,
-                  false,
+             Case{fault("pll_never_locks", "fpga_tr5"), true,
+                  "FPGA EEP ERROR! on checking FPGA PLL lock status(0x001c).\n" + tr5_failed, false,
                   true},
-             Case{{{"fault", "calibration_not_done"}, {"target", "fpga_tr5"}},
-                  true,
+             Case{fault("calibration_not_done", "fpga_tr5"), true,
                   "FPGA EEP ERROR! on checking Calibration done status(0x0001).\n" + tr5_failed,
-                  false,
-                  true},
-             Case{{{"fault", "register_status_missing"}, {"target", "fpga_tr5"}},
-                  true,
-                  "FPGA EEP Timeout ERROR!!\n\r" + tr5_failed,
-                  false,
-                  true},
+                  false, true},
+             Case{fault("register_status_missing", "fpga_tr5"), true,
+                  "FPGA EEP Timeout ERROR!!\n\r" + tr5_failed, false, true},
              // The TR6 check asks only for the sum's bits: the first block sums to 0xB0, and
              // adding its lowest bit clears that bit.
-             Case{{{"fault", "register_wrong_sum"}, {"target", "fpga_tr6"}, {"delta", 0x10}},
-                  true,
+             Case{fault("register_wrong_sum", "fpga_tr6", {{"delta", 0x10}}), true,
                   "FPGA EEP Checksum ERROR!\n\r!!! Unable to update FPGA EEPROM data(TR6). !!!\n",
-                  true,
-                  false},
+                  true, false},
              Case{json(), false, " Timeout Config Done!\n" + tr5_failed, false, false},
          }) {
         make_board(c.fault, c.configured);

@@ -2,6 +2,8 @@
 // checked by its exact output, its exit status and the board's state afterwards.
 #pragma once
 
+#include "support/faults.h"
+
 #include <cstdint>
 #include <gtest/gtest.h>
 #include <map>
@@ -12,6 +14,7 @@
 namespace scenario {
 
 using json = nlohmann::json;
+using testsupport::fault;
 
 struct RunResult {
     int exit_status = -1; // 0..255 as the shell sees it, or -1 when the program did not exit

@@ -93,7 +93,7 @@ TEST_F(I2cEeproms, RunWritesPeltoAndBothKolmaDevices) {
 }
 
 TEST_F(I2cEeproms, FailingKolma1LeavesKolma2Untouched) {
-    board.add_fault({{"fault", "register_status_missing"}, {"target", "KOLMA_1"}, {"bits", 1}});
+    board.add_fault(fault("register_status_missing", "KOLMA_1", {{"bits", 1}}));
     RunResult r = board.tvupdate({"M1"});
     EXPECT_NE(r.output.find(" test \n"
                             "KOLMA EEP Write ERROR! on 0x0100 detection(read 0x0020) \n"
@@ -122,41 +122,24 @@ TEST_F(I2cEeproms, FaultsShowInOutputAndResult) {
         {"wrong sum is reported, the block still counts",
          // The fifth status read of a block is its sum check, which polls six times. The check
          // only asks for the sum's bits (0x20 here), so the sum is made to lose them.
-         {{{"fault", "register_wrong_sum"},
-           {"target", "KOLMA_2"},
-           {"skip", 4},
-           {"times", 6},
-           {"delta", 0x20}}},
-         "KOLMA EEP Checksum ERROR!\n",
-         true,
-         true},
+         json::array({fault("register_wrong_sum", "KOLMA_2",
+                            {{"skip", 4}, {"times", 6}, {"delta", 0x20}})}),
+         "KOLMA EEP Checksum ERROR!\n", true, true},
         {"a byte that reads back different",
-         {{{"fault", "i2c_read_differs"}, {"target", "pelto"}, {"skip", 1}, {"times", 1}}},
-         pelto_lines("!!! Unable to update Pelto Eeprom. !!!"),
-         true,
-         false},
-        {"busy for 30 tries",
-         {{{"fault", "i2c_busy"}, {"target", "pelto"}, {"times", 30}}},
-         pelto_lines("Pelto Eeprom updating is finished."),
-         true,
-         true},
-        {"busy forever",
-         {{{"fault", "i2c_busy"}, {"target", "pelto"}}},
-         pelto_lines("!!! Unable to update Pelto Eeprom. !!!"),
-         true,
-         false},
-        {"EIO on bus 2",
-         {{{"fault", "i2c_bus_error"}, {"target", "i2c-2"}}},
+         json::array({fault("i2c_read_differs", "pelto", {{"skip", 1}, {"times", 1}})}),
+         pelto_lines("!!! Unable to update Pelto Eeprom. !!!"), true, false},
+        {"busy for 30 tries", json::array({fault("i2c_busy", "pelto", {{"times", 30}})}),
+         pelto_lines("Pelto Eeprom updating is finished."), true, true},
+        {"busy forever", json::array({fault("i2c_busy", "pelto")}),
+         pelto_lines("!!! Unable to update Pelto Eeprom. !!!"), true, false},
+        {"EIO on bus 2", json::array({fault("i2c_bus_error", "i2c-2")}),
          "IIC_KOLMAEEP_Write() ERROR!\nIIC_KOLMAEEP_Write Error\n"
          "!!! Unable to update KOLMA_1 EEPROM data. !!!\n",
-         false,
-         true},
-        {"KOLMA never acknowledges its data",
-         {{{"fault", "i2c_nak"}, {"target", "KOLMA_1"}}},
+         false, true},
+        {"KOLMA never acknowledges its data", json::array({fault("i2c_nak", "KOLMA_1")}),
          "IIC_KOLMAEEP_Write() ERROR!\nIIC_KOLMAEEP_Write Error\n"
          "!!! Unable to update KOLMA_1 EEPROM data. !!!\n",
-         false,
-         true},
+         false, true},
         {"a Pelto line without its data byte", json::array(),
          "**ERROR** EEP data line without a data byte: 0200\n"
          "!!! Unable to update Pelto Eeprom. !!!\n",
@@ -235,11 +218,10 @@ TEST_F(VornekUpdater, FaultsEndTheWalk) {
         std::string lines;
         int result;
     } cases[] = {
-        {{{"fault", "register_wrong_sum"}, {"target", "vornek"}}, "Checksum ERROR!!\n", 1},
-        {{{"fault", "register_status_missing"}, {"target", "vornek"}, {"bits", 0x10}},
-         "EEP Write ERROR! on xxx1xxx0 detection 0\n",
-         1},
-        {{{"fault", "i2c_nak"}, {"target", "vornek"}},
+        {fault("register_wrong_sum", "vornek"), "Checksum ERROR!!\n", 1},
+        {fault("register_status_missing", "vornek", {{"bits", 0x10}}),
+         "EEP Write ERROR! on xxx1xxx0 detection 0\n", 1},
+        {fault("i2c_nak", "vornek"),
          "IIC_VornekEEP_Write() ERROR!\nIIC_VornekEEP_Write() ERROR!\n"
          "IIC_VornekEEP_Read() ERROR!\nEEP Write ERROR! on xxx1xxx0 detection 0\n",
          1},
@@ -258,8 +240,7 @@ TEST_F(VornekUpdater, FaultsEndTheWalk) {
 
 TEST_F(VornekUpdater, LockConfirmedOnlyAtThe30thRead) {
     file("vornek_eep.txt", "0001 AA\n");
-    board.add_fault(
-        {{"fault", "register_status_missing"}, {"target", "vornek"}, {"skip", 3}, {"times", 29}});
+    board.add_fault(fault("register_status_missing", "vornek", {{"skip", 3}, {"times", 29}}));
     RunResult r = call();
     std::string timeouts;
     for (int i = 0; i < 29; ++i)

@@ -212,8 +212,8 @@ TEST_F(UpdateRun, FailedStepsAreReportedAndTheRunGoesOn) {
     board.medium_file("M1/writedata/jpeg_user/.keep", ""); // no file the wildcard could match
     board.medium_file("M1/writedata/other/new.dat", "other");
     board.make();
-    board.add_fault({{"fault", "command"}, {"match", "rm -rf /mnt/flash/model_data"}, {"exit", 1}});
-    board.add_fault({{"fault", "mount"}, {"match", "/mnt/flash/bitmap"}, {"errno", "EIO"}});
+    board.add_fault(fault("command", "", {{"match", "rm -rf /mnt/flash/model_data"}, {"exit", 1}}));
+    board.add_fault(fault("mount", "", {{"match", "/mnt/flash/bitmap"}, {"errno", "EIO"}}));
     RunResult r = board.tvupdate({"M1"});
     EXPECT_EQ(r.output,
               run_prologue("M1") +
@@ -248,10 +248,8 @@ TEST_F(UpdateRun, ApplicationScriptStatusDecidesTheStep) {
         bool succeeds;
     } cases[] = {
         {"exits 0", nullptr, "update_tool: application installed\n", true},
-        {"exits 1", {{"fault", "command"}, {"match", "update_tool.sh"}, {"exit", 1}}, "", false},
-        {"killed",
-         {{"fault", "command"}, {"match", "update_tool.sh"}, {"signal", "KILL"}},
-         "",
+        {"exits 1", fault("command", "", {{"match", "update_tool.sh"}, {"exit", 1}}), "", false},
+        {"killed", fault("command", "", {{"match", "update_tool.sh"}, {"signal", "KILL"}}), "",
          false},
     };
     board.medium_list("M1", "qvxbin\n");
@@ -286,15 +284,13 @@ TEST_F(UpdateRun, VolumeRecreationPrintsEachVerdict) {
          "... remove UBIFS volume [/dev/ubi1_0] : OK.\n" + made +
              "... make UBIFS volume [app_data] : OK.\n"
              "mount test: UBIFS volume [ubi4_0] to [/mnt/flash/app_data]: OK.\n"},
-        {"removal fails",
-         {{"fault", "command"}, {"match", "/update/ubirmvol"}, {"exit", 1}},
+        {"removal fails", fault("command", "", {{"match", "/update/ubirmvol"}, {"exit", 1}}),
          "... remove UBIFS volume [/dev/ubi1_0] : NG.\n"
          "ubimkvol: error!: cannot UBI create volume\n"
          "           error 17 (File exists)\n"
          "... make UBIFS volume [app_data] : NG.\n"
          "mount test: UBIFS volume [ubi4_0] to [/mnt/flash/app_data]: OK.\n"},
-        {"creation fails",
-         {{"fault", "command"}, {"match", "/update/ubimkvol"}, {"exit", 1}},
+        {"creation fails", fault("command", "", {{"match", "/update/ubimkvol"}, {"exit", 1}}),
          "... remove UBIFS volume [/dev/ubi1_0] : OK.\n"
          "... make UBIFS volume [app_data] : NG.\n"
          "mount test: UBIFS volume [ubi4_0] to [/mnt/flash/app_data]: NG.(19)\n"},
@@ -319,7 +315,7 @@ TEST_F(UpdateRun, VolumeRecreationPrintsEachVerdict) {
 TEST_F(UpdateRun, WithoutTheControlDriverNothingRuns) {
     board.medium_list("M1", "qvxbin\n");
     board.make();
-    board.add_fault({{"fault", "open"}, {"target", "/dev/cn_user"}});
+    board.add_fault(fault("open", "/dev/cn_user"));
     RunResult r = board.tvupdate({"M1"});
     EXPECT_EQ(r.output, "Cannot open /dev/cn_user, errno=19\n");
     EXPECT_EQ(r.exit_status, 255);

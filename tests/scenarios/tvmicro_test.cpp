@@ -141,7 +141,7 @@ TEST_F(Microcontroller, FirmwareGoesToTheBankThatIsNotRunningAndIsChecked) {
     // After a power cycle it runs the new firmware, so the next update goes to the other bank.
     // There a checksum that differs fails the update and leaves writing mode open.
     board.reboot();
-    board.add_fault({{"fault", "checksum_differs"}, {"delta", 2}});
+    board.add_fault(fault("checksum_differs", "", {{"delta", 2}}));
     r = board.tvupdate({"M1"});
     EXPECT_EQ(r.output,
               hex_run(2, progress() + checksums(2, 2) + "!!! Unable to update TVM HEX. !!!\n"));
@@ -183,7 +183,7 @@ TEST_F(Microcontroller, VersionAndIdDecideWhetherToProgram) {
 // A microcontroller that does not tell its ID is not put into writing mode.
 TEST_F(Microcontroller, WithoutItsIdNothingIsProgrammed) {
     make_board("VERSION=21", json::object());
-    board.add_fault({{"fault", "uart_no_reply"}, {"target", "micro_id"}});
+    board.add_fault(fault("uart_no_reply", "micro_id"));
     RunResult r = board.tvupdate({"M1"});
     EXPECT_EQ(r.exit_status, 255);
     EXPECT_EQ(r.output.find("MaxRomSize"), std::string::npos) << r.output;
@@ -192,12 +192,11 @@ TEST_F(Microcontroller, WithoutItsIdNothingIsProgrammed) {
 
 TEST_F(Microcontroller, FirmwareSurvivesLinkFaults) {
     make_board("VERSION=FF", {{"software_version", 0xFF}}); // version FF installs over itself
-    board.add_fault({{"fault", "uart_short_reply"}, {"target", "status"}, {"times", 1}});
-    board.add_fault({{"fault", "uart_bad_checksum"}, {"target", "guard_dog"}, {"times", 2}});
-    board.add_fault({{"fault", "uart_nak"}, {"target", "erase"}, {"times", 1}});
-    board.add_fault(
-        {{"fault", "uart_late_reply"}, {"target", "write_flash"}, {"skip", 100}, {"times", 1}});
-    board.add_fault({{"fault", "uart_no_reply"}, {"target", "checksum"}, {"times", 1}});
+    board.add_fault(fault("uart_short_reply", "status", {{"times", 1}}));
+    board.add_fault(fault("uart_bad_checksum", "guard_dog", {{"times", 2}}));
+    board.add_fault(fault("uart_nak", "erase", {{"times", 1}}));
+    board.add_fault(fault("uart_late_reply", "write_flash", {{"skip", 100}, {"times", 1}}));
+    board.add_fault(fault("uart_no_reply", "checksum", {{"times", 1}}));
     RunResult r = board.tvupdate({"M1"});
     // The late reply comes while block 100 is written, after the display for block 99.
     std::string writing = progress();
@@ -236,8 +235,8 @@ TEST_F(Microcontroller, EepromFromTheTextFile) {
                       "version 7\r\n0000 5A\r\n00 41 a5\r\n\r\n0100 77\r\n"
                       "00C5 C3\r\nCheckSum 1A2B\r\n0200 99\r\n");
     board.make();
-    board.add_fault({{"fault", "eeprom_write_status"}, {"replies", 2}, {"times", 1}});
-    board.add_fault({{"fault", "uart_bad_checksum"}, {"target", "eeprom_read"}, {"times", 1}});
+    board.add_fault(fault("eeprom_write_status", "", {{"replies", 2}, {"times", 1}}));
+    board.add_fault(fault("uart_bad_checksum", "eeprom_read", {{"times", 1}}));
     RunResult r = board.tvupdate({"M1"});
     // The busy EEPROM reports twice; the other reads of that send get nothing.
     std::string busy =

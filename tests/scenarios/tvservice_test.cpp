@@ -75,7 +75,7 @@ INSTANTIATE_TEST_SUITE_P(Nand, NandAroundBadBlocks,
 
 TEST_F(NandService, ABlockFailingDuringAWriteIsRetiredAndItsDataFoundAtTheSameOffset) {
     make_with_bad_blocks(json::array());
-    board.add_fault({{"fault", "nand_write_fail"}, {"target", "uboot_env:2"}});
+    board.add_fault(fault("nand_write_fail", "uboot_env:2"));
     const size_t length = 4 * E;
     const std::string image = pattern(length, 5);
 
@@ -97,7 +97,7 @@ TEST_F(NandService, ABlockFailingDuringAWriteIsRetiredAndItsDataFoundAtTheSameOf
 
 TEST_F(NandService, AnEraseFailureRetiresTheBlockAndMovesOn) {
     make_with_bad_blocks(json::array());
-    board.add_fault({{"fault", "nand_erase_fail"}, {"target", "uboot_env:0"}});
+    board.add_fault(fault("nand_erase_fail", "uboot_env:0"));
     const std::string image = pattern(E, 9);
     RunResult w = write(E, image);
     EXPECT_EQ(w.exit_status, 0) << w.output;
@@ -340,8 +340,7 @@ TEST_F(NorService, UnlockUnprotectsEverySectorOfTheChipAtOnce) {
 }
 
 TEST_F(NorService, UnlockRetriesUntilTheSectorVerifies) {
-    make({{"protected", {5}}},
-         json::array({{{"fault", "nor_verify"}, {"target", "5"}, {"times", 2}}}));
+    make({{"protected", {5}}}, json::array({fault("nor_verify", "5", {{"times", 2}})}));
     RunResult r = board.tvservice({"nor", "unlock", "0x20000", "1"});
     EXPECT_EQ(r.output, "Retrying\nRetrying\n");
     EXPECT_EQ(r.exit_status, 0);
@@ -368,14 +367,10 @@ TEST_P(NorLockFailure, ASectorThatNeverVerifiesFailsTheRunWithVidLeftOff) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Nor, NorLockFailure,
-                         testing::Values(NorFailure{"SectorNeverVerifies",
-                                                    {{"fault", "nor_verify"}, {"target", "2"}},
-                                                    json({1}),
-                                                    25}, // every attempt on sector 2
-                                         NorFailure{"VidDoesNotSwitchOn",
-                                                    {{"fault", "nor_vid"}, {"target", "on"}},
-                                                    json::array(),
-                                                    1}),
+                         testing::Values(NorFailure{"SectorNeverVerifies", fault("nor_verify", "2"),
+                                                    json({1}), 25}, // every attempt on sector 2
+                                         NorFailure{"VidDoesNotSwitchOn", fault("nor_vid", "on"),
+                                                    json::array(), 1}),
                          RowName());
 
 TEST_F(NorService, WithoutItsDirectAccessDriverNothingIsTouched) {

@@ -179,14 +179,13 @@ INSTANTIATE_TEST_SUITE_P(
         // A revision of exactly 1 is a revision, not a failed read.
         RefusalCase{"RevisionOne", "1", "0x00000100", json::array(), " ** error ** revid= 1"},
         RefusalCase{"RevisionUnreadable", kEs1, "0x00000100",
-                    json::array({{{"fault", "map_request"}, {"target", "PERI"}}}),
-                    "** error ** REV ID read error\n"},
+                    json::array({fault("map_request", "PERI")}), "** error ** REV ID read error\n"},
         RefusalCase{"BootConfigUnreadable", kEs1, "0x00000100",
-                    json::array({{{"fault", "mmap"}, {"target", "PERI"}, {"skip", 1}}}),
+                    json::array({fault("mmap", "PERI", {{"skip", 1}})}),
                     "** error ** CCFG read error\n"},
         // A window the kernel placed elsewhere is of no use (and released).
         RefusalCase{"WindowPlacedElsewhere", "0x00000000", "0x00000000",
-                    json::array({{{"fault", "mmap"}, {"target", "PERI"}, {"elsewhere", true}}}),
+                    json::array({fault("mmap", "PERI", {{"elsewhere", true}})}),
                     "** error ** REV ID read error\n"}),
     RowName());
 
@@ -338,17 +337,17 @@ INSTANTIATE_TEST_SUITE_P(
                   "Need to update... " + kWritten + " Need to retry [1]..." + kWritten +
                       " Need to retry [2]..." + kWritten + kFailed,
                   255, 3, with_first_byte_inverted(kImage)},
-        WriteCase{"EraseFailsWithoutRetry", "", kImage, json::array({{{"fault", "mtd_erase"}}}),
+        WriteCase{"EraseFailsWithoutRetry", "", kImage, json::array({fault("mtd_erase")}),
                   std::string("Need to update... erase: Input/output error\n") + kFailed, 255, 1,
                   ""},
         WriteCase{"WriteFailsWithoutRetry", "", kImage,
-                  json::array({{{"fault", "mtd_write"}, {"skip", 1}}}),
+                  json::array({fault("mtd_write", "", {{"skip", 1}})}),
                   "Need to update... " + kWritten.substr(0, 12) + // the first chunk's step
                       "write(fd_mtd,): Input/output error\n" + kFailed,
                   255, 1, kImage.substr(0, kBlock) + "\xff"},
         // A short write is followed by the rest of its chunk.
         WriteCase{"ShortWriteIsCompleted", "", kImage,
-                  json::array({{{"fault", "mtd_write"}, {"bytes", 100}, {"times", 1}}}),
+                  json::array({fault("mtd_write", "", {{"bytes", 100}, {"times", 1}})}),
                   "Need to update... " + kWritten + kDone, 0, 1, kImage},
         // An image longer than the region is refused before anything is erased.
         WriteCase{"ImageLargerThanTheRegion", "", pattern(kRegion + 1, 5), json::array(),

@@ -14,6 +14,8 @@
 
 namespace {
 
+using testsupport::fault;
+
 class DeviceRules : public testsupport::BoardFixture {
 protected:
     // errno of a failed call, 0 when it succeeded.
@@ -79,7 +81,7 @@ TEST_F(DeviceRules, RegisterWindowsMapOnlyAsTheControlDriverAllows) {
 }
 
 TEST_F(DeviceRules, MtdDescriptorsDoOnlyWhatTheirOpenModeAllows) {
-    add_fault({{"fault", "mtd_write"}, {"target", "uboot_env"}, {"bytes", 0}});
+    add_fault(fault("mtd_write", "uboot_env", {{"bytes", 0}}));
     attach();
     int write_only = open("/dev/mtd1", O_WRONLY);
     int read_only = open("/dev/mtd1", O_RDONLY);

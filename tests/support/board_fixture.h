@@ -3,6 +3,7 @@
 
 #include "board/create.h"
 #include "interpose/control.h"
+#include "support/faults.h"
 
 #include <cstdio>
 #include <filesystem>
