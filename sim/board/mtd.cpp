@@ -173,7 +173,16 @@ public:
         if (p_.nand && (pos_ % p_.writesize != 0 || n % p_.writesize != 0))
             return fail(EINVAL);
         json event{{"mtd", p_.name}, {"offset", pos_}, {"length", n}};
-        if (nand_page_fails(pos_, n) || nor_range_protected(board_, p_.name, pos_, n)) {
+        // The NOR driver programs word by word: what lies before a protected sector is written
+        // when the write fails there.
+        size_t unprotected =
+            static_cast<size_t>(nor_protected_from(board_, p_.name, pos_, n) - pos_);
+        if (nand_page_fails(pos_, n) || unprotected < n) {
+            if (unprotected < n) {
+                program(static_cast<const uint8_t *>(buf), unprotected);
+                board_.advance_ns(unprotected * p_.write_ns_per_byte);
+                event["written"] = unprotected;
+            }
             event["errno"] = EIO;
             board_.trace("mtd_write", event);
             return fail(EIO);
@@ -270,15 +279,22 @@ private:
             board_.trace("mtd_erase", event);
             return fail(event["errno"].get<int>());
         }
-        if (int err = erase_refusal(start, length)) {
-            event["errno"] = err;
-            board_.trace("mtd_erase", event);
-            return fail(err);
-        }
-        size_t blocks = board_.done_before_power_cut(length / p_.erasesize);
-        std::vector<uint8_t> erased(blocks * p_.erasesize, 0xFF);
+        // The drivers erase block by block (a NOR chip sector by sector): what lies before the
+        // place they stop at is erased when the request fails there.
+        uint64_t stop = erase_stop(start, start + length);
+        bool refused = stop < start + length;
+        uint64_t span = refused
+                            ? stop - start
+                            : board_.done_before_power_cut(length / p_.erasesize) * p_.erasesize;
+        std::vector<uint8_t> erased(span, 0xFF);
         if (!store_contents(p_, start, erased.data(), erased.size()))
             return fail(EIO);
+        if (refused) {
+            board_.advance_ns((span + p_.erasesize - 1) / p_.erasesize * p_.erase_ns);
+            event["errno"] = EIO;
+            board_.trace("mtd_erase", event);
+            return fail(EIO);
+        }
         bad_program_ = board_.take_fault("mtd_program", p_.name) != nullptr;
         board_.advance_ns(length / p_.erasesize * p_.erase_ns);
         board_.trace("mtd_erase", event);
@@ -330,18 +346,16 @@ private:
         return 0;
     }
 
-    // As the drivers do: an erase on a protected NOR sector fails (EIO), as does one that covers
-    // a NAND bad block or meets an injected "nand_erase_fail" block; 0 otherwise.
-    int erase_refusal(uint64_t start, uint64_t length) {
-        if (nor_range_protected(board_, p_.name, start, length))
-            return EIO;
+    // Where the drivers stop an erase of [start, end): at the first protected NOR sector, NAND
+    // bad block or block with an injected "nand_erase_fail"; end when nothing stops them.
+    uint64_t erase_stop(uint64_t start, uint64_t end) {
         if (!p_.nand)
-            return 0;
-        for (uint64_t b = start / p_.erasesize; b < (start + length) / p_.erasesize; ++b) {
+            return nor_protected_from(board_, p_.name, start, end - start);
+        for (uint64_t b = start / p_.erasesize; b < end / p_.erasesize; ++b) {
             if (block_is_bad(b) || board_.take_fault("nand_erase_fail", block_target(b)) != nullptr)
-                return EIO;
+                return b * p_.erasesize;
         }
-        return 0;
+        return end;
     }
 
     // A page program that meets an injected "nand_write_fail" block.

@@ -274,16 +274,17 @@ std::unique_ptr<RegisterSpace> nor_registers(Board &board, const SocWindow &wind
 
 } // namespace
 
-bool nor_range_protected(Board &board, std::string_view partition, uint64_t offset,
-                         uint64_t length) {
+uint64_t nor_protected_from(Board &board, std::string_view partition, uint64_t offset,
+                            uint64_t length) {
+    uint64_t end = offset + length;
     if (length == 0 || partition != nor_partition(board))
-        return false;
+        return end;
     for (unsigned s = nor_sector_of(static_cast<uint32_t>(offset));
-         s <= nor_sector_of(static_cast<uint32_t>(offset + length - 1)); ++s) {
+         s <= nor_sector_of(static_cast<uint32_t>(end - 1)); ++s) {
         if (is_protected(board, s))
-            return true;
+            return std::max<uint64_t>(offset, nor_sector_base(s));
     }
-    return false;
+    return end;
 }
 
 std::unique_ptr<Device> open_nor_direct(Board &board, std::string_view path, int, int *err) {

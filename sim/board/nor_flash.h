@@ -19,7 +19,7 @@
 // Any other write, or a sequence out of order, returns to read array ("nor" event "ignored");
 // switching VID off leaves protection mode. Protection is kept in state.json "nor"
 // ("protected": sector numbers) and survives a reboot; the mode and VID do not. Program and
-// erase through the NOR boot partition fail on a protected sector.
+// erase through the NOR boot partition fail on a protected sector, having done what lies before.
 //
 // board.json "nor": { "driver": true, "protected": [0], "partition": "uboot-nor" }
 // Faults: "nor_verify" (target: a sector number) the sector is not changed by a pulse;
@@ -33,9 +33,11 @@ namespace tvsim {
 
 std::unique_ptr<Device> open_nor_direct(Board &board, std::string_view path, int flags, int *err);
 
-// True when bytes [offset, offset + length) of an MTD partition lie on a protected sector of the
-// flash: the part ignores program and erase there, and its MTD driver reports EIO.
-bool nor_range_protected(Board &board, std::string_view partition, uint64_t offset,
-                         uint64_t length);
+// Where bytes [offset, offset + length) of an MTD partition first meet a protected sector of the
+// flash (that sector's first byte, or offset when it starts inside one); offset + length when
+// they meet none. The part ignores program and erase there, and its MTD driver, which goes
+// sector by sector and word by word, reports EIO having done what lies before.
+uint64_t nor_protected_from(Board &board, std::string_view partition, uint64_t offset,
+                            uint64_t length);
 
 } // namespace tvsim

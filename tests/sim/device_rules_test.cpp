@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <mtd/mtd-user.h>
 #include <sys/ioctl.h>
@@ -15,6 +16,7 @@
 namespace {
 
 using testsupport::fault;
+using testsupport::json;
 
 class DeviceRules : public testsupport::BoardFixture {
 protected:
@@ -113,6 +115,35 @@ TEST_F(DeviceRules, MtdDescriptorsDoOnlyWhatTheirOpenModeAllows) {
     close(write_only);
     close(read_only);
     close(read_write);
+}
+
+// The drivers go block by block (the NOR chip sector by sector, word by word): a request that
+// meets a protected sector or a bad block fails there with EIO, having done what lies before.
+TEST_F(DeviceRules, AFailedEraseOrWriteHasDoneWhatLiesBeforeWhereItStopped) {
+    change_config([](json &c) {
+        c["mtd"][6]["drivers"] = json::array(); // uboot-nor, /dev/mtd6, present without its driver
+        c["mtd"][1]["bad_blocks"] = {2};        // uboot_env, /dev/mtd1
+        c["nor"]["protected"] = {5};            // 0x20000..0x2FFFF
+    });
+    std::filesystem::create_directories(dir_ / "mtd");
+    std::ofstream(dir_ / "mtd/uboot-nor.bin") << std::string(0x40000, '\0');
+    std::ofstream(dir_ / "mtd/uboot_env.bin") << std::string(0x100000, '\0');
+    attach();
+    int nor = open("/dev/mtd6", O_RDWR);
+    int nand = open("/dev/mtd1", O_RDWR);
+    erase_info_user whole{0, 0x100000};
+    EXPECT_EQ(error_of(ioctl(nor, MEMERASE, &whole) != 0), EIO);
+    EXPECT_EQ(error_of(ioctl(nand, MEMERASE, &whole) != 0), EIO);
+    const std::string data(32, 'w');
+    ASSERT_EQ(lseek(nor, 0x1FFF0, SEEK_SET), 0x1FFF0);
+    EXPECT_EQ(error_of(write(nor, data.data(), data.size()) < 0), EIO);
+    close(nor);
+    close(nand);
+    const std::string flash = read_file("mtd/uboot-nor.bin");
+    const std::string blocks = read_file("mtd/uboot_env.bin");
+    EXPECT_TRUE(flash.substr(0, 0x40000) ==
+                std::string(0x1FFF0, '\xff') + data.substr(0, 16) + std::string(0x20000, '\0'));
+    EXPECT_TRUE(blocks == std::string(0x40000, '\xff') + std::string(0xC0000, '\0'));
 }
 
 // The microcontroller's link on the board, at its rate, opened with these flags.
