@@ -26,6 +26,23 @@ protected:
     static constexpr const char *kSources[] = {"app_data/dpdc", "app_data/factory", "model_data",
                                                "jpeg_user",     "jpeg_factory",     "bitmap",
                                                "other"};
+
+    // The lines of the data directory step titled title ("Start updating Bitmap directory..."):
+    // body, then its verdict on the data it names ("Bitmap data", "App data").
+    static std::string data_step(const std::string &title, const std::string &body,
+                                 bool succeeds = true) {
+        std::string data = title.ends_with(" data") ? title : title + " data";
+        return "Start updating " + title + " directory...\n" + body +
+               (succeeds ? "Updating " + data + " is finished.\n"
+                         : "!!! Unable to update " + data + ". !!!\n");
+    }
+    static std::string copying(const std::string &folder) {
+        return "Copying /tmp/M1/writedata/" + folder + " to /mnt/flash/" + folder + "...\n";
+    }
+    // The data directory step that copies writedata/folder into /mnt/flash/folder.
+    static std::string copy_step(const std::string &title, const std::string &folder) {
+        return data_step(title, copying(folder));
+    }
 };
 
 TEST_F(UpdateRun, EmptyListUpdatesNothingAndSucceeds) {
@@ -152,29 +169,12 @@ TEST_F(UpdateRun, StepsFollowTheFixedOrderAndKeepOldFiles) {
               run_prologue("M1") +
                   "Start updating Application binary...\n"
                   "update_tool: application installed\n"
-                  "Binary image updating is finished.\n"
-                  "Start updating App data directory...\n"
-                  "Copying /tmp/M1/writedata/app_data/dpdc to /mnt/flash/app_data/dpdc...\n"
-                  "Updating App data is finished.\n"
-                  "Start updating Factory data directory...\n"
-                  "Copying /tmp/M1/writedata/app_data/factory to /mnt/flash/app_data/factory...\n"
-                  "Updating Factory data is finished.\n"
-                  "Start updating Model data directory...\n"
-                  "Copying /tmp/M1/writedata/model_data to /mnt/flash/model_data...\n"
-                  "Updating Model data is finished.\n"
-                  "Start updating Jpeg User directory...\n"
-                  "Copying /tmp/M1/writedata/jpeg_user to /mnt/flash/jpeg_user...\n"
-                  "Updating Jpeg User data is finished.\n"
-                  "Start updating Jpeg Factory directory...\n"
-                  "Copying /tmp/M1/writedata/jpeg_factory to /mnt/flash/jpeg_factory...\n"
-                  "Updating Jpeg Factory data is finished.\n"
-                  "Start updating Bitmap directory...\n"
-                  "Copying /tmp/M1/writedata/bitmap to /mnt/flash/bitmap...\n"
-                  "Updating Bitmap data is finished.\n"
-                  "Start updating Other directory...\n"
-                  "Copying /tmp/M1/writedata/other to /mnt/flash/other...\n"
-                  "Updating Other data is finished.\n" +
-                  run_epilogue());
+                  "Binary image updating is finished.\n" +
+                  copy_step("App data", "app_data/dpdc") +
+                  copy_step("Factory data", "app_data/factory") +
+                  copy_step("Model data", "model_data") + copy_step("Jpeg User", "jpeg_user") +
+                  copy_step("Jpeg Factory", "jpeg_factory") + copy_step("Bitmap", "bitmap") +
+                  copy_step("Other", "other") + run_epilogue());
     EXPECT_EQ(r.exit_status, 0);
     EXPECT_EQ(board.listing("flash/ubi4_0"), "dpdc factory");
     EXPECT_EQ(board.read("flash/ubi4_0/factory/new.dat"), "app_data/factory");
@@ -194,10 +194,9 @@ TEST_F(UpdateRun, EraseFirstEmptiesTheDirectoryBeforeCopying) {
     old_file("ubi5_0/old.dat");
     RunResult r = board.tvupdate({"M1"});
     EXPECT_EQ(r.exit_status, 0);
-    EXPECT_NE(
-        r.output.find("Erasing all of files on /mnt/flash/app_data/dpdc...\n"
-                      "Copying /tmp/M1/writedata/app_data/dpdc to /mnt/flash/app_data/dpdc...\n"),
-        std::string::npos)
+    EXPECT_NE(r.output.find("Erasing all of files on /mnt/flash/app_data/dpdc...\n" +
+                            copying("app_data/dpdc")),
+              std::string::npos)
         << r.output;
     // The app_data subfolder is removed and copied anew as a whole; its sibling stays.
     EXPECT_EQ(board.listing("flash/ubi4_0/dpdc"), "new.dat");
@@ -217,22 +216,19 @@ TEST_F(UpdateRun, FailedStepsAreReportedAndTheRunGoesOn) {
     RunResult r = board.tvupdate({"M1"});
     EXPECT_EQ(r.output,
               run_prologue("M1") +
-                  "Start updating Model data directory...\n"
-                  "Erasing all of files on /mnt/flash/model_data...\n"
-                  "!!! Unable to erase all of files from /mnt/flash/model_data. !!!\n"
-                  "!!! Unable to update Model data. !!!\n"
-                  "Start updating Jpeg User directory...\n"
-                  "Copying /tmp/M1/writedata/jpeg_user to /mnt/flash/jpeg_user...\n"
-                  "cp: cannot stat '/tmp/M1/writedata/jpeg_user/*': No such file or directory\n"
-                  "!!! Unable to copy /tmp/M1/writedata/jpeg_user to /mnt/flash/jpeg_user. !!!\n"
-                  "!!! Unable to update Jpeg User data. !!!\n"
-                  "Start updating Bitmap directory...\n"
-                  "Unable to mount ubi4_4 on /mnt/flash/bitmap.\n"
-                  "!!! Unable to update Bitmap data. !!!\n"
-                  "Start updating Other directory...\n"
-                  "Copying /tmp/M1/writedata/other to /mnt/flash/other...\n"
-                  "Updating Other data is finished.\n" +
-                  run_epilogue());
+                  data_step("Model data",
+                            "Erasing all of files on /mnt/flash/model_data...\n"
+                            "!!! Unable to erase all of files from /mnt/flash/model_data. !!!\n",
+                            false) +
+                  data_step("Jpeg User",
+                            copying("jpeg_user") +
+                                "cp: cannot stat '/tmp/M1/writedata/jpeg_user/*': No such file "
+                                "or directory\n"
+                                "!!! Unable to copy /tmp/M1/writedata/jpeg_user to "
+                                "/mnt/flash/jpeg_user. !!!\n",
+                            false) +
+                  data_step("Bitmap", "Unable to mount ubi4_4 on /mnt/flash/bitmap.\n", false) +
+                  copy_step("Other", "other") + run_epilogue());
     EXPECT_EQ(r.exit_status, 255);
     EXPECT_EQ(board.read("flash/ubi5_0/new.dat"), "other");
     // Volumes that were mounted are unmounted again on the failure paths.
