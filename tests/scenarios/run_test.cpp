@@ -74,70 +74,52 @@ TEST_F(UpdateRun, AListThatCannotBeReadIsNoList) {
 }
 
 TEST_F(UpdateRun, MediumDiscovery) {
-    const json stick = {{"disk", "b"}, {"medium", "media/usb"}};
-    auto disk = [&](const char *letter, json extra = json::object()) {
-        json d = stick;
-        d["disk"] = letter;
-        d.update(extra);
-        return d;
+    // The media of board.json: the disks of the USB storage driver and the SD slot, each with
+    // one setting at most.
+    auto stick = [](const char *letter, const char *setting = "", json value = nullptr) {
+        json disk = {{"disk", letter}, {"medium", "media/usb"}};
+        if (*setting != '\0')
+            disk[setting] = value;
+        return disk;
     };
-    auto sd = [](json extra = json::object()) {
-        json s = {{"slot", "insert"}, {"medium", "media/usb"}};
-        s.update(extra);
-        return s;
+    auto usb = [](auto... disks) { return json::array({disks...}); };
+    auto sd = [](const char *setting = "", json value = nullptr) {
+        json slot = {{"slot", "insert"}, {"medium", "media/usb"}};
+        if (*setting != '\0')
+            slot[setting] = value;
+        return slot;
     };
     struct Case {
         const char *what;
-        json media;
+        json usb, sd;        // null: no USB storage driver, no SD card driver (as if left out)
         const char *mounted; // medium mount source, "" when none
         size_t rescans;
         double seconds;
     } cases[] = {
-        {"one stick", {{"usb", {disk("b")}}}, "/dev/sdb1", 0, 0},
-        {"two sticks: lower letter", {{"usb", {disk("c"), disk("b")}}}, "/dev/sdb1", 0, 0},
-        {"reader without card, then a stick",
-         {{"usb", {disk("b", {{"sectors", 0}}), disk("c")}}},
-         "/dev/sdc1",
-         0,
-         0},
-        {"stick ready after two rescans",
-         {{"usb", {disk("b", {{"rescans_needed", 2}})}}},
-         "/dev/sdb1",
-         2,
-         0},
-        {"stick not FAT: SD card after five passes",
-         {{"usb", {disk("b", {{"filesystem", "ext4"}})}}, {"sd", sd()}},
-         "/dev/sdcarda1",
-         5,
-         0},
-        {"no USB storage driver: SD card", {{"sd", sd()}}, "/dev/sdcarda1", 0, 0},
-        {"SD block device after 3 s",
-         {{"usb", json::array()}, {"sd", sd({{"block_device_after_seconds", 3}})}},
-         "/dev/sdcarda1",
-         0,
-         9},
+        {"one stick", usb(stick("b")), nullptr, "/dev/sdb1", 0, 0},
+        {"two sticks: lower letter", usb(stick("c"), stick("b")), nullptr, "/dev/sdb1", 0, 0},
+        {"reader without card, then a stick", usb(stick("b", "sectors", 0), stick("c")), nullptr,
+         "/dev/sdc1", 0, 0},
+        {"stick ready after two rescans", usb(stick("b", "rescans_needed", 2)), nullptr,
+         "/dev/sdb1", 2, 0},
+        {"stick not FAT: SD card after five passes", usb(stick("b", "filesystem", "ext4")), sd(),
+         "/dev/sdcarda1", 5, 0},
+        {"no USB storage driver: SD card", nullptr, sd(), "/dev/sdcarda1", 0, 0},
+        {"SD block device after 3 s", usb(), sd("block_device_after_seconds", 3), "/dev/sdcarda1",
+         0, 9},
         {"stick appears after 2 s: found after two sleeps",
-         {{"usb", {disk("b", {{"appears_after_seconds", 2}})}}},
-         "/dev/sdb1",
-         0,
-         2},
+         usb(stick("b", "appears_after_seconds", 2)), nullptr, "/dev/sdb1", 0, 2},
         {"no SCSI device within ten listings: SD card",
-         {{"usb", {disk("b", {{"appears_after_seconds", 10}})}}, {"sd", sd()}},
-         "/dev/sdcarda1",
-         0,
-         9},
-        {"nothing inserted", {{"usb", json::array()}, {"sd", sd({{"slot", "remove"}})}}, "", 0, 9},
-        {"SD block device never appears",
-         {{"usb", json::array()}, {"sd", sd({{"block_device_after_seconds", nullptr}})}},
-         "",
-         0,
+         usb(stick("b", "appears_after_seconds", 10)), sd(), "/dev/sdcarda1", 0, 9},
+        {"nothing inserted", usb(), sd("slot", "remove"), "", 0, 9},
+        {"SD block device never appears", usb(), sd("block_device_after_seconds", nullptr), "", 0,
          19},
     };
     board.medium_list("M1", "");
     board.make();
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
-        board.remake({{"media", c.media}});
+        board.remake({{"media", {{"usb", c.usb}, {"sd", c.sd}}}});
         RunResult r = board.tvupdate({"M1"});
         std::string mounted;
         for (const json &m : board.trace("mount")) {
