@@ -232,14 +232,9 @@ TEST_F(UpdateRun, ApplicationScriptStatusDecidesTheStep) {
     };
     board.medium_list("M1", "qvxbin\n");
     board.make();
-    const json pristine = board.config();
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
-        json config = pristine;
-        if (!c.fault.is_null())
-            config["faults"].push_back(c.fault);
-        board.set_config(config);
-        board.reboot();
+        board.remake({{"faults", c.fault.is_null() ? json::array() : json::array({c.fault})}});
         RunResult r = board.tvupdate({"M1"});
         EXPECT_EQ(r.output, run_prologue("M1") + "Start updating Application binary...\n" +
                                 c.script_output +
