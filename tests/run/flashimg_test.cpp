@@ -1,7 +1,6 @@
 #include "run/flashimg.h"
 
 #include <cstdio>
-#include <cstring>
 #include <gtest/gtest.h>
 #include <string>
 
@@ -102,29 +101,6 @@ TEST(ReadUpdateList, ZoranOnlyFromAUsbStick) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(read_list("zoran_update\n", {false, false}).word0, 0u);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-}
-
-TEST(CheckModelName, AcceptsOnlyNamesSafeAsPathAndShellWord) {
-    struct Case {
-        const char *name;
-        bool usable;
-    } cases[] = {
-        {"LT-42A1", true}, {"tv_2010.b+", true}, {"_x", true},       {nullptr, false},
-        {"", false},       {"..", false},        {".hidden", false}, {"-rf", false},
-        {"a b", false},    {"a;reboot", false},  {"a/b", false},     {"$(reboot)", false},
-        {"a'b", false},
-    };
-    for (const Case &c : cases) {
-        testing::internal::CaptureStdout();
-        EXPECT_EQ(check_model_name(c.name), c.usable ? 0 : -1) << (c.name ? c.name : "(null)");
-        std::string said = testing::internal::GetCapturedStdout();
-        EXPECT_EQ(said.empty(), c.usable) << said;
-    }
-    std::string longest(kMaxModelNameLength, 'm');
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(check_model_name(longest.c_str()), 0);
-    EXPECT_EQ(check_model_name((longest + "m").c_str()), -1);
-    testing::internal::GetCapturedStdout();
 }
 
 } // namespace

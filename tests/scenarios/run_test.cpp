@@ -296,24 +296,25 @@ TEST_F(UpdateRun, WithoutTheControlDriverNothingRuns) {
 }
 
 TEST_F(UpdateRun, UnusableModelNamesAreRefusedBeforeAnything) {
+    const std::string no_name = "No model name given: usage: tvupdate MODEL\n";
     const std::string invalid = "Invalid model name '%s': use at most 106 letters, digits, '.', "
                                 "'_', '+' or '-', beginning with a letter, a digit or '_'.\n";
-    auto refused = [&](const std::string &name) {
-        std::string line = invalid;
-        return line.replace(line.find("%s"), 2, name.substr(0, 106));
-    };
     struct Case {
         std::vector<std::string> args;
         std::string output;
-    } cases[] = {
-        {{}, "No model name given: usage: tvupdate MODEL\n"},
-        {{""}, "No model name given: usage: tvupdate MODEL\n"},
-        {{"../../etc"}, refused("../../etc")},
-        {{".M1"}, refused(".M1")},
-        {{"-M1"}, refused("-M1")},
-        {{"M1; reboot"}, refused("M1; reboot")},
-        {{std::string(107, 'M')}, refused(std::string(107, 'M'))},
     };
+    std::vector<Case> cases = {{{}, no_name}, {{""}, no_name}};
+    const std::vector<std::string> unusable = {
+        "../../etc", ".M1", "-M1", "M1; reboot", "a/b", "a'b", "$(reboot)", std::string(107, 'M')};
+    for (const std::string &name : unusable) {
+        std::string line = invalid;
+        cases.push_back({{name}, line.replace(line.find("%s"), 2, name.substr(0, 106))});
+    }
+    // Names of letters, digits, '.', '_', '+' and '-' are used (the longest one, 106
+    // characters, by UbootBootSource.WritesTheImageOfTheBootSourceIntoItsRegion/LongModelName).
+    const char *usable[] = {"LT-42A1", "tv_2010.b+", "_x"};
+    for (const char *name : usable)
+        board.medium_list(name, "");
     board.medium_list("M1", "qvxbin\n");
     board.make();
     for (const Case &c : cases) {
@@ -324,6 +325,12 @@ TEST_F(UpdateRun, UnusableModelNamesAreRefusedBeforeAnything) {
     EXPECT_TRUE(board.trace("mount").empty());
     EXPECT_TRUE(board.trace("shell").empty());
     EXPECT_EQ(board.listing("fs/tmp"), "");
+    for (const char *name : usable) {
+        board.reboot(); // the medium of the run before is mounted no longer
+        RunResult r = board.tvupdate({name});
+        EXPECT_EQ(r.output, run_prologue(name) + run_epilogue());
+        EXPECT_EQ(r.exit_status, 0);
+    }
 }
 
 } // namespace
