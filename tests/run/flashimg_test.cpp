@@ -12,7 +12,6 @@ TEST(CheckUpdateFlag, FindsEveryLetterAnywhere) {
         uint32_t expected;
     } cases[] = {
         {"", 0},
-        {"\n", 0},
         {" N\n", OPTION_N},
         {" NF\n", OPTION_N | OPTION_F},
         {" Not Final\n", OPTION_N | OPTION_F},

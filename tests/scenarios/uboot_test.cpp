@@ -4,7 +4,6 @@
 #include "scenarios/harness.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 
 namespace scenario {
@@ -338,8 +337,7 @@ TEST_F(UbootDriver, AProtectedSectorFailsTheUpdateUntilItIsUnlocked) {
 class MtdTools : public Scenario {};
 
 TEST_F(MtdTools, EraseCopyAndInfoBehaveAsOnTheBoard) {
-    const char *kTools[] = {"/usr/sbin/mtd_debug", "/usr/sbin/flash_erase", "/usr/sbin/flashcp"};
-    for (const char *tool : kTools) {
+    for (const char *tool : {"/usr/sbin/mtd_debug", "/usr/sbin/flash_erase", "/usr/sbin/flashcp"}) {
         if (!on_host() || !std::ifstream(tool))
             GTEST_SKIP() << "host tools of mtd-utils are needed";
     }
@@ -356,8 +354,7 @@ TEST_F(MtdTools, EraseCopyAndInfoBehaveAsOnTheBoard) {
     EXPECT_EQ(info.output, "mtd.type = MTD_NORFLASH\nmtd.flags = MTD_CAP_NORFLASH\n"
                            "mtd.size = 1048576 (1M)\nmtd.erasesize = 65536 (64K)\n"
                            "mtd.writesize = 1 \nmtd.oobsize = 0 \nregions = 0\n\n");
-    RunResult missing = board.run({"/usr/sbin/mtd_debug", "info", "/dev/mtd99"});
-    EXPECT_NE(missing.exit_status, 0);
+    EXPECT_NE(board.run({"/usr/sbin/mtd_debug", "info", "/dev/mtd99"}).exit_status, 0);
 
     RunResult erase = board.run({"/usr/sbin/flash_erase", "/dev/mtd7", "0x20000", "2"});
     EXPECT_EQ(erase.exit_status, 0) << erase.output;
