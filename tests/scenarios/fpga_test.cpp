@@ -170,64 +170,38 @@ TEST_F(ConfigRoms, EmptyAndShortImagesAreWrittenPageByPage) {
     EXPECT_TRUE(rom(0) == rom_holding(data));
 }
 
-// Each fault stops the run at its place, with its line, and leaves the lines idle.
+// Each fault stops the run at its place, with its line, and leaves the lines idle; a failed
+// erase or page program is followed by a write disable, and only then.
 TEST_F(ConfigRoms, FaultsStopTheRunWithTheirMessage) {
-    const std::string old_image = image(4000, 11);
-    const std::string data = image(600, 12);
-    enum class Rom { Untouched, Erased, Partly };
+    const std::string old_rom = rom_holding(image(4000, 11)), data = image(600, 12);
+    enum Left { Untouched, Erased, Partly };
     const struct {
         const char *what;
         json rom_setting;
         json fault;
-        std::vector<std::string> lines;
-        Rom left;
-        long erase_polls = -1; // status reads after the bulk erase, where counted
+        std::string lines; // part of the output
+        Left left;
+        bool disables_writes = false;
+        long erase_waits = -1; // 1 s waits for the bulk erase, where counted
         long done_waits = -1;  // 100 ms waits for configuration done, where counted
     } cases[] = {
-        {"protection bits",
-         {{"protect", "0x1C"}},
-         nullptr,
-         {" Timeout RDSR(0x1c)!\n"},
-         Rom::Untouched},
-        {"status stuck busy",
-         {},
-         fault("spi_status", "rom0", {{"value", 1}}),
-         {" Timeout RDSR(0x01)!\n"},
-         Rom::Untouched},
-        {"erase never ends",
-         {},
-         fault("spi_erase_stuck"),
-         {"Start erasing SPI-ROM, please wait... \n Timeout RDSR(0x03)!\n"},
-         Rom::Erased,
-         10}, // ROM 0's erase is polled ten times
-        {"every status read fails",
-         {},
-         fault("spi_request", "write_then_read"),
-         {"cmd_rom_read_status_register : error sts=0xff, retry=10\n",
-          "SPIO_WRITE_THEN_READ: Input/output error\n", " Timeout RDSR(0xff)!\n"},
-         Rom::Untouched},
-        {"write enable fails",
-         {},
-         fault("spi_request", "write", {{"times", 1}}),
-         {"SPIO_WRITE: Input/output error\n", "cmd_rom_write_enable : error -1.\n"},
-         Rom::Untouched},
-        {"bulk erase fails",
-         {},
-         fault("spi_request", "write", {{"skip", 1}, {"times", 1}}),
-         {"cmd_rom_bulk_erase : error -1.\n"},
-         Rom::Untouched},
-        {"page program fails",
-         {},
-         fault("spi_request", "write", {{"skip", 3}, {"times", 1}}),
-         {"cmd_rom_page_program : adr 0x00000000 error -1.\n"},
-         Rom::Erased},
-        {"configuration never done",
-         {},
-         fault("config_done_never", "fpga0"),
-         {"EOF on reading image 600byte!\n Timeout Config Done!\n"},
-         Rom::Partly,
-         -1,
-         10}, // ROM 0's FPGA is given ten polls
+        {"protection bits", {{"protect", "0x1C"}}, json(), " Timeout RDSR(0x1c)!\n", Untouched},
+        {"stuck busy", json(), fault("spi_status", "rom0", {{"value", 1}}),
+         " Timeout RDSR(0x01)!\n", Untouched},
+        {"erase never ends", json(), fault("spi_erase_stuck"),
+         "Start erasing SPI-ROM, please wait... \n Timeout RDSR(0x03)!\n", Erased, false, 10},
+        {"every status read fails", json(), fault("spi_request", "write_then_read"),
+         "SPIO_WRITE_THEN_READ: Input/output error\ncmd_rom_read_status_register : error sts=0xff, "
+         "retry=10\n Timeout RDSR(0xff)!\n",
+         Untouched},
+        {"write enable fails", json(), fault("spi_request", "write", {{"times", 1}}),
+         "SPIO_WRITE: Input/output error\ncmd_rom_write_enable : error -1.\n", Untouched},
+        {"bulk erase fails", json(), fault("spi_request", "write", {{"skip", 1}, {"times", 1}}),
+         "cmd_rom_bulk_erase : error -1.\n", Untouched, true},
+        {"page program fails", json(), fault("spi_request", "write", {{"skip", 3}, {"times", 1}}),
+         "cmd_rom_page_program : adr 0x00000000 error -1.\n", Erased, true},
+        {"configuration never done", json(), fault("config_done_never", "fpga0"),
+         "EOF on reading image 600byte!\n Timeout Config Done!\n", Partly, false, -1, 10},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
@@ -238,42 +212,27 @@ TEST_F(ConfigRoms, FaultsStopTheRunWithTheirMessage) {
         if (!c.fault.is_null())
             config["faults"] = json::array({c.fault});
         board.set_config(config);
-        FILE *f = fopen(board.path("spi_rom0.bin").c_str(), "wb");
-        ASSERT_NE(f, nullptr);
-        std::string old_rom = rom_holding(old_image);
-        fwrite(old_rom.data(), 1, old_rom.size(), f);
-        fclose(f);
+        board.write("spi_rom0.bin", old_rom);
 
         RunResult r = board.tvupdate({"M1"});
-        for (const std::string &line : c.lines)
-            EXPECT_THAT(r.output, HasSubstr(line));
-        EXPECT_THAT(r.output, HasSubstr("!!! Unable to update FPGA config data. !!!\n"));
+        EXPECT_THAT(r.output, HasSubstr(c.lines + "!!! Unable to update FPGA config data. !!!\n"));
         EXPECT_THAT(r.output, Not(HasSubstr("fpga_config_sum_tr5"))); // later ROMs not reached
         EXPECT_EQ(r.exit_status, 255);
-        std::string left = c.left == Rom::Untouched ? old_rom
-                           : c.left == Rom::Erased  ? erased_rom()
-                                                    : rom_holding(data);
-        EXPECT_TRUE(rom(0) == left);
+        const std::string left[] = {old_rom, erased_rom(), rom_holding(data)};
+        EXPECT_TRUE(rom(0) == left[c.left]);
         EXPECT_TRUE(access_lines_idle());
-        // A failed erase or page program is followed by a write disable, and only then.
-        bool disabled = false;
-        for (const std::string &cmd : commands())
-            disabled = disabled || cmd.substr(2) == "04";
-        EXPECT_EQ(disabled, std::string(c.what) == "bulk erase fails" ||
-                                std::string(c.what) == "page program fails");
-        if (c.done_waits >= 0) {
-            long waits = 0;
-            for (const json &e : board.trace("sleep"))
-                waits += e.value("ns", 0L) == 100000000L;
-            EXPECT_EQ(waits, c.done_waits);
+        const std::vector<std::string> sent = commands();
+        EXPECT_EQ(std::count(sent.begin(), sent.end(), "1:04") > 0, c.disables_writes);
+        auto waits = [&](long ns) {
+            std::vector<json> sleeps = board.trace("sleep");
+            return std::count_if(sleeps.begin(), sleeps.end(),
+                                 [&](const json &e) { return e.value("ns", 0L) == ns; });
+        };
+        if (c.erase_waits >= 0) {
+            EXPECT_EQ(waits(1000000000L), c.erase_waits);
         }
-        if (c.erase_polls >= 0) {
-            std::vector<std::string> sent = commands();
-            auto erase = std::find_if(sent.begin(), sent.end(),
-                                      [](const std::string &s) { return s.substr(2) == "c7"; });
-            EXPECT_EQ(std::count_if(erase, sent.end(),
-                                    [](const std::string &s) { return s.substr(2, 2) == "05"; }),
-                      c.erase_polls);
+        if (c.done_waits >= 0) {
+            EXPECT_EQ(waits(100000000L), c.done_waits);
         }
     }
 }
@@ -288,24 +247,17 @@ TEST_F(ConfigRoms, TheDeviceNodeAndTheBusConnection) {
         const char *what;
         json spi;
         json fault;
-        std::string output;
-        int minor; // of the node made, or -1 for none
+        std::string steps; // the lines between the FPGA step's first and last line
+        std::string nodes; // made, as "path major,minor"
     } cases[] = {
-        {"node from /proc/misc",
-         {{"node", false}, {"minor", 77}},
-         nullptr,
-         fpga_run(missing + rom_output(kImageNames[0], 300) + done_line(0), true),
-         77},
-        {"no driver",
-         {{"node", false}, {"driver", false}},
-         nullptr,
-         fpga_run(missing + "Cannot find spioctl driver\n", false),
-         -1},
+        {"node from /proc/misc", json{{"node", false}, {"minor", 77}}, json(),
+         missing + rom_output(kImageNames[0], 300) + done_line(0), "/tmp/spioctl 10,77"},
+        {"no driver", json{{"node", false}, {"driver", false}}, json(),
+         missing + "Cannot find spioctl driver\n", ""},
         {"bus not connected", json::object(), fault("uart_nak", "set_port"),
-         fpga_run("Reading from file : /tmp/M1/writedata/fpga_config_sum_tr1.bin \n"
-                  "Check tha status of SPI-ROM, please wait... \n Timeout RDSR(0xff)!\n",
-                  false),
-         -1},
+         "Reading from file : /tmp/M1/writedata/fpga_config_sum_tr1.bin \nCheck tha status of "
+         "SPI-ROM, please wait... \n Timeout RDSR(0xff)!\n",
+         ""},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
@@ -316,16 +268,14 @@ TEST_F(ConfigRoms, TheDeviceNodeAndTheBusConnection) {
             config["faults"] = json::array({c.fault});
         board.set_config(config);
         RunResult r = board.tvupdate({"M1"});
-        EXPECT_EQ(r.output, c.output);
-        EXPECT_EQ(r.exit_status, c.minor >= 0 ? 0 : 255);
-        std::vector<json> nodes = board.trace("mknod");
-        ASSERT_EQ(nodes.size(), c.minor >= 0 ? 1u : 0u);
-        if (c.minor >= 0) {
-            EXPECT_EQ(nodes[0]["path"], "/tmp/spioctl");
-            EXPECT_EQ(nodes[0]["major"], 10);
-            EXPECT_EQ(nodes[0]["minor"], c.minor);
-            EXPECT_TRUE(rom(0) == rom_holding(data));
-        }
+        const bool ok = !c.nodes.empty();
+        EXPECT_EQ(r.output, fpga_run(c.steps, ok));
+        EXPECT_EQ(r.exit_status, ok ? 0 : 255);
+        std::string nodes;
+        for (const json &e : board.trace("mknod"))
+            nodes += e.value("path", "") + " " + e["major"].dump() + "," + e["minor"].dump();
+        EXPECT_EQ(nodes, c.nodes);
+        EXPECT_EQ(rom(0) == rom_holding(data), ok);
         EXPECT_TRUE(access_lines_idle());
     }
 }
