@@ -110,56 +110,47 @@ TEST_F(I2cEeproms, FailingKolma1LeavesKolma2Untouched) {
 }
 
 TEST_F(I2cEeproms, FaultsShowInOutputAndResult) {
+    const std::string pelto_failed = pelto_lines("!!! Unable to update Pelto Eeprom. !!!");
+    const std::string kolma1_failed = "!!! Unable to update KOLMA_1 EEPROM data. !!!\n";
+    const std::string no_data_byte = "**ERROR** EEP data line without a data byte: ";
     struct Case {
         const char *name;
-        json faults;
+        json fault;
+        bool kolma_ok, pelto_ok;
         std::string expected; // part of the output
-        bool kolma_ok;
-        bool pelto_ok;
         const char *pelto_file = kPeltoFile;
         std::string kolma_text = kolma_file();
     } cases[] = {
-        {"wrong sum is reported, the block still counts",
-         // The fifth status read of a block is its sum check, which polls six times. The check
-         // only asks for the sum's bits (0x20 here), so the sum is made to lose them.
-         json::array({fault("register_wrong_sum", "KOLMA_2",
-                            {{"skip", 4}, {"times", 6}, {"delta", 0x20}})}),
-         "KOLMA EEP Checksum ERROR!\n", true, true},
-        {"a byte that reads back different",
-         json::array({fault("i2c_read_differs", "pelto", {{"skip", 1}, {"times", 1}})}),
-         pelto_lines("!!! Unable to update Pelto Eeprom. !!!"), true, false},
-        {"busy for 30 tries", json::array({fault("i2c_busy", "pelto", {{"times", 30}})}),
-         pelto_lines("Pelto Eeprom updating is finished."), true, true},
-        {"busy forever", json::array({fault("i2c_busy", "pelto")}),
-         pelto_lines("!!! Unable to update Pelto Eeprom. !!!"), true, false},
-        {"EIO on bus 2", json::array({fault("i2c_bus_error", "i2c-2")}),
-         "IIC_KOLMAEEP_Write() ERROR!\nIIC_KOLMAEEP_Write Error\n"
-         "!!! Unable to update KOLMA_1 EEPROM data. !!!\n",
-         false, true},
-        {"KOLMA never acknowledges its data", json::array({fault("i2c_nak", "KOLMA_1")}),
-         "IIC_KOLMAEEP_Write() ERROR!\nIIC_KOLMAEEP_Write Error\n"
-         "!!! Unable to update KOLMA_1 EEPROM data. !!!\n",
-         false, true},
-        {"a Pelto line without its data byte", json::array(),
-         "**ERROR** EEP data line without a data byte: 0200\n"
-         "!!! Unable to update Pelto Eeprom. !!!\n",
-         true, false, "0011 A5\n0200\n0300 01\n"},
-        {"a KOLMA line without its data byte", json::array(),
-         "**ERROR** EEP data line without a data byte: 0001\n"
-         "!!! Unable to update KOLMA_1 EEPROM data. !!!\n",
-         false, true, kPeltoFile, "0000 01\n0001\n"},
+        // The fifth status read of a block is its sum check, which polls six times. The check
+        // only asks for the sum's bits (0x20 here), so the sum is made to lose them.
+        {"a wrong sum is reported, the block counts",
+         fault("register_wrong_sum", "KOLMA_2", {{"skip", 4}, {"times", 6}, {"delta", 0x20}}), true,
+         true, "KOLMA EEP Checksum ERROR!\n"},
+        {"a byte reads back wrong", fault("i2c_read_differs", "pelto", {{"skip", 1}, {"times", 1}}),
+         true, false, pelto_failed},
+        {"busy for 30 tries", fault("i2c_busy", "pelto", {{"times", 30}}), true, true,
+         pelto_lines("Pelto Eeprom updating is finished.")},
+        {"busy forever", fault("i2c_busy", "pelto"), true, false, pelto_failed},
+        // A failed transfer is one, whatever the bus says (a NAK: VornekUpdater.FaultsEndTheWalk).
+        {"EIO on bus 2", fault("i2c_bus_error", "i2c-2"), false, true,
+         "IIC_KOLMAEEP_Write() ERROR!\nIIC_KOLMAEEP_Write Error\n" + kolma1_failed},
+        {"a Pelto line without its data byte", json(), true, false,
+         no_data_byte + "0200\n!!! Unable to update Pelto Eeprom. !!!\n",
+         "0011 A5\n0200\n0300 01\n"},
+        {"a KOLMA line without its data byte", json(), false, true,
+         no_data_byte + "0001\n" + kolma1_failed, kPeltoFile, "0000 01\n0001\n"},
     };
     for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
         board.medium_file("M1/writedata/PELTO_DATA.txt", c.pelto_file);
         board.medium_file("M1/writedata/kolma_eep.txt", c.kolma_text);
-        board.remake({{"faults", c.faults}});
+        board.remake({{"faults", c.fault.is_null() ? json::array() : json::array({c.fault})}});
         RunResult r = board.tvupdate({"M1"});
-        EXPECT_NE(r.output.find(c.expected), std::string::npos) << c.name << "\n" << r.output;
-        EXPECT_EQ(r.exit_status, c.kolma_ok && c.pelto_ok ? 0 : 255) << c.name;
+        EXPECT_NE(r.output.find(c.expected), std::string::npos) << r.output;
+        EXPECT_EQ(r.exit_status, c.kolma_ok && c.pelto_ok ? 0 : 255);
         EXPECT_EQ(r.output.find("KOLMA all EEPROM data updating is finished.") != std::string::npos,
-                  c.kolma_ok)
-            << c.name;
-        EXPECT_EQ(board.read("i2c/kolma_2.bin") == kolma_cells(), c.kolma_ok) << c.name;
+                  c.kolma_ok);
+        EXPECT_EQ(board.read("i2c/kolma_2.bin") == kolma_cells(), c.kolma_ok);
     }
 }
 
@@ -212,7 +203,6 @@ protected:
 };
 
 TEST_F(VornekUpdater, FaultsEndTheWalk) {
-    file("vornek_eep.txt", "0000 01\n0041 02\n");
     struct Case {
         json fault;
         std::string lines;
