@@ -14,6 +14,10 @@ constexpr size_t kPartition = 0x100000;
 const std::string kOldBank1 = pattern(26000, 7) + std::string(98304 - 26000, '\xff');
 const std::string kOldBootLoader = pattern(140000, 8) + std::string(kPartition - 140000, '\xff');
 
+// The boot partition after a cut: the old boot loader, erased, half of the new one's first
+// 64 KiB chunk (the rest erased), or the new boot loader.
+enum BootLoader { Old, Erased, Half, New };
+
 struct Cut {
     const char *name;
     const char *event; // the kind of the event the power goes after
@@ -21,7 +25,7 @@ struct Cut {
     int nth;           // which of those events (1 for the first)
     bool mid_write;
     int running_bank;           // the bank the microcontroller starts after the cut
-    const char *boot_loader;    // what the boot partition holds after the cut
+    BootLoader boot_loader;     // what the boot partition holds after the cut
     bool rerun_matches_one_run; // the rerun leaves the board an uninterrupted run leaves
 };
 
@@ -50,24 +54,22 @@ protected:
     }
 };
 
-// Half of the first 64 KiB chunk of the new boot loader, the rest of the partition erased.
-std::string half_written(const std::string &new_boot_loader) {
-    return new_boot_loader.substr(0, 0x8000) + std::string(kPartition - 0x8000, '\xff');
-}
-
 TEST_F(PowerCut, TheBoardKeepsWhatTheHardwareWouldAndARerunRepairsIt) {
     make_board({{"after_events", 1000000}});
     ASSERT_EQ(board.tvupdate({kModel}).exit_status, 0);
     board.reboot();
     const std::vector<std::string> one_run = memories();
     std::vector<json> events = board.trace();
+    const std::string boot_loaders[] = {
+        kOldBootLoader, std::string(kPartition, '\xff'),
+        one_run[2].substr(0, 0x8000) + std::string(kPartition - 0x8000, '\xff'), one_run[2]};
 
     const Cut cuts[] = {
-        {"a firmware block", "uart_frame", "write_flash", 100, false, 1, "old", true},
-        {"the close of writing mode, taken", "uart_frame", "close_write", 1, false, 1, "old", true},
-        {"the boot loader's erase", "mtd_erase", "uboot-spi", 1, false, 2, "erased", false},
-        {"the boot loader's first chunk", "mtd_write", "uboot-spi", 1, true, 2, "half", false},
-        {"the boot loader's last chunk", "mtd_write", "uboot-spi", 3, false, 2, "new", false},
+        {"a firmware block", "uart_frame", "write_flash", 100, false, 1, Old, true},
+        {"the close of writing mode, taken", "uart_frame", "close_write", 1, false, 1, Old, true},
+        {"the boot loader's erase", "mtd_erase", "uboot-spi", 1, false, 2, Erased, false},
+        {"the boot loader's first chunk", "mtd_write", "uboot-spi", 1, true, 2, Half, false},
+        {"the boot loader's last chunk", "mtd_write", "uboot-spi", 3, false, 2, New, false},
     };
     for (const Cut &cut : cuts) {
         SCOPED_TRACE(cut.name);
@@ -90,11 +92,7 @@ TEST_F(PowerCut, TheBoardKeepsWhatTheHardwareWouldAndARerunRepairsIt) {
         if (cut.running_bank == 2) {
             EXPECT_EQ(after_cut[1], one_run[1]) << "bank 2 started without its firmware";
         }
-        const std::string boot_loader = cut.boot_loader;
-        EXPECT_EQ(after_cut[2], boot_loader == "old"      ? kOldBootLoader
-                                : boot_loader == "erased" ? std::string(kPartition, '\xff')
-                                : boot_loader == "half"   ? half_written(one_run[2])
-                                                          : one_run[2]);
+        EXPECT_EQ(after_cut[2], boot_loaders[cut.boot_loader]);
         EXPECT_EQ(board.trace("power_cut").size(), 1u);
 
         EXPECT_EQ(board.tvupdate({kModel}).exit_status, 0);
