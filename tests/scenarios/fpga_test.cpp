@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <gmock/gmock.h>
-#include <random>
 
 namespace scenario {
 namespace {
@@ -21,17 +20,13 @@ const char *const kImageNames[] = {"fpga_config_sum_tr1.bin", "FPGA_CONFIG_SUM_T
 
 // A configuration image: padding, the sync word, then data.
 std::string image(size_t size, unsigned seed) {
-    std::string data(size, '\0');
-    std::generate(data.begin(), data.end(), std::mt19937(seed));
+    std::string data = pattern(size, seed);
     const std::string head = std::string(16, '\xff') + "\xaa\x99\x55\x66";
     data.replace(0, std::min(size, head.size()), head.substr(0, std::min(size, head.size())));
     return data;
 }
 
-std::string erased_rom() {
-    return std::string(kRomSize, '\xff');
-}
-
+// A ROM holding this data, erased after it.
 std::string rom_holding(const std::string &data) {
     return data + std::string(kRomSize - data.size(), '\xff');
 }
@@ -153,7 +148,7 @@ TEST_F(ConfigRoms, EmptyAndShortImagesAreWrittenPageByPage) {
     RunResult r = board.tvupdate({"M1"});
     EXPECT_EQ(r.output, fpga_run(rom_output(kImageNames[0], 0) + " Timeout Config Done!\n", false));
     EXPECT_EQ(r.exit_status, 255);
-    EXPECT_TRUE(rom(0) == erased_rom());
+    EXPECT_TRUE(rom(0) == rom_holding(""));
     EXPECT_TRUE(access_lines_idle());
 
     // 300 bytes are two page programs: 256 bytes at 0, 44 at 256.
@@ -218,7 +213,7 @@ TEST_F(ConfigRoms, FaultsStopTheRunWithTheirMessage) {
         EXPECT_THAT(r.output, HasSubstr(c.lines + "!!! Unable to update FPGA config data. !!!\n"));
         EXPECT_THAT(r.output, Not(HasSubstr("fpga_config_sum_tr5"))); // later ROMs not reached
         EXPECT_EQ(r.exit_status, 255);
-        const std::string left[] = {old_rom, erased_rom(), rom_holding(data)};
+        const std::string left[] = {old_rom, rom_holding(""), rom_holding(data)};
         EXPECT_TRUE(rom(0) == left[c.left]);
         EXPECT_TRUE(access_lines_idle());
         const std::vector<std::string> sent = commands();
