@@ -34,12 +34,12 @@ std::string kolma_cells() {
     return eeprom_with(0, bytes);
 }
 
-const std::string kKolmaProgress =
-    "\r   0% completed\r  44% completed\r  89% completed\r 100% completed\n";
-
+// The lines of one KOLMA device's update that succeeds.
 std::string kolma_device_lines(int number) {
-    return " --- updating  KOLMA_" + std::to_string(number) + " EEPROM data\n test \n" +
-           kKolmaProgress;
+    const std::string name = "KOLMA_" + std::to_string(number);
+    return " --- updating  " + name + " EEPROM data\n test \n" +
+           "\r   0% completed\r  44% completed\r  89% completed\r 100% completed\n--- " + name +
+           " EEPROM data updating is finished.\n";
 }
 
 class I2cEeproms : public Scenario {
@@ -66,11 +66,8 @@ TEST_F(I2cEeproms, RunWritesPeltoAndBothKolmaDevices) {
     RunResult r = board.tvupdate({"M1"});
     EXPECT_EQ(r.output, run_prologue("M1") + pelto_lines("Pelto Eeprom updating is finished.") +
                             "Start updating KOLMA EEPROM data...\n" + kolma_device_lines(1) +
-                            "--- KOLMA_1 EEPROM data updating is finished.\n" +
                             kolma_device_lines(2) +
-                            "--- KOLMA_2 EEPROM data updating is finished.\n"
-                            "KOLMA all EEPROM data updating is finished.\n" +
-                            run_epilogue());
+                            "KOLMA all EEPROM data updating is finished.\n" + run_epilogue());
     EXPECT_EQ(r.exit_status, 0);
     std::string pelto = eeprom_with(0x10, "\x5a\xa5");
     pelto[0x200] = '\x3c';
@@ -194,50 +191,42 @@ protected:
             GTEST_SKIP() << "the updater caller is a host program";
         board.make("");
     }
-    void file(const std::string &name, const std::string &text) const {
-        board.write("fs/tmp/M1/writedata/" + name, text);
+    // The Vornek updater's output for a vornek_eep.txt of this text.
+    std::string call(const std::string &text) const {
+        board.write("fs/tmp/M1/writedata/vornek_eep.txt", text);
+        return board.run({TVSIM_CALL_UPDATER, "vornek", "/tmp/M1/writedata", "-", "-"}).output;
     }
-    RunResult call() const {
-        return board.run({TVSIM_CALL_UPDATER, "vornek", "/tmp/M1/writedata", "-", "-"});
-    }
+    // The lines before the blocks are written.
+    const std::string head = "Reading from file : /tmp/M1/writedata/vornek_eep.txt \n"
+                             "Start writing to Vornek EEPROM, please wait... \n";
 };
 
 TEST_F(VornekUpdater, FaultsEndTheWalk) {
-    struct Case {
+    const struct {
         json fault;
-        std::string lines;
-        int result;
+        std::string lines; // before "result 1"
     } cases[] = {
-        {fault("register_wrong_sum", "vornek"), "Checksum ERROR!!\n", 1},
+        {fault("register_wrong_sum", "vornek"), "Checksum ERROR!!\n"},
         {fault("register_status_missing", "vornek", {{"bits", 0x10}}),
-         "EEP Write ERROR! on xxx1xxx0 detection 0\n", 1},
+         "EEP Write ERROR! on xxx1xxx0 detection 0\n"},
         {fault("i2c_nak", "vornek"),
-         "IIC_VornekEEP_Write() ERROR!\nIIC_VornekEEP_Write() ERROR!\n"
-         "IIC_VornekEEP_Read() ERROR!\nEEP Write ERROR! on xxx1xxx0 detection 0\n",
-         1},
+         "IIC_VornekEEP_Write() ERROR!\nIIC_VornekEEP_Write() ERROR!\nIIC_VornekEEP_Read() ERROR!\n"
+         "EEP Write ERROR! on xxx1xxx0 detection 0\n"},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         board.remake({{"faults", json::array({c.fault})}});
-        file("vornek_eep.txt", "0000 01\n0041 02\n");
-        RunResult r = call();
-        EXPECT_EQ(r.output, "Reading from file : /tmp/M1/writedata/vornek_eep.txt \n"
-                            "Start writing to Vornek EEPROM, please wait... \n" +
-                                c.lines + "\rresult " + std::to_string(c.result) + "\n")
-            << c.fault.dump();
+        EXPECT_EQ(call("0000 01\n0041 02\n"), head + c.lines + "\rresult 1\n") << c.fault.dump();
         EXPECT_TRUE(board.read("i2c/vornek.bin") == std::string(kEepromSize, '\xff'));
     }
 }
 
 TEST_F(VornekUpdater, LockConfirmedOnlyAtThe30thRead) {
-    file("vornek_eep.txt", "0001 AA\n");
     board.add_fault(fault("register_status_missing", "vornek", {{"skip", 3}, {"times", 29}}));
-    RunResult r = call();
     std::string timeouts;
     for (int i = 0; i < 29; ++i)
         timeouts += "Timeout ERROR!!\n";
-    EXPECT_EQ(r.output, "Reading from file : /tmp/M1/writedata/vornek_eep.txt \n"
-                        "Start writing to Vornek EEPROM, please wait... \n" +
-                            timeouts + "\r   0% completed\r\r 100% completed\nresult 0\n");
+    EXPECT_EQ(call("0001 AA\n"),
+              head + timeouts + "\r   0% completed\r\r 100% completed\nresult 0\n");
 }
 
 } // namespace
