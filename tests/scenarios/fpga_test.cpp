@@ -63,8 +63,10 @@ std::string fpga_run(const std::string &body, bool ok) {
 
 class ConfigRoms : public Scenario {
 protected:
-    // A board whose medium selects these ROMs and holds these images (by ROM number).
-    void make_board(std::initializer_list<int> selected, const std::map<int, std::string> &images) {
+    // A board whose medium selects these ROMs and holds these images (by ROM number), with this
+    // fault (null: none).
+    void make_board(std::initializer_list<int> selected, const std::map<int, std::string> &images,
+                    const json &fault = json()) {
         std::string list;
         for (int n : selected)
             list += std::string(kListLines[n]) + "\n";
@@ -73,6 +75,8 @@ protected:
             board.medium_file("M1/writedata/" + std::string(kImageNames[n]), data);
         std::filesystem::remove_all(board.dir());
         board.make();
+        if (!fault.is_null())
+            board.add_fault(fault);
     }
 
     std::string rom(int n) const { return board.read("spi_rom" + std::to_string(n) + ".bin"); }
@@ -200,12 +204,10 @@ TEST_F(ConfigRoms, FaultsStopTheRunWithTheirMessage) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
-        make_board({0, 1}, {{0, data}, {1, image(300, 13)}});
+        make_board({0, 1}, {{0, data}, {1, image(300, 13)}}, c.fault);
         json config = board.config();
         if (c.rom_setting.is_object())
             config["spi"]["roms"][0].update(c.rom_setting);
-        if (!c.fault.is_null())
-            config["faults"] = json::array({c.fault});
         board.set_config(config);
         board.write("spi_rom0.bin", old_rom);
 
@@ -256,11 +258,9 @@ TEST_F(ConfigRoms, TheDeviceNodeAndTheBusConnection) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
-        make_board({0}, {{0, data}});
+        make_board({0}, {{0, data}}, c.fault);
         json config = board.config();
         config["spi"].update(c.spi);
-        if (!c.fault.is_null())
-            config["faults"] = json::array({c.fault});
         board.set_config(config);
         RunResult r = board.tvupdate({"M1"});
         const bool ok = !c.nodes.empty();
