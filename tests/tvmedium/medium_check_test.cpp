@@ -1,10 +1,8 @@
 #include "medium_build.h"
 #include "medium_check.h"
 
-#include "common/holders.h"
-#include "tvmicro/tvm_update.h"
-
 #include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -26,8 +24,7 @@ fs::path make_medium(const std::string &name, const Files &files) {
         fs::create_directories(p.parent_path());
         if (path.back() == '/')
             continue;
-        UniqueFile f(fopen(p.c_str(), "wb"));
-        fwrite(text.data(), 1, text.size(), f.get());
+        std::ofstream(p, std::ios::binary) << text;
     }
     return dir;
 }
@@ -98,88 +95,83 @@ TEST(MediumCheck, EveryTrapIsReportedWithFileAndLine) {
     using enum Severity;
     struct Case {
         const char *name;
-        std::string list; // flashimg.lst
-        Files files;
+        std::string list;  // flashimg.lst
+        Files files;       // in writedata
         Severity severity; // also the most severe finding's: status Note 0, Warning 1, Error 2
         const char *where; // the end of file:line
         const char *text;
     } cases[] = {
-        {"mac_line_ends", "app_data\rjpeg_user\rother N\r",
-         Files{{"writedata/app_data/dpdc/a", "x"}}, Error, "flashimg.lst:1",
-         "reads lines 1 to 3 as one line; only 'app_data'"},
+        {"mac_line_ends", "app_data\rjpeg_user\rother N\r", Files{{"app_data/dpdc/a", "x"}}, Error,
+         "flashimg.lst:1", "reads lines 1 to 3 as one line; only 'app_data'"},
         {"mac_line_ends_after_a_comment", "# list\rqvxbin\r", Files(), Error, "flashimg.lst:1",
          "as one comment and selects nothing"},
-        {"capital_factory", "app_data/Factory\n", Files{{"writedata/app_data/dpdc/a", "x"}}, Error,
+        {"capital_factory", "app_data/Factory\n", Files{{"app_data/dpdc/a", "x"}}, Error,
          "flashimg.lst:1", "recreates UBIFS volume app_data"},
         {"long_comment_tail", kLongComment + "tvm_eeprom\nqvxbin\n",
-         Files{{"update_mode.conf", ""}, {"writedata/TVM_DATA.txt", eeprom({"0000 01"})}}, Error,
+         Files{{"../update_mode.conf", ""}, {"TVM_DATA.txt", eeprom({"0000 01"})}}, Error,
          "flashimg.lst:1", "selects 'tvm_eeprom'"},
-        {"blank_before_hash", "qvxbin\n # app_data N\n", Files{{"update_mode.conf", ""}}, Warning,
-         "flashimg.lst:2", "blank before '#'"},
+        {"blank_before_hash", "qvxbin\n # app_data N\n", Files{{"../update_mode.conf", ""}},
+         Warning, "flashimg.lst:2", "blank before '#'"},
         {"blank_before_keyword", " qvxbin\n", Files(), Error, "flashimg.lst:1",
          "ignores this 'qvxbin' line"},
         {"comment_after_keyword_adds_letters", "model_data # No copies\n",
-         Files{{"writedata/model_data/a", "x"}}, Error, "flashimg.lst:1",
-         "option letter (here 'N')"},
+         Files{{"model_data/a", "x"}}, Error, "flashimg.lst:1", "option letter (here 'N')"},
         {"factory_after_volume_recreated", "app_data NF\napp_data/factory\n",
-         Files{{"writedata/app_data/dpdc/a", "x"}, {"writedata/app_data/factory/a", "x"}}, Error,
-         "flashimg.lst:2", "volume is recreated (line 1)"},
+         Files{{"app_data/dpdc/a", "x"}, {"app_data/factory/a", "x"}}, Error, "flashimg.lst:2",
+         "volume is recreated (line 1)"},
         {"version_ff", "tvm_hex\n",
-         Files{{"writedata/tvm.mot", section(1, "FF", s2(0x10000, 16, 1)) + kBank2}}, Warning,
-         "tvm.mot:2", "version FF installs"},
+         Files{{"tvm.mot", section(1, "FF", s2(0x10000, 16, 1)) + kBank2}}, Warning, "tvm.mot:2",
+         "version FF installs"},
         {"record_checksum", "tvm_hex\n",
-         Files{{"writedata/tvm.mot",
+         Files{{"tvm.mot",
                 section(1, "11", s2(0x10000, 16, 1) + s2(0x10010, 16, 1, false)) + kBank2}},
          Error, "tvm.mot:6", "checksum wrong"},
         {"record_outside_image", "tvm_hex\n",
-         Files{{"writedata/tvm.mot",
-                section(1, "11", s2(0x10000, 16, 1) + s2(0x28000, 16, 1)) + kBank2}},
+         Files{{"tvm.mot", section(1, "11", s2(0x10000, 16, 1) + s2(0x28000, 16, 1)) + kBank2}},
          Error, "tvm.mot:6", "outside the 0x18000-byte image"},
         {"missing_termination", "tvm_hex\n",
-         Files{{"writedata/tvm.mot", section(1, "11", s2(0x10000, 16, 1)) +
-                                         section(2, "11", s2(0x30000, 16, 2), false)}},
+         Files{{"tvm.mot", section(1, "11", s2(0x10000, 16, 1)) +
+                               section(2, "11", s2(0x30000, 16, 2), false)}},
          Warning, "tvm.mot:11", "no termination record"},
-        {"section_without_records", "tvm_hex\n",
-         Files{{"writedata/tvm.mot", section(1, "11", "") + kBank2}}, Error, "tvm.mot:2",
-         "bank 1 section has no data record"},
-        {"missing_bank", "tvm_hex\n", Files{{"writedata/tvm.mot", section(1, "11", "")}}, Error,
-         "tvm.mot:0", "no TVM_BANK2 section"},
+        {"section_without_records", "tvm_hex\n", Files{{"tvm.mot", section(1, "11", "") + kBank2}},
+         Error, "tvm.mot:2", "bank 1 section has no data record"},
+        {"missing_bank", "tvm_hex\n", Files{{"tvm.mot", section(1, "11", "")}}, Error, "tvm.mot:0",
+         "no TVM_BANK2 section"},
         {"eeprom_last_line_not_highest", "tvm_eeprom\n",
-         Files{{"writedata/TVM_DATA_x.txt", eeprom({"0000 01", "0080 02", "0010 03"})}}, Error,
+         Files{{"TVM_DATA_x.txt", eeprom({"0000 01", "0080 02", "0010 03"})}}, Error,
          "TVM_DATA_x.txt:4", "address 0x0080 (line 3)"},
         {"eeprom_end_on_block_start", "tvm_eeprom\n",
-         Files{{"writedata/TVM_DATA_x.txt", eeprom({"0000 01", "0040 02"})}}, Error,
-         "TVM_DATA_x.txt:3", "every byte from 0x0040 on is not"},
+         Files{{"TVM_DATA_x.txt", eeprom({"0000 01", "0040 02"})}}, Error, "TVM_DATA_x.txt:3",
+         "every byte from 0x0040 on is not"},
         {"eeprom_end_within_a_block", "tvm_eeprom\n",
-         Files{{"writedata/TVM_DATA_x.txt", eeprom({"0000 01", "013F 02"})}}, Note,
-         "TVM_DATA_x.txt:0", "5 blocks of 64 bytes written, 0x0000 to 0x013F"},
+         Files{{"TVM_DATA_x.txt", eeprom({"0000 01", "013F 02"})}}, Note, "TVM_DATA_x.txt:0",
+         "5 blocks of 64 bytes written, 0x0000 to 0x013F"},
         {"eeprom_short_line", "tvm_eeprom\n",
-         Files{{"writedata/TVM_DATA_x.txt", eeprom({"0000 01", "0012"})}}, Error,
-         "TVM_DATA_x.txt:3", "fewer than three bytes"},
-        {"eeprom_outside_device", "tvm_eeprom\n",
-         Files{{"writedata/TVM_DATA_x.txt", eeprom({"7FFF 01"})}}, Error, "TVM_DATA_x.txt:2",
-         "outside the device"},
-        {"eeprom_without_version", "tvm_eeprom\n", Files{{"writedata/TVM_DATA_x.txt", "0000 01\n"}},
-         Error, "TVM_DATA_x.txt:1", "not a \"Version\" line"},
-        {"fpga_eeprom_walk_past_image", "fpga_eeprom\n",
-         Files{{"writedata/tr5_eep.txt", "07F0 01\n"}}, Error, "tr5_eep.txt:1",
-         "would pass the image end"},
-        {"boot_image_too_large", "uboot\n",
-         Files{{"writedata/boot-M.bin", std::string(0xF0001, 'u')}}, Error, "boot-M.bin:0",
-         "larger than the 983040-byte"},
-        {"fpga_rom_missing", "fpga_sam_2\n", Files{{"writedata/fpga_config_sum_tr1.bin", "rom"}},
-         Error, "writedata:0", "begins with fpga_config_sum_tr5"},
+         Files{{"TVM_DATA_x.txt", eeprom({"0000 01", "0012"})}}, Error, "TVM_DATA_x.txt:3",
+         "fewer than three bytes"},
+        {"eeprom_outside_device", "tvm_eeprom\n", Files{{"TVM_DATA_x.txt", eeprom({"7FFF 01"})}},
+         Error, "TVM_DATA_x.txt:2", "outside the device"},
+        {"eeprom_without_version", "tvm_eeprom\n", Files{{"TVM_DATA_x.txt", "0000 01\n"}}, Error,
+         "TVM_DATA_x.txt:1", "not a \"Version\" line"},
+        {"fpga_eeprom_walk_past_image", "fpga_eeprom\n", Files{{"tr5_eep.txt", "07F0 01\n"}}, Error,
+         "tr5_eep.txt:1", "would pass the image end"},
+        {"boot_image_too_large", "uboot\n", Files{{"boot-M.bin", std::string(0xF0001, 'u')}}, Error,
+         "boot-M.bin:0", "larger than the 983040-byte"},
+        {"fpga_rom_missing", "fpga_sam_2\n", Files{{"fpga_config_sum_tr1.bin", "rom"}}, Error,
+         "writedata:0", "begins with fpga_config_sum_tr5"},
         {"fpga_rom_found_by_prefix_in_any_case", "fpga_sam_3\n",
-         Files{{"writedata/FPGA_CONFIG_LGD_TR6_V2.BIN", "rom"}}, Note,
-         "FPGA_CONFIG_LGD_TR6_V2.BIN:0", "3 bytes for the 16777216-byte"},
+         Files{{"FPGA_CONFIG_LGD_TR6_V2.BIN", "rom"}}, Note, "FPGA_CONFIG_LGD_TR6_V2.BIN:0",
+         "3 bytes for the 16777216-byte"},
         {"missing_source_folder", "bitmap\n", Files(), Error, "writedata/bitmap:0",
          "source folder missing"},
-        {"empty_source_folder", "jpeg_user\n", Files{{"writedata/jpeg_user/", ""}}, Error,
+        {"empty_source_folder", "jpeg_user\n", Files{{"jpeg_user/", ""}}, Error,
          "writedata/jpeg_user:0", "source folder empty"},
     };
-    for (Case &c : cases) {
-        c.files["flashimg.lst"] = c.list;
-        CheckReport report = check_medium(make_medium(c.name, c.files).string(), "M");
+    for (const Case &c : cases) {
+        Files files{{"flashimg.lst", c.list}};
+        for (const auto &[path, text] : c.files)
+            files["writedata/" + path] = text;
+        CheckReport report = check_medium(make_medium(c.name, files).string(), "M");
         SCOPED_TRACE(c.name + (":\n" + dump(report)));
         EXPECT_TRUE(has(report, {c.severity, c.where, c.text}));
         EXPECT_EQ(report.exit_status(), static_cast<int>(c.severity));
@@ -217,23 +209,17 @@ TEST(MediumCheck, JsonCarriesStatusAndFindings) {
 
 TEST(MediumBuild, RefusesWhatCannotLoad) {
     fs::path dir = make_medium("build-refused", {{"unused", ""}});
-    struct Case {
-        const char *description;
-    } cases[] = {
-        {"list tvm_hex\n"},                    // no model
-        {"model M\nfirmware-version FF\n"},    // installs over everything
-        {"model M\nfirmware-id 100\n"},        // not a byte
-        {"model M\nbank1 b.bin 0x10000\n"},    // one bank only
-        {"model M\neeprom nothing eep.bin\n"}, // unknown EEPROM
-        {"model M\nwhatever 1\n"},             // unknown key
-    };
-    for (const Case &c : cases) {
-        {
-            UniqueFile f(fopen((dir / "desc.txt").c_str(), "w"));
-            fputs(c.description, f.get());
-        }
+    for (const char *description : {
+             "list tvm_hex\n",                    // no model
+             "model M\nfirmware-version FF\n",    // installs over everything
+             "model M\nfirmware-id 100\n",        // not a byte
+             "model M\nbank1 b.bin 0x10000\n",    // one bank only
+             "model M\neeprom nothing eep.bin\n", // unknown EEPROM
+             "model M\nwhatever 1\n",             // unknown key
+         }) {
+        std::ofstream(dir / "desc.txt") << description;
         EXPECT_EQ(build_medium((dir / "desc.txt").string(), (dir / "out").string()), -1)
-            << c.description;
+            << description;
     }
 }
 
