@@ -6,29 +6,16 @@
 namespace {
 
 TEST(ServiceNumbers, DecimalOrHexWithinThirtyTwoBits) {
-    struct Case {
-        const char *text;
-        bool ok;
-        uint32_t value;
-    };
-    const Case cases[] = {
-        {"0", true, 0},
-        {"131072", true, 131072},
-        {"0x20000", true, 0x20000},
-        {"0XFFFFFFFF", true, ~0u},
-        {"0x100000000", false, 0},
-        {"4294967296", false, 0},
-        {"-1", false, 0},
-        {"+1", false, 0},
-        {" 1", false, 0},
-        {"12k", false, 0},
-        {"", false, 0},
-        {"0x", false, 0},
-    };
-    for (const Case &c : cases) {
-        uint32_t v = 0;
-        EXPECT_EQ(parse_u32(c.text, &v), c.ok) << c.text;
-        EXPECT_EQ(v, c.value) << c.text; // untouched when refused
+    for (auto [text, value] :
+         {std::pair{"0", 0u}, {"131072", 131072u}, {"0x20000", 0x20000u}, {"0XFFFFFFFF", ~0u}}) {
+        uint32_t v = 1;
+        EXPECT_TRUE(parse_u32(text, &v)) << text;
+        EXPECT_EQ(v, value) << text;
+    }
+    for (const char *text : {"0x100000000", "4294967296", "-1", "+1", " 1", "12k", "", "0x"}) {
+        uint32_t v = 1;
+        EXPECT_FALSE(parse_u32(text, &v)) << text;
+        EXPECT_EQ(v, 1u) << text; // untouched when refused
     }
 }
 
