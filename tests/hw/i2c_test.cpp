@@ -19,6 +19,13 @@ using testsupport::printed;
 
 namespace {
 
+// n bytes counting up from first, after the given leading bytes.
+std::vector<uint8_t> counting(int n, int first, std::vector<uint8_t> bytes = {}) {
+    for (int i = 0; i < n; ++i)
+        bytes.push_back(static_cast<uint8_t>(first + i));
+    return bytes;
+}
+
 // Argument refusals come before any bus is opened: no board is needed to see them.
 TEST(I2cArguments, RefusedWithoutATransfer) {
     uint8_t bytes[70] = {};
@@ -58,29 +65,27 @@ protected:
         }
         return seen;
     }
+    // The transfers that were not refused.
+    std::vector<std::string> acked() const {
+        std::vector<std::string> seen = transfers();
+        std::erase(seen, "nak");
+        return seen;
+    }
 };
 
 TEST_F(I2cOnBoard, PagedWriteSplitsAtPageEndsAndReadsBack) {
     attach();
-    uint8_t data[40];
-    for (int i = 0; i < 40; ++i)
-        data[i] = static_cast<uint8_t>(i + 1);
+    std::vector<uint8_t> data = counting(40, 1), back(40);
     uint16_t count = 0;
     uint8_t error = 0x55;
-    ASSERT_EQ(IIC_EEPROM_Write(0, 0x001C, sizeof data, data, &count, &error), 0);
+    ASSERT_EQ(IIC_EEPROM_Write(0, 0x001C, 40, data.data(), &count, &error), 0);
     EXPECT_EQ(count, 40);
     EXPECT_EQ(error, 0);
-    uint8_t back[40] = {};
-    ASSERT_EQ(IIC_EEPROM_Read(0, 0x001C, sizeof back, &error, back), 0);
-    EXPECT_EQ(memcmp(back, data, sizeof data), 0);
+    ASSERT_EQ(IIC_EEPROM_Read(0, 0x001C, 40, &error, back.data()), 0);
+    EXPECT_EQ(back, data);
     // Messages of 6, 34 and 6 bytes; the write cycle after each makes the next one retry.
-    std::vector<std::string> acked;
-    for (const std::string &t : transfers()) {
-        if (t != "nak")
-            acked.push_back(t);
-    }
-    EXPECT_EQ(acked, (std::vector<std::string>{"6", "34", "6", "2"}));
-    EXPECT_GT(transfers().size(), acked.size()); // busy tries during the write cycles
+    EXPECT_EQ(acked(), (std::vector<std::string>{"6", "34", "6", "2"}));
+    EXPECT_GT(transfers().size(), acked().size()); // busy tries during the write cycles
     EXPECT_EQ(i2c_handle_initialized, 0);
 }
 
@@ -140,29 +145,20 @@ TEST_F(I2cOnBoard, HdmiEepromPagesAndHalves) {
                                            {"address_bytes", 1}});
     });
     attach();
-    uint8_t data[40];
-    for (int i = 0; i < 40; ++i)
-        data[i] = static_cast<uint8_t>(0x80 + i);
+    std::vector<uint8_t> data = counting(40, 0x80), low(8), high(32);
     uint16_t count = 0;
     uint8_t error = 0x55;
-    ASSERT_EQ(IIC_EEPROM_HDMI_Write(1, 0x00F8, sizeof data, data, &count, &error), 0);
+    ASSERT_EQ(IIC_EEPROM_HDMI_Write(1, 0x00F8, 40, data.data(), &count, &error), 0);
     EXPECT_EQ(error, 0);
     // The low half takes 0xF8..0xFF, the high half (address bit 8) the rest from its word 0.
-    uint8_t low[8] = {};
-    uint8_t high[32] = {};
     uint16_t covered = 0;
-    ASSERT_EQ(IIC_EEPROM_HDMI_Read(1, 0x00F8, sizeof low, &error, low, &covered), 0);
-    ASSERT_EQ(IIC_EEPROM_HDMI_Read(1, 0x0100, sizeof high, &error, high, &covered), 0);
+    ASSERT_EQ(IIC_EEPROM_HDMI_Read(1, 0x00F8, 8, &error, low.data(), &covered), 0);
+    ASSERT_EQ(IIC_EEPROM_HDMI_Read(1, 0x0100, 32, &error, high.data(), &covered), 0);
     EXPECT_EQ(covered, 32);
-    EXPECT_EQ(memcmp(low, data, 8), 0);
-    EXPECT_EQ(memcmp(high, data + 8, 32), 0);
-    std::vector<std::string> acked;
-    for (const std::string &t : transfers()) {
-        if (t != "nak")
-            acked.push_back(t);
-    }
+    EXPECT_EQ(low, counting(8, 0x80));
+    EXPECT_EQ(high, counting(32, 0x88));
     // Writes of 8, 16 and 16 bytes after the word address, then the two reads.
-    EXPECT_EQ(acked, (std::vector<std::string>{"9", "17", "17", "1", "1"}));
+    EXPECT_EQ(acked(), (std::vector<std::string>{"9", "17", "17", "1", "1"}));
 }
 
 TEST_F(I2cOnBoard, KolmaReadInterfaceAfterReleaseAndEnable) {
@@ -175,12 +171,9 @@ TEST_F(I2cOnBoard, KolmaReadInterfaceAfterReleaseAndEnable) {
     eep_flags = 0;
     SetKolmaHwReset();
     ASSERT_EQ(EnableKOLMAEeprom(), 0);
-    uint8_t buffer[12];
-    memset(buffer, 0xEE, sizeof buffer);
-    EXPECT_EQ(ReadKOLMAEeprom(0x0123, buffer, 10), 0);
-    for (int i = 0; i < 10; ++i)
-        EXPECT_EQ(buffer[i], i * 3) << i;
-    EXPECT_EQ(buffer[10], 0xEE);
+    std::string buffer(12, '\xee');
+    EXPECT_EQ(ReadKOLMAEeprom(0x0123, reinterpret_cast<uint8_t *>(buffer.data()), 10), 0);
+    EXPECT_EQ(buffer, cells.substr(0x0123, 10) + "\xee\xee");
     close(cn_user_fd);
     cn_user_fd = -1;
     // The read command twice, the address, the start: the register writes of a read.
@@ -258,10 +251,8 @@ TEST_F(I2cModels, AdapterRefusesWhatI2cDevRefuses) {
 }
 
 TEST_F(I2cModels, SerialEepromWrapsWithinThePageAndIsDeafDuringItsCycle) {
-    uint8_t message[2 + 34] = {0x00, 0x1E};
-    for (int i = 0; i < 34; ++i)
-        message[2 + i] = static_cast<uint8_t>(i);
-    ASSERT_EQ(rdwr(bus0_, {{0x51, 0, sizeof message, message}}), 0);
+    std::vector<uint8_t> message = counting(34, 0, {0x00, 0x1E});
+    ASSERT_EQ(rdwr(bus0_, {{0x51, 0, 36, message.data()}}), 0);
     uint8_t address[2] = {0x00, 0x00};
     uint8_t page[32] = {};
     EXPECT_EQ(rdwr(bus0_, {{0x51, 0, 2, address}, {0x51, I2C_M_RD, 32, page}}), ENXIO);
@@ -276,12 +267,10 @@ TEST_F(I2cModels, SerialEepromWrapsWithinThePageAndIsDeafDuringItsCycle) {
 }
 
 TEST_F(I2cModels, RegisterBlockStoredOnlyWhenTheSequenceWasFollowed) {
-    uint8_t message[66] = {0xF1, 0x00};
-    for (int i = 0; i < 64; ++i)
-        message[2 + i] = static_cast<uint8_t>(i + 1);
+    std::vector<uint8_t> message = counting(64, 1, {0xF1, 0x00});
     // Locked: the address and the data are refused.
     EXPECT_EQ(vornek(0x70FE, 0x0040), EREMOTEIO);
-    EXPECT_EQ(rdwr(bus2_, {{0x0A, 0, sizeof message, message}}), EREMOTEIO);
+    EXPECT_EQ(rdwr(bus2_, {{0x0A, 0, 66, message.data()}}), EREMOTEIO);
     EXPECT_EQ(vornek(0x1234, 0), EREMOTEIO); // no such register
     // Unlocked without data: the lock stores nothing and never shows "stored".
     EXPECT_EQ(vornek(0x70FA, 0x5745), 0);
@@ -297,7 +286,7 @@ TEST_F(I2cModels, RegisterBlockStoredOnlyWhenTheSequenceWasFollowed) {
     EXPECT_EQ(vornek(0x70FA, 0x5745), 0);
     EXPECT_EQ(vornek(0x70FC, 0x5043), 0);
     EXPECT_EQ(vornek(0x70FE, 0x0040), 0);
-    EXPECT_EQ(rdwr(bus2_, {{0x0A, 0, sizeof message, message}}), 0);
+    EXPECT_EQ(rdwr(bus2_, {{0x0A, 0, 66, message.data()}}), 0);
     EXPECT_EQ(vornek_status(), 0x1000 | (64 * 65 / 2 % 256));
     EXPECT_EQ(vornek(0x70FA, 0), 0);
     EXPECT_EQ(vornek(0x70FC, 0), 0);
@@ -377,12 +366,14 @@ TEST_F(FpgaEepromOnBoard, PllLockNeedsThreeLockedReadsInARow) {
 }
 
 TEST_F(FpgaEepromOnBoard, BlockSequencesAreJudgedByTheirLock) {
-    uint8_t data[33];
-    for (int i = 0; i < 33; ++i)
-        data[i] = static_cast<uint8_t>(i + 1); // a 32-byte block sums to 0x10
-    std::string timeouts, check = "FPGA EEP Write Status check TIMEOUT! on 0x";
-    for (int i = 0; i < 10; ++i)
-        timeouts += "FPGA EEP Timeout ERROR!!\n";
+    std::vector<uint8_t> data = counting(33, 1); // a 32-byte block sums to 0x10
+    auto timeouts = [](int n) {
+        std::string text;
+        while (n-- > 0)
+            text += "FPGA EEP Timeout ERROR!!\n";
+        return text;
+    };
+    const std::string check = "FPGA EEP Write Status check TIMEOUT! on 0x";
     struct Case {
         int type;
         json fault;
@@ -395,14 +386,14 @@ TEST_F(FpgaEepromOnBoard, BlockSequencesAreJudgedByTheirLock) {
              Case{1, fault("register_wrong_sum", "fpga_tr5"), 32, "FPGA EEP Checksum ERROR!!\n", 0,
                   true},
              Case{1, fault("register_status_missing", "fpga_tr5", {{"skip", 3}, {"times", 3}}), 32,
-                  timeouts.substr(0, 75), 0, true},
+                  timeouts(3), 0, true},
              Case{1, fault("register_status_missing", "fpga_tr5", {{"bits", 0x10}}), 32,
-                  "FPGA EEP Write ERROR! on xxx1xxx0 detection (0x00)\n" + timeouts, 2, false},
+                  "FPGA EEP Write ERROR! on xxx1xxx0 detection (0x00)\n" + timeouts(10), 2, false},
              Case{1, fault("register_status_missing", "fpga_tr5", {{"bits", 0x10}, {"skip", 1}}),
                   32, "FPGA EEP Write ERROR! on xxx1xxxx detection (0x00)\n", 0, true},
              Case{1, json(), 33,
                   "FPGA EEP Write ERROR! your specified size(33byte) exceed buffer(32byte).\n" +
-                      timeouts,
+                      timeouts(10),
                   2, false},
              Case{2, fault("register_wrong_sum", "fpga_tr6", {{"delta", 0x01}}), 32, "", 0, true},
              Case{2, fault("register_wrong_sum", "fpga_tr6", {{"delta", 0x10}}), 32,
@@ -411,20 +402,21 @@ TEST_F(FpgaEepromOnBoard, BlockSequencesAreJudgedByTheirLock) {
                   check +
                       "1000 detection(read 0x0000) 6000 \nFPGA EEP Write ERROR! on xxx1xxx0 "
                       "detection ret=1\n" +
-                      check + "0100 detection(read 0x0000) 6000 \n" + timeouts.substr(0, 25),
+                      check + "0100 detection(read 0x0000) 6000 \n" + timeouts(1),
                   2, false},
          }) {
+        SCOPED_TRACE(c.fault.dump());
         fresh_board(c.fault, c.type);
         int result = -1;
         auto write = c.type == 1 ? WriteFPGAEeprom : WriteFPGAEeprom_TR6;
-        EXPECT_EQ(printed([&] { result = write(0x40, data, c.length); }), c.output) << c.fault;
-        EXPECT_EQ(result, c.result) << c.fault;
+        EXPECT_EQ(printed([&] { result = write(0x40, data.data(), c.length); }), c.output);
+        EXPECT_EQ(result, c.result);
         std::string cells = read_file(c.type == 1 ? "i2c/fpga_tr5.bin" : "i2c/fpga_tr6.bin");
-        EXPECT_EQ(cells.substr(0x40, 32) == std::string(data, data + 32), c.stored) << c.fault;
-        uint8_t back[10] = {};
+        EXPECT_EQ(cells.substr(0x40, 32) == std::string(data.begin(), data.end() - 1), c.stored);
+        std::vector<uint8_t> back(10);
         if (c.type == 1 && c.stored) { // the read interface sees what the block stored
-            EXPECT_EQ(ReadFPGAEeprom(0x44, back, sizeof back), 0);
-            EXPECT_EQ(memcmp(back, data + 4, sizeof back), 0);
+            EXPECT_EQ(ReadFPGAEeprom(0x44, back.data(), 10), 0);
+            EXPECT_EQ(back, counting(10, 5));
         }
     }
 }
