@@ -20,6 +20,11 @@ std::string found(const std::string &table, const char *wanted) {
     return result == 1 ? std::string(device) : "-";
 }
 
+// A partition table line: device token, size, erase size, quoted name.
+std::string line(const char *device, const std::string &name) {
+    return std::string(device) + ": 00100000 00020000 \"" + name + "\"\n";
+}
+
 TEST(CheckMtdname, FindsTheFirstPartitionWhoseNameContainsTheText) {
     const std::string long_name(70, 'x');
     const struct {
@@ -28,26 +33,20 @@ TEST(CheckMtdname, FindsTheFirstPartitionWhoseNameContainsTheText) {
         const char *wanted;
         const char *device;
     } cases[] = {
-        {"exact name",
-         "mtd0: 00100000 00020000 \"kernel\"\nmtd1: 00100000 00010000 \"uboot-nor\"\n", "uboot-nor",
-         "mtd1"},
-        {"part of a longer name", "mtd3: 00100000 00020000 \"main-uboot-nor-a\"\n", "uboot-nor",
-         "mtd3"},
-        {"first in table order", "mtd2: 1 1 \"a-uboot-spi\"\nmtd1: 1 1 \"uboot-spi\"\n",
+        {"exact name", line("mtd0", "kernel") + line("mtd1", "uboot-nor"), "uboot-nor", "mtd1"},
+        {"part of a longer name", line("mtd3", "main-uboot-nor-a"), "uboot-nor", "mtd3"},
+        {"first in table order", line("mtd2", "a-uboot-spi") + line("mtd1", "uboot-spi"),
          "uboot-spi", "mtd2"},
-        {"numbers 10 and above whole", "mtd12: 00100000 00020000 \"uboot-nor\"\n", "uboot-nor",
-         "mtd12"},
-        {"largest number that fits", "mtd9999: 1 1 \"uboot-nor\"\n", "uboot-nor", "mtd9999"},
-        {"number too long for the name buffer", "mtd10000: 1 1 \"uboot-nor\"\n", "uboot-nor", "-"},
-        {"device token without a number", "mtdx: 1 1 \"uboot-nor\"\nmtd4: 1 1 \"uboot-nor\"\n",
+        {"numbers 10 and above whole", line("mtd12", "uboot-nor"), "uboot-nor", "mtd12"},
+        {"largest number that fits", line("mtd9999", "uboot-nor"), "uboot-nor", "mtd9999"},
+        {"number too long for the name buffer", line("mtd10000", "uboot-nor"), "uboot-nor", "-"},
+        {"device token without a number", line("mtdx", "uboot-nor") + line("mtd4", "uboot-nor"),
          "uboot-nor", "mtd4"},
         {"name too long to read is skipped",
-         "mtd5: 1 1 \"uboot-nor" + long_name + "\"\nmtd6: 1 1 \"physmap-flash.0\"\n", "uboot-nor",
-         "-"},
+         line("mtd5", "uboot-nor" + long_name) + line("mtd6", "physmap-flash.0"), "uboot-nor", "-"},
         {"a long name does not disturb the next line",
-         "mtd5: 1 1 \"" + long_name + "\"\nmtd6: 1 1 \"physmap-flash.0\"\n", "physmap-flash.0",
-         "mtd6"},
-        {"absent", "mtd0: 00100000 00020000 \"kernel\"\n", "uboot-nor", "-"},
+         line("mtd5", long_name) + line("mtd6", "physmap-flash.0"), "physmap-flash.0", "mtd6"},
+        {"absent", line("mtd0", "kernel"), "uboot-nor", "-"},
         {"line cut short", "mtd0: 00100000 00020000\n", "00020000", "-"},
         {"empty table", "", "uboot-nor", "-"},
     };
