@@ -55,16 +55,13 @@ TEST(NandChecks, RangeThenAlignmentThenBlockSizeBeforeAnyDeviceAccess) {
     };
     for (const Case &c : cases) {
         std::vector<uint64_t> map(8, 0);
-        nand_dev ctx{};
-        ctx.fd = -1; // any device access fails
+        nand_dev ctx{-1, {}, map.data()}; // no device: any device access fails
         ctx.info.size = 8 * E;
         ctx.info.erasesize = E;
         ctx.info.writesize = 2048;
-        ctx.block_map = map.data();
         testing::internal::CaptureStdout();
-        int r = c.op(&ctx, c.size, c.offset);
+        EXPECT_EQ(c.op(&ctx, c.size, c.offset), c.result) << c.name;
         EXPECT_EQ(testing::internal::GetCapturedStdout(), c.printed) << c.name;
-        EXPECT_EQ(r, c.result) << c.name;
     }
 }
 } // namespace
