@@ -33,14 +33,12 @@ fs::path make_medium(const std::string &name, const Files &files) {
 std::string s2(uint32_t address, int len, uint8_t fill, bool good = true) {
     std::string line = "S2";
     uint8_t sum = 0;
-    auto put = [&](uint8_t b) {
-        line += format("%02X", b);
-        sum = static_cast<uint8_t>(sum + b);
+    auto put = [&](uint32_t value) {
+        line += format("%02X", static_cast<uint8_t>(value));
+        sum = static_cast<uint8_t>(sum + value);
     };
-    put(static_cast<uint8_t>(len + 4));
-    put(static_cast<uint8_t>(address >> 16));
-    put(static_cast<uint8_t>(address >> 8));
-    put(static_cast<uint8_t>(address));
+    for (uint32_t b : {static_cast<uint32_t>(len + 4), address >> 16, address >> 8, address})
+        put(b);
     for (int i = 0; i < len; ++i)
         put(fill);
     line += format("%02X\n", static_cast<uint8_t>(good ? ~sum : sum));
@@ -192,13 +190,9 @@ TEST(MediumCheck, PlainSelectionsAreCleanAndSayWhatHappens) {
 TEST(MediumCheck, JsonCarriesStatusAndFindings) {
     CheckReport report =
         check_medium(make_medium("json", {{"flashimg.lst", " qvxbin\n"}}).string(), "M");
-    char *text = nullptr;
-    size_t size = 0;
-    FILE *out = open_memstream(&text, &size);
-    print_report_json(report, out);
-    fclose(out);
-    nlohmann::json doc = nlohmann::json::parse(std::string(text, size));
-    free(text);
+    testing::internal::CaptureStdout();
+    print_report_json(report, stdout);
+    nlohmann::json doc = nlohmann::json::parse(testing::internal::GetCapturedStdout());
     EXPECT_EQ(doc["status"], 2);
     EXPECT_EQ(doc["model"], "M");
     ASSERT_EQ(doc["findings"].size(), 1u);
