@@ -21,18 +21,17 @@ TEST(UbootWrite, PlacementRule) {
         // An accepted placement goes on to open the device, which does not exist here.
         testing::internal::CaptureStdout();
         testing::internal::CaptureStderr();
-        int result = uboot_write("/nonexistent/boot.bin", c.offset, c.size, "/nonexistent/mtd");
-        fflush(stdout);
+        EXPECT_EQ(uboot_write("/nonexistent/boot.bin", c.offset, c.size, "/nonexistent/mtd"),
+                  UBOOT_WRITE_FAILED);
         std::string out = testing::internal::GetCapturedStdout();
-        std::string err = testing::internal::GetCapturedStderr();
-        EXPECT_EQ(result, UBOOT_WRITE_FAILED);
         char refusal[160];
         snprintf(refusal, sizeof refusal,
                  "Error: Illegal bootloader address. file=/nonexistent/boot.bin, "
                  "offset=0x%x,size=%d(0x%x)\n",
                  c.offset, static_cast<int>(c.size), c.size);
         EXPECT_EQ(out, c.refused ? refusal : "") << std::hex << c.offset << " " << c.size;
-        EXPECT_EQ(err, c.refused ? "" : "/nonexistent/mtd: No such file or directory\n");
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  c.refused ? "" : "/nonexistent/mtd: No such file or directory\n");
     }
 }
 

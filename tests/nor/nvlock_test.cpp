@@ -25,8 +25,7 @@ TEST(NorSectorRange, FirstHoldsStartLastHoldsTheLastByte) {
         {0xF0000, 0xFFFFFFFF, 18, 18}, // a wrapping end is taken as beyond the flash
     };
     for (const Case &c : cases) {
-        unsigned first = 99;
-        unsigned last = 99;
+        unsigned first = 99, last = 99;
         ASSERT_TRUE(nor_sector_range(c.start, c.length, &first, &last)) << std::hex << c.start;
         EXPECT_EQ(first, c.first) << std::hex << c.start << " " << c.length;
         EXPECT_EQ(last, c.last) << std::hex << c.start << " " << c.length;
@@ -34,8 +33,7 @@ TEST(NorSectorRange, FirstHoldsStartLastHoldsTheLastByte) {
 }
 
 TEST(NorSectorRange, StartBeyondTheFlashIsRefusedWithItsMessage) {
-    unsigned first = 0;
-    unsigned last = 0;
+    unsigned first = 0, last = 0;
     testing::internal::CaptureStdout();
     EXPECT_FALSE(nor_sector_range(0x100000, 4, &first, &last));
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "error: 0x100000 exceeds device size\n");

@@ -51,8 +51,9 @@ std::string section(int bank, const char *version, const std::string &records,
            (terminated ? "S804010000FA\n" : "");
 }
 
-std::string good_firmware() {
-    return section(1, "11", s2(0x10000, 16, 0xA5)) + section(2, "11", s2(0x30000, 16, 0x5A));
+// Both banks' sections: bank 1 with these records and version, bank 2 with one record.
+std::string firmware(const std::string &bank1, const char *version = "11", bool terminated = true) {
+    return section(1, version, bank1) + section(2, "11", s2(0x30000, 16, 2), terminated);
 }
 
 std::string eeprom(const std::vector<const char *> &lines) {
@@ -87,7 +88,6 @@ std::string dump(const CheckReport &r) {
 }
 
 const std::string kLongComment = "#" + std::string(254, 'x');
-const std::string kBank2 = section(2, "11", s2(0x30000, 16, 2));
 
 TEST(MediumCheck, EveryTrapIsReportedWithFileAndLine) {
     using enum Severity;
@@ -117,22 +117,19 @@ TEST(MediumCheck, EveryTrapIsReportedWithFileAndLine) {
         {"factory_after_volume_recreated", "app_data NF\napp_data/factory\n",
          Files{{"app_data/dpdc/a", "x"}, {"app_data/factory/a", "x"}}, Error, "flashimg.lst:2",
          "volume is recreated (line 1)"},
-        {"version_ff", "tvm_hex\n",
-         Files{{"tvm.mot", section(1, "FF", s2(0x10000, 16, 1)) + kBank2}}, Warning, "tvm.mot:2",
-         "version FF installs"},
+        {"version_ff", "tvm_hex\n", Files{{"tvm.mot", firmware(s2(0x10000, 16, 1), "FF")}}, Warning,
+         "tvm.mot:2", "version FF installs"},
         {"record_checksum", "tvm_hex\n",
-         Files{{"tvm.mot",
-                section(1, "11", s2(0x10000, 16, 1) + s2(0x10010, 16, 1, false)) + kBank2}},
-         Error, "tvm.mot:6", "checksum wrong"},
+         Files{{"tvm.mot", firmware(s2(0x10000, 16, 1) + s2(0x10010, 16, 1, false))}}, Error,
+         "tvm.mot:6", "checksum wrong"},
         {"record_outside_image", "tvm_hex\n",
-         Files{{"tvm.mot", section(1, "11", s2(0x10000, 16, 1) + s2(0x28000, 16, 1)) + kBank2}},
-         Error, "tvm.mot:6", "outside the 0x18000-byte image"},
+         Files{{"tvm.mot", firmware(s2(0x10000, 16, 1) + s2(0x28000, 16, 1))}}, Error, "tvm.mot:6",
+         "outside the 0x18000-byte image"},
         {"missing_termination", "tvm_hex\n",
-         Files{{"tvm.mot", section(1, "11", s2(0x10000, 16, 1)) +
-                               section(2, "11", s2(0x30000, 16, 2), false)}},
-         Warning, "tvm.mot:11", "no termination record"},
-        {"section_without_records", "tvm_hex\n", Files{{"tvm.mot", section(1, "11", "") + kBank2}},
-         Error, "tvm.mot:2", "bank 1 section has no data record"},
+         Files{{"tvm.mot", firmware(s2(0x10000, 16, 1), "11", false)}}, Warning, "tvm.mot:11",
+         "no termination record"},
+        {"section_without_records", "tvm_hex\n", Files{{"tvm.mot", firmware("")}}, Error,
+         "tvm.mot:2", "bank 1 section has no data record"},
         {"missing_bank", "tvm_hex\n", Files{{"tvm.mot", section(1, "11", "")}}, Error, "tvm.mot:0",
          "no TVM_BANK2 section"},
         {"eeprom_last_line_not_highest", "tvm_eeprom\n",
@@ -179,7 +176,7 @@ TEST(MediumCheck, EveryTrapIsReportedWithFileAndLine) {
 TEST(MediumCheck, PlainSelectionsAreCleanAndSayWhatHappens) {
     Files files{{"flashimg.lst", "# all fine\napp_data N\napp_data/factory RN\n\ntvm_hex\n"},
                 {"writedata/app_data/dpdc/a", "x"},
-                {"writedata/tvm.mot", good_firmware()}};
+                {"writedata/tvm.mot", firmware(s2(0x10000, 16, 1))}};
     CheckReport report = check_medium(make_medium("clean", files).string(), "M");
     EXPECT_EQ(report.exit_status(), 0) << dump(report);
     EXPECT_TRUE(has(report, {Severity::Note, "flashimg.lst:2", "erases its folder first"}));

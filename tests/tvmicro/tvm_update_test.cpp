@@ -71,7 +71,7 @@ struct Exchange {
     int times;
     int result;
     int (*call)(int fd);
-    Bytes replies;
+    Bytes replies = {};
     std::string output = "";
 };
 
@@ -106,7 +106,7 @@ TEST(MicrocontrollerCommands, SendTheirFramesAndRetryAsTheirFormAllows) {
         {"3a0416010459", 1, 0, [](int fd) { return tvmuio_SetPort(fd, 1, 4); }, reply(5, 0x16)},
         {"3a041801045b", 1, 0, [](int fd) { return tvmuio_ClearPort(fd, 1, 4); }, reply(5, 0x18)},
         {"3a04230178da", 1, 0, [](int fd) { return tvm_SetGuarddogTime(fd, 1); }, reply(5, 0x23)},
-        {"", 0, -1, [](int fd) { return tvm_EraseFlash(fd, 0); }, Bytes()},
+        {"", 0, -1, [](int fd) { return tvm_EraseFlash(fd, 0); }},
         {"3a022b6700", 1, 0, [](int fd) { return tvm_PowerOnOff(fd, 1); }, reply(5, 0x2B)},
         {"3a022c6800", 1, 0, [](int fd) { return tvm_PowerOnOff(fd, 0); }, reply(5, 0x2C)},
         // single: send and read, ten times; 0x00 is no acknowledge
@@ -138,9 +138,8 @@ TEST(MicrocontrollerCommands, SendTheirFramesAndRetryAsTheirFormAllows) {
                "Uart Not Return **ERROR** Cmd = b7, write try = %x\n")},
         // EEPROM read: send and read, ten times; a refused reply's data is taken all the same
         // a block is 64 bytes: any other length is refused before anything is sent
-        {"", 0, -1, [](int fd) { return WriteEeprom(fd, 0x0140, kFerundBlock.data(), 2, 1); },
-         Bytes()},
-        {"", 0, -1, [](int fd) { return ReadEeprom(fd, 0x0140, Bytes(64).data(), 4); }, Bytes()},
+        {"", 0, -1, [](int fd) { return WriteEeprom(fd, 0x0140, kFerundBlock.data(), 2, 1); }},
+        {"", 0, -1, [](int fd) { return ReadEeprom(fd, 0x0140, Bytes(64).data(), 4); }},
         {"3a06b80040014079", 10, -1, read_block, reply(70, 0xB8, 0x31, Bytes(65, 0x11)),
          "Uart Ack  ERROR: buf[3]=0x31, buf[4]=0x11 ,ret= 0x0  \n" +
              sends(1, 10, "", "Uart Not Return Cmd = b8,%x\n")},
