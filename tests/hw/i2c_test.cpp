@@ -205,14 +205,15 @@ protected:
         i2c_rdwr_ioctl_data data{messages.data(), static_cast<uint32_t>(messages.size())};
         return error_of(ioctl(fd, I2C_RDWR, &data));
     }
-    int vornek(uint16_t reg, uint16_t value) {
+    // A write of a 16-bit register of a device on bus 2, the Vornek unless told.
+    int set_register(uint16_t reg, uint16_t value, uint16_t device = 0x0A) {
         uint8_t m[4] = {static_cast<uint8_t>(reg >> 8), static_cast<uint8_t>(reg),
                         static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
-        return rdwr(bus2_, {{0x0A, 0, 4, m}});
+        return rdwr(bus2_, {{device, 0, 4, m}});
     }
     // The two key registers written in turn; true when both took their value.
     bool vornek_keys(uint16_t first, uint16_t second) {
-        return vornek(0x70FA, first) == 0 && vornek(0x70FC, second) == 0;
+        return set_register(0x70FA, first) == 0 && set_register(0x70FC, second) == 0;
     }
     uint16_t vornek_status() {
         uint8_t reg[2] = {0x70, 0xF8};
@@ -258,35 +259,32 @@ TEST_F(I2cModels, SerialEepromWrapsWithinThePageAndIsDeafDuringItsCycle) {
     std::vector<uint8_t> message = counting(34, 0, {0x00, 0x1E});
     ASSERT_EQ(rdwr(bus0_, {{0x51, 0, 36, message.data()}}), 0);
     uint8_t address[2] = {0x00, 0x00};
-    uint8_t page[32] = {};
-    EXPECT_EQ(rdwr(bus0_, {{0x51, 0, 2, address}, {0x51, I2C_M_RD, 32, page}}), ENXIO);
+    std::vector<uint8_t> page(32);
+    EXPECT_EQ(rdwr(bus0_, {{0x51, 0, 2, address}, {0x51, I2C_M_RD, 32, page.data()}}), ENXIO);
     usleep(5000);
-    ASSERT_EQ(rdwr(bus0_, {{0x51, 0, 2, address}, {0x51, I2C_M_RD, 32, page}}), 0);
+    ASSERT_EQ(rdwr(bus0_, {{0x51, 0, 2, address}, {0x51, I2C_M_RD, 32, page.data()}}), 0);
     // Bytes 0 and 1 went to 0x1E and 0x1F, 2 to 33 wrapped to 0x00..0x1F; 32 and 33 replaced
     // the first two.
-    EXPECT_EQ(page[0x1E], 32);
-    EXPECT_EQ(page[0x1F], 33);
-    EXPECT_EQ(page[0x00], 2);
-    EXPECT_EQ(page[0x1D], 31);
+    EXPECT_EQ(page, counting(32, 2));
 }
 
 TEST_F(I2cModels, RegisterBlockStoredOnlyWhenTheSequenceWasFollowed) {
     std::vector<uint8_t> message = counting(64, 1, {0xF1, 0x00});
     // Locked: the address and the data are refused.
-    EXPECT_EQ(vornek(0x70FE, 0x0040), EREMOTEIO);
+    EXPECT_EQ(set_register(0x70FE, 0x0040), EREMOTEIO);
     EXPECT_EQ(rdwr(bus2_, {{0x0A, 0, 66, message.data()}}), EREMOTEIO);
-    EXPECT_EQ(vornek(0x1234, 0), EREMOTEIO); // no such register
+    EXPECT_EQ(set_register(0x1234, 0), EREMOTEIO); // no such register
     // Unlocked without data: the lock stores nothing and never shows "stored".
     EXPECT_TRUE(vornek_keys(0x5745, 0x5043));
     EXPECT_EQ(vornek_status(), 0x1000);
-    EXPECT_EQ(vornek(0x70FE, 0x0040), 0);
+    EXPECT_EQ(set_register(0x70FE, 0x0040), 0);
     EXPECT_TRUE(vornek_keys(0, 0));
     usleep(10000);
     EXPECT_EQ(vornek_status(), 0x0000);
     EXPECT_TRUE(vornek_cells() == std::string(32768, '\xff'));
     // The whole sequence: stored at the address, status shows the sum, then "stored".
     EXPECT_TRUE(vornek_keys(0x5745, 0x5043));
-    EXPECT_EQ(vornek(0x70FE, 0x0040), 0);
+    EXPECT_EQ(set_register(0x70FE, 0x0040), 0);
     EXPECT_EQ(rdwr(bus2_, {{0x0A, 0, 66, message.data()}}), 0);
     EXPECT_EQ(vornek_status(), 0x1000 | (64 * 65 / 2 % 256));
     EXPECT_TRUE(vornek_keys(0, 0));
@@ -297,21 +295,19 @@ TEST_F(I2cModels, RegisterBlockStoredOnlyWhenTheSequenceWasFollowed) {
 }
 
 TEST_F(I2cModels, KolmaAnswersAfterResetReleaseAndOpensItsEepromAfterEnable) {
-    uint8_t unlock[4] = {0x40, 0xFA, 0x57, 0x45};
-    uint8_t enable_on[4] = {0x00, 0x16, 0x00, 0x01};
-    uint8_t enable_off[4] = {0x00, 0x16, 0x00, 0x00};
-    EXPECT_EQ(rdwr(bus2_, {{0x29, 0, 4, unlock}}), ENXIO); // held in reset
+    auto kolma = [this](uint16_t reg, uint16_t value) { return set_register(reg, value, 0x29); };
+    EXPECT_EQ(kolma(0x40FA, 0x5745), ENXIO); // the key register, held in reset
     cn_user_fd = open("/dev/cn_user", O_RDWR);
     ASSERT_EQ(PIO_BitWrite(23, 1), PIO_OK);
-    EXPECT_EQ(rdwr(bus2_, {{0x29, 0, 4, unlock}}), EREMOTEIO); // EEPROM not enabled
-    EXPECT_EQ(rdwr(bus2_, {{0x29, 0, 4, enable_on}}), 0);
-    EXPECT_EQ(rdwr(bus2_, {{0x29, 0, 4, enable_off}}), 0);
-    EXPECT_EQ(rdwr(bus2_, {{0x29, 0, 4, unlock}}), 0);
+    EXPECT_EQ(kolma(0x40FA, 0x5745), EREMOTEIO); // EEPROM not enabled
+    EXPECT_EQ(kolma(0x0016, 1), 0);              // the EEPROM enable register
+    EXPECT_EQ(kolma(0x0016, 0), 0);
+    EXPECT_EQ(kolma(0x40FA, 0x5745), 0);
     // A reset forgets the enable.
     ASSERT_EQ(PIO_BitWrite(23, 0), PIO_OK);
-    EXPECT_EQ(rdwr(bus2_, {{0x29, 0, 4, unlock}}), ENXIO);
+    EXPECT_EQ(kolma(0x40FA, 0x5745), ENXIO);
     ASSERT_EQ(PIO_BitWrite(23, 1), PIO_OK);
-    EXPECT_EQ(rdwr(bus2_, {{0x29, 0, 4, unlock}}), EREMOTEIO);
+    EXPECT_EQ(kolma(0x40FA, 0x5745), EREMOTEIO);
     close(cn_user_fd);
     cn_user_fd = -1;
 }

@@ -1,32 +1,20 @@
 // The simulator's board: where paths land, how shell commands are rewritten and checked,
 // and how faults are counted.
-#include "board/board.h"
-#include "board/create.h"
 #include "board/device.h"
+#include "support/board_fixture.h"
 
-#include <filesystem>
-#include <gtest/gtest.h>
 #include <map>
-#include <unistd.h>
-
-namespace fs = std::filesystem;
 
 namespace tvsim {
 namespace {
 
-class BoardTest : public testing::Test {
+class BoardTest : public testsupport::BoardFixture {
 protected:
     void SetUp() override {
-        dir_ = fs::temp_directory_path() / ("tvsim-board-test." + std::to_string(getpid()));
-        fs::remove_all(dir_);
-        std::string error;
-        ASSERT_TRUE(create_board(dir_.string(), {}, &error)) << error;
-        board_ = Board::load(dir_.string(), &error);
-        ASSERT_TRUE(board_) << error;
+        BoardFixture::SetUp();
+        board_ = load_board();
+        ASSERT_TRUE(board_);
     }
-    void TearDown() override { fs::remove_all(dir_); }
-
-    fs::path dir_;
     std::unique_ptr<Board> board_;
 };
 
@@ -96,13 +84,12 @@ TEST_F(BoardTest, ShellCommandsReachOnlyTheBoard) {
 }
 
 TEST_F(BoardTest, FaultsAreDueBySkipAndTimes) {
-    json config = board_->config();
-    config["faults"] = {{{"fault", "mount"}, {"target", "a"}, {"skip", 1}, {"times", 2}},
-                        {{"fault", "mount"}, {"match", "cp"}}};
-    ASSERT_TRUE(write_file(dir_.string() + "/board.json", config.dump()));
-    std::string error;
-    board_ = Board::load(dir_.string(), &error);
-    ASSERT_TRUE(board_) << error;
+    change_config([](json &c) {
+        c["faults"] = {testsupport::fault("mount", "a", {{"skip", 1}, {"times", 2}}),
+                       testsupport::fault("mount", "", {{"match", "cp"}})};
+    });
+    board_ = load_board();
+    ASSERT_TRUE(board_);
     std::string due;
     for (int i = 0; i < 5; ++i)
         due += board_->take_fault("mount", "a") != nullptr ? 'F' : '.';

@@ -42,9 +42,8 @@ protected:
     }
     void SetUp() override {
         BoardFixture::SetUp();
-        std::string error;
-        board_ = tvsim::Board::load(dir_.string(), &error);
-        ASSERT_TRUE(board_) << error;
+        board_ = load_board();
+        ASSERT_TRUE(board_);
         server_ = std::make_unique<tvsim::CuseServer>(*board_, "/dev/uat_ucom");
     }
     std::unique_ptr<tvsim::Board> board_;
@@ -88,10 +87,8 @@ TEST_F(CuseServerTest, RefusesWhatItCannotServe) {
     EXPECT_EQ(ask(write_short).error, EIO);
     EXPECT_EQ(ask(request(FUSE_IOCTL, fuse_ioctl_in{fh, 0, 0x5401, 0, 0, 0})).error, ENOTTY);
     EXPECT_EQ(ask(request(FUSE_POLL, fuse_poll_in{fh, 0, 0, 0})).error, ENOSYS);
-    EXPECT_TRUE(server_
-                    ->handle(request(FUSE_INTERRUPT, fuse_interrupt_in{77}).data(),
-                             sizeof(fuse_in_header) + sizeof(fuse_interrupt_in))
-                    .empty());
+    Bytes interrupt = request(FUSE_INTERRUPT, fuse_interrupt_in{77});
+    EXPECT_TRUE(server_->handle(interrupt.data(), interrupt.size()).empty());
     tvsim::CuseServer other(*board_, "/dev/nothing");
     Bytes open = request(FUSE_OPEN, fuse_open_in{O_RDWR, 0});
     Bytes out = other.handle(open.data(), open.size());

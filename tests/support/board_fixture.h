@@ -1,6 +1,7 @@
 // Unit tests that call the tool's functions on a board of their own, attached in-process.
 #pragma once
 
+#include "board/board.h"
 #include "board/create.h"
 #include "interpose/control.h"
 #include "support/faults.h"
@@ -43,13 +44,15 @@ template <typename Call> std::string printed(Call call) {
 // A default board in a temporary folder of its own, removed after the test.
 class BoardFixture : public testing::Test {
 protected:
-    void SetUp() override {
+    void SetUp() override { make_board(); }
+    // A new board in dir_, in place of the one there (not attached).
+    void make_board(const tvsim::NewBoardOptions &options = {}) {
         const testing::TestInfo *test = testing::UnitTest::GetInstance()->current_test_info();
         dir_ = std::filesystem::temp_directory_path() /
                ("tvsim-" + std::string(test->test_suite_name()) + "." + std::to_string(getpid()));
         std::filesystem::remove_all(dir_);
         std::string error;
-        ASSERT_TRUE(tvsim::create_board(dir_.string(), {}, &error)) << error;
+        ASSERT_TRUE(tvsim::create_board(dir_.string(), options, &error)) << error;
     }
     void TearDown() override {
         if (attached_)
@@ -66,6 +69,13 @@ protected:
         attached_ = false;
     }
 
+    // The board as the simulator loads it, for tests of its parts without attaching.
+    std::unique_ptr<tvsim::Board> load_board() const {
+        std::string error;
+        std::unique_ptr<tvsim::Board> board = tvsim::Board::load(dir_.string(), &error);
+        EXPECT_TRUE(board) << error;
+        return board;
+    }
     json read_json(const char *name) const { return json::parse(std::ifstream(dir_ / name)); }
     std::string read_file(const char *name) const {
         std::ifstream in(dir_ / name, std::ios::binary);
