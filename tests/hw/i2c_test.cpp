@@ -341,12 +341,11 @@ protected:
             ASSERT_EQ(EnableFPGAEeprom(enable_type), 0);
         }
     }
-    int pll_reads() const {
-        std::string all = read_file("trace.jsonl");
-        int count = 0;
-        for (size_t at = 0; (at = all.find("\"w\":\"0010\"},{", at)) != std::string::npos; ++at)
-            ++count;
-        return count;
+    // The PLL status reads so far: register 0x0010 written, then read.
+    long pll_reads() const {
+        return std::ranges::count_if(trace("i2c"), [](const json &e) {
+            return e["msgs"].size() == 2 && e["msgs"][0].value("w", "") == "0010";
+        });
     }
 };
 

@@ -27,16 +27,15 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
     EXPECT_EQ(system("echo on-board > /tmp/marker"), 0);
     // The stick is mounted read-only: writes fail, an existing name is reported first.
     auto error_of = [](bool failed) { return failed ? errno : 0; };
-    const int errors[] = {
-        error_of(open("/tmp/usb/new.txt", O_WRONLY | O_CREAT, 0644) < 0),
-        error_of(mkdir("/tmp/usb/newdir", 0755) != 0),
-        error_of(mkdir("/tmp/usb/M1", 0755) != 0),
-        error_of(fopen("/tmp/usb/M1/x", "a") == nullptr),
+    const std::pair<int, int> writes[] = {
+        {error_of(open("/tmp/usb/new.txt", O_WRONLY | O_CREAT, 0644) < 0), EROFS},
+        {error_of(mkdir("/tmp/usb/newdir", 0755) != 0), EROFS},
+        {error_of(mkdir("/tmp/usb/M1", 0755) != 0), EEXIST},
+        {error_of(fopen("/tmp/usb/M1/x", "a") == nullptr), EROFS},
     };
     detach();
-    const int expected[] = {EROFS, EROFS, EEXIST, EROFS};
-    for (size_t i = 0; i < std::size(expected); ++i)
-        EXPECT_EQ(errors[i], expected[i]) << "write " << i;
+    for (const auto &write : writes)
+        EXPECT_EQ(write.first, write.second) << "write " << &write - writes;
 
     nlohmann::json mounts = read_json("state.json")["mounts"];
     ASSERT_EQ(mounts.size(), 1u);
