@@ -166,7 +166,8 @@ struct PartitionCase {
     const char *revision;
     json partitions; // board.json "mtd"
     const char *device;
-    const char *written; // partition file written, or "" when none is found
+    const char *written;             // partition file written, or "" when none is found
+    const char *removed_module = ""; // missing from the board's modules
 };
 
 class UbootPartition : public Scenario, public testing::WithParamInterface<PartitionCase> {};
@@ -193,6 +194,8 @@ TEST_P(UbootPartition, TakesTheFirstNameFoundInItsOrderOfNames) {
     json config = board.config();
     config["mtd"] = c.partitions;
     board.set_config(config);
+    if (c.removed_module[0] != '\0')
+        std::remove(board.path("fs/modules/" + std::string(c.removed_module)).c_str());
 
     RunResult r = board.tvupdate({"M1"});
 
@@ -201,7 +204,9 @@ TEST_P(UbootPartition, TakesTheFirstNameFoundInItsOrderOfNames) {
                                             : "uboot partition nothing?\n" + kFailed;
     EXPECT_EQ(r.output,
               run_prologue("M1") + kStart + image_line + c.device + " \n" + rest + run_epilogue());
+    EXPECT_EQ(r.exit_status, c.written[0] != '\0' ? 0 : 255);
     EXPECT_EQ(board.listing("mtd"), c.written);
+    EXPECT_EQ(board.trace("insmod").empty(), c.removed_module[0] != '\0'); // it is not loaded
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -217,24 +222,10 @@ INSTANTIATE_TEST_SUITE_P(
                       json::array({nor("physmap-flash.0", 1), nor("main.uboot-nor.a", 12)}),
                       "mtd12", "main.uboot-nor.a.bin"},
         // Only while its driver is loaded does a partition exist.
-        PartitionCase{"DriverOfTheOtherFlash", kEs1, json::array({spi("uboot-nor", 1)}), "", ""}),
+        PartitionCase{"DriverOfTheOtherFlash", kEs1, json::array({spi("uboot-nor", 1)}), "", ""},
+        PartitionCase{"AMissingModule", kEs1, json::array({nor("uboot-nor", 6)}), "", "",
+                      "physmap.ko"}),
     RowName());
-
-class UbootDriver : public Scenario {};
-
-TEST_F(UbootDriver, AMissingModuleLeavesThePartitionMissing) {
-    boot_loader_medium(board, "M1", "boot-M1_S1.bin", "image");
-    board.make();
-    set_soc(board, kEs1, "0x00000100");
-    std::remove(board.path("fs/modules/physmap.ko").c_str());
-
-    RunResult r = board.tvupdate({"M1"});
-
-    EXPECT_EQ(r.output, run_prologue("M1") + kStart + " \nuboot partition nothing?\n" + kFailed +
-                            run_epilogue());
-    EXPECT_EQ(r.exit_status, 255);
-    EXPECT_TRUE(board.trace("insmod").empty());
-}
 
 // --- compare first, then erase, write and verify --------------------------------------------
 
@@ -315,17 +306,23 @@ INSTANTIATE_TEST_SUITE_P(
                   0, "", pattern(kRegion + 1, 5)}),
     RowName());
 
-// A protected NOR sector takes no erase: the update fails until the sectors are unprotected.
+class UbootDriver : public Scenario {};
+
+// A protected NOR sector takes no erase: the erase stops there, having erased the sectors before
+// it, and the update fails until the sectors are unprotected.
 TEST_F(UbootDriver, AProtectedSectorFailsTheUpdateUntilItIsUnlocked) {
     boot_loader_medium(board, "M1", "boot-M1_S1.bin", kImage);
     board.make();
     set_soc(board, kEs1, "0x00000100");
     json c = board.config();
-    c["nor"]["protected"] = {1};
+    c["nor"]["protected"] = {1}; // 0x4000..0x5FFF, after sector 0
     board.set_config(c);
+    board.write("mtd/uboot-nor.bin", std::string(kPartition, '\0'));
     EXPECT_EQ(board.tvupdate({"M1"}).output,
               run_prologue("M1") + kStart + "mtd6 \n" + kEraseFailed + run_epilogue());
     EXPECT_TRUE(board.trace("mtd_write").empty());
+    EXPECT_TRUE(board.read("mtd/uboot-nor.bin") ==
+                std::string(0x4000, '\xff') + std::string(kPartition - 0x4000, '\0'));
     ASSERT_EQ(board.tvservice({"nor", "unlock", "0", "0x100000"}).exit_status, 0);
     RunResult r = board.tvupdate({"M1"});
     EXPECT_EQ(r.exit_status, 0) << r.output;
