@@ -89,23 +89,7 @@ TEST_F(I2cEeproms, RunWritesPeltoAndBothKolmaDevices) {
     EXPECT_LT(board.board_seconds(), 9.5);
 }
 
-TEST_F(I2cEeproms, FailingKolma1LeavesKolma2Untouched) {
-    board.add_fault(fault("register_status_missing", "KOLMA_1", {{"bits", 1}}));
-    RunResult r = board.tvupdate({"M1"});
-    EXPECT_NE(r.output.find(" test \n"
-                            "KOLMA EEP Write ERROR! on 0x0100 detection(read 0x0020) \n"
-                            "KOLMA EEP Write ERROR! on xxx0xxx1 detection \n"
-                            "ERROR: EEPROM Write Failure \n"
-                            "!!! Unable to update KOLMA_1 EEPROM data. !!!\n"),
-              std::string::npos)
-        << r.output;
-    EXPECT_EQ(r.output.find("KOLMA_2"), std::string::npos);
-    EXPECT_EQ(r.exit_status, 255);
-    // The block was stored (the sequence was followed); only its confirmation never came.
-    EXPECT_TRUE(board.read("i2c/kolma_1.bin") == eeprom_with(0, kolma_cells().substr(0, 64)));
-    EXPECT_TRUE(board.read("i2c/kolma_2.bin") == std::string(kEepromSize, '\xff'));
-}
-
+// A failing KOLMA device stops the KOLMA step: the devices after it are not updated.
 TEST_F(I2cEeproms, FaultsShowInOutputAndResult) {
     const std::string pelto_failed = pelto_lines("!!! Unable to update Pelto Eeprom. !!!");
     const std::string kolma1_failed = "!!! Unable to update KOLMA_1 EEPROM data. !!!\n";
@@ -113,7 +97,8 @@ TEST_F(I2cEeproms, FaultsShowInOutputAndResult) {
     struct Case {
         const char *name;
         json fault;
-        bool kolma_ok, pelto_ok;
+        int kolma1_blocks; // stored on KOLMA_1; with all three the KOLMA step succeeds
+        bool pelto_ok;
         std::string expected; // part of the output
         const char *pelto_file = kPeltoFile;
         std::string kolma_text = kolma_file();
@@ -121,20 +106,26 @@ TEST_F(I2cEeproms, FaultsShowInOutputAndResult) {
         // The fifth status read of a block is its sum check, which polls six times. The check
         // only asks for the sum's bits (0x20 here), so the sum is made to lose them.
         {"a wrong sum is reported, the block counts",
-         fault("register_wrong_sum", "KOLMA_2", {{"skip", 4}, {"times", 6}, {"delta", 0x20}}), true,
+         fault("register_wrong_sum", "KOLMA_2", {{"skip", 4}, {"times", 6}, {"delta", 0x20}}), 3,
          true, "KOLMA EEP Checksum ERROR!\n"},
+        // The block was stored (the sequence was followed); only its confirmation never came.
+        {"KOLMA_1 never confirms the block",
+         fault("register_status_missing", "KOLMA_1", {{"bits", 1}}), 1, true,
+         " test \nKOLMA EEP Write ERROR! on 0x0100 detection(read 0x0020) \n"
+         "KOLMA EEP Write ERROR! on xxx0xxx1 detection \nERROR: EEPROM Write Failure \n" +
+             kolma1_failed},
         {"a byte reads back wrong", fault("i2c_read_differs", "pelto", {{"skip", 1}, {"times", 1}}),
-         true, false, pelto_failed},
-        {"busy for 30 tries", fault("i2c_busy", "pelto", {{"times", 30}}), true, true,
+         3, false, pelto_failed},
+        {"busy for 30 tries", fault("i2c_busy", "pelto", {{"times", 30}}), 3, true,
          pelto_lines("Pelto Eeprom updating is finished.")},
-        {"busy forever", fault("i2c_busy", "pelto"), true, false, pelto_failed},
+        {"busy forever", fault("i2c_busy", "pelto"), 3, false, pelto_failed},
         // A failed transfer is one, whatever the bus says (a NAK: VornekUpdater.FaultsEndTheWalk).
-        {"EIO on bus 2", fault("i2c_bus_error", "i2c-2"), false, true,
+        {"EIO on bus 2", fault("i2c_bus_error", "i2c-2"), 0, true,
          "IIC_KOLMAEEP_Write() ERROR!\nIIC_KOLMAEEP_Write Error\n" + kolma1_failed},
-        {"a Pelto line without its data byte", json(), true, false,
+        {"a Pelto line without its data byte", json(), 3, false,
          no_data_byte + "0200\n!!! Unable to update Pelto Eeprom. !!!\n",
          "0011 A5\n0200\n0300 01\n"},
-        {"a KOLMA line without its data byte", json(), false, true,
+        {"a KOLMA line without its data byte", json(), 0, true,
          no_data_byte + "0001\n" + kolma1_failed, kPeltoFile, "0000 01\n0001\n"},
     };
     for (const Case &c : cases) {
@@ -143,11 +134,16 @@ TEST_F(I2cEeproms, FaultsShowInOutputAndResult) {
         board.medium_file("M1/writedata/kolma_eep.txt", c.kolma_text);
         board.remake({{"faults", c.fault.is_null() ? json::array() : json::array({c.fault})}});
         RunResult r = board.tvupdate({"M1"});
+        const bool kolma_ok = c.kolma1_blocks == 3;
         EXPECT_NE(r.output.find(c.expected), std::string::npos) << r.output;
-        EXPECT_EQ(r.exit_status, c.kolma_ok && c.pelto_ok ? 0 : 255);
+        EXPECT_EQ(r.exit_status, kolma_ok && c.pelto_ok ? 0 : 255);
         EXPECT_EQ(r.output.find("KOLMA all EEPROM data updating is finished.") != std::string::npos,
-                  c.kolma_ok);
-        EXPECT_EQ(board.read("i2c/kolma_2.bin") == kolma_cells(), c.kolma_ok);
+                  kolma_ok);
+        EXPECT_EQ(r.output.find("KOLMA_2") != std::string::npos, kolma_ok);
+        EXPECT_TRUE(board.read("i2c/kolma_1.bin") ==
+                    eeprom_with(0, kolma_cells().substr(0, 64 * c.kolma1_blocks)));
+        EXPECT_TRUE(board.read("i2c/kolma_2.bin") ==
+                    (kolma_ok ? kolma_cells() : std::string(kEepromSize, '\xff')));
     }
 }
 
