@@ -12,6 +12,15 @@ namespace {
 
 using scenario::PrintTo; // found by argument lookup for the rows below
 
+// The words of a command line, as the shell splits them.
+std::vector<std::string> words(const std::string &line) {
+    std::vector<std::string> args;
+    std::istringstream in(line);
+    for (std::string word; in >> word;)
+        args.push_back(word);
+    return args;
+}
+
 constexpr size_t E = 0x20000;                       // erase block of the NAND partitions
 constexpr const char *kPart = "uboot_env";          // 8 blocks, /dev/mtd1
 constexpr const char *kFlash = "mtd/uboot_env.bin"; // its contents
@@ -112,11 +121,7 @@ TEST_P(ServiceMessages, EveryRefusalSaysWhyAndExitsWithItsStatus) {
     const MessageCase &c = GetParam();
     make_with_bad_blocks(json::array());
     board.write("fs/tmp/in.bin", std::string(16, 'x'));
-    std::vector<std::string> args;
-    std::istringstream words(c.command);
-    for (std::string word; words >> word;)
-        args.push_back(word);
-    RunResult r = board.tvservice(args);
+    RunResult r = board.tvservice(words(c.command));
     EXPECT_EQ(r.output, c.output);
     EXPECT_EQ(r.exit_status, c.output.ends_with(kTry) ? 2 : 1);
     EXPECT_TRUE(board.trace("mtd_erase").empty());
@@ -283,70 +288,58 @@ TEST_F(NorService, StatusListsTheSectorsOfTheRangeAsTheFlashReportsThem) {
     EXPECT_EQ(reg[2]["value"], "0x00000090");
 }
 
-TEST_F(NorService, LockProtectsTheRangeAndItStaysProtectedAfterAReboot) {
-    make({{"protected", json::array()}});
-    RunResult r = board.tvservice({"nor", "lock", "0x4000", "0x4000"});
-    EXPECT_EQ(r.output, "");
-    EXPECT_EQ(r.exit_status, 0);
-    EXPECT_EQ(protected_sectors(), json({1, 2}));
-    ASSERT_FALSE(board.trace("vid").empty());
-    EXPECT_EQ(board.trace("vid").back()["level"], 0); // VID ends switched off
-    board.reboot();
-    EXPECT_EQ(board.tvservice({"nor", "status", "0", "0x8001"}).output, listing(0, 3, {1, 2}));
-}
-
-TEST_F(NorService, UnlockUnprotectsEverySectorOfTheChipAtOnce) {
-    make({{"protected", {0, 5, 9}}});
-    RunResult r = board.tvservice({"nor", "unlock", "0x50000", "0x10000"});
-    EXPECT_EQ(r.output, "");
-    EXPECT_EQ(r.exit_status, 0);
-    EXPECT_EQ(protected_sectors(), json::array());
-    std::vector<json> pulses = board.trace("nor_pulse");
-    ASSERT_EQ(pulses.size(), 1u);
-    EXPECT_EQ(pulses[0]["us"], 15000);
-}
-
-TEST_F(NorService, UnlockRetriesUntilTheSectorVerifies) {
-    make({{"protected", {5}}}, json::array({fault("nor_verify", "5", {{"times", 2}})}));
-    RunResult r = board.tvservice({"nor", "unlock", "0x20000", "1"});
-    EXPECT_EQ(r.output, "Retrying\nRetrying\n");
-    EXPECT_EQ(r.exit_status, 0);
-    EXPECT_EQ(protected_sectors(), json::array());
-}
-
-struct NorFailure {
+struct NorCase {
     const char *name;
-    json fault;
-    json protected_after; // the sectors protected when the run gave up
-    size_t fault_hits;
+    json before; // the sectors protected before the command; null: the board has no /dev/udirect
+    json fault;  // null: none
+    const char *command; // the tool's arguments, separated by spaces
+    std::string output;
+    int exit_status;
+    json after;          // the sectors protected when the command is done
+    const char *counted; // a kind of trace record the row counts,
+    size_t count;        // and how many the run left
 };
 
-class NorLockFailure : public NorService, public testing::WithParamInterface<NorFailure> {};
+class NorCommand : public NorService, public testing::WithParamInterface<NorCase> {};
 
-TEST_P(NorLockFailure, ASectorThatNeverVerifiesFailsTheRunWithVidLeftOff) {
-    make({{"protected", json::array()}}, json::array({GetParam().fault}));
-    RunResult r = board.tvservice({"nor", "lock", "0x4000", "0x6000"});
-    EXPECT_EQ(r.output, "FAILED\n");
-    EXPECT_EQ(r.exit_status, 1);
-    EXPECT_EQ(protected_sectors(), GetParam().protected_after);
-    EXPECT_EQ(board.trace("fault").size(), GetParam().fault_hits);
-    EXPECT_TRUE(board.trace("vid").empty() || board.trace("vid").back()["level"] == 0);
+TEST_P(NorCommand, LeavesTheSectorsAsItReportsWithVidOff) {
+    const NorCase &c = GetParam();
+    make(c.before.is_null() ? json{{"driver", false}} : json{{"protected", c.before}},
+         c.fault.is_null() ? json::array() : json::array({c.fault}));
+    RunResult r = board.tvservice(words(c.command));
+    EXPECT_EQ(r.output, c.output);
+    EXPECT_EQ(r.exit_status, c.exit_status);
+    EXPECT_EQ(protected_sectors(), c.after);
+    EXPECT_EQ(board.trace(c.counted).size(), c.count) << c.counted;
+    std::vector<json> vid = board.trace("vid");
+    EXPECT_TRUE(vid.empty() || vid.back()["level"] == 0) << "VID left switched on";
+    for (const json &pulse : board.trace("nor_pulse"))
+        EXPECT_EQ(pulse["us"], pulse["op"] == "unprotect" ? 15000 : 150) << pulse.dump();
+    if (!c.before.is_null()) {
+        board.reboot(); // the flash keeps its protection, and the status lists it
+        EXPECT_EQ(board.tvservice({"nor", "status", "0", "0x8001"}).output,
+                  listing(0, 3, c.after.get<std::set<unsigned>>()));
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(Nor, NorLockFailure,
-                         testing::Values(NorFailure{"SectorNeverVerifies", fault("nor_verify", "2"),
-                                                    json({1}), 25}, // every attempt on sector 2
-                                         NorFailure{"VidDoesNotSwitchOn", fault("nor_vid", "on"),
-                                                    json::array(), 1}),
-                         RowName());
-
-TEST_F(NorService, WithoutItsDirectAccessDriverNothingIsTouched) {
-    make({{"driver", false}});
-    RunResult r = board.tvservice({"nor", "lock", "0", "0x4000"});
-    EXPECT_EQ(r.output, "open: No such file or directory\n");
-    EXPECT_EQ(r.exit_status, 1);
-    EXPECT_TRUE(board.trace("mmap").empty());
-}
+INSTANTIATE_TEST_SUITE_P(
+    Nor, NorCommand,
+    testing::Values(NorCase{"LockProtectsTheRange", json::array(), nullptr,
+                            "nor lock 0x4000 0x4000", "", 0, json({1, 2}), "vid", 2},
+                    NorCase{"UnlockOfOneSectorUnprotectsTheChip", json({0, 5, 9}), nullptr,
+                            "nor unlock 0x50000 0x10000", "", 0, json::array(), "nor_pulse", 1},
+                    NorCase{"UnlockRetriesUntilTheSectorVerifies", json({5}),
+                            fault("nor_verify", "5", {{"times", 2}}), "nor unlock 0x20000 1",
+                            "Retrying\nRetrying\n", 0, json::array(), "fault", 2},
+                    // The fault hits every attempt on sector 2.
+                    NorCase{"SectorNeverVerifies", json::array(), fault("nor_verify", "2"),
+                            "nor lock 0x4000 0x6000", "FAILED\n", 1, json({1}), "fault", 25},
+                    NorCase{"VidDoesNotSwitchOn", json::array(), fault("nor_vid", "on"),
+                            "nor lock 0x4000 0x6000", "FAILED\n", 1, json::array(), "fault", 1},
+                    NorCase{"WithoutTheDirectAccessDriverNothingIsTouched", nullptr, nullptr,
+                            "nor lock 0 0x4000", "open: No such file or directory\n", 1,
+                            json::array(), "mmap", 0}),
+    RowName());
 
 // --- mtd-utils against the same bad blocks --------------------------------------------------
 
