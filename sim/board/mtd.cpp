@@ -177,22 +177,17 @@ public:
         // when the write fails there.
         size_t unprotected =
             static_cast<size_t>(nor_protected_from(board_, p_.name, pos_, n) - pos_);
-        if (nand_page_fails(pos_, n) || unprotected < n) {
-            if (unprotected < n) {
-                program(static_cast<const uint8_t *>(buf), unprotected);
-                board_.advance_ns(unprotected * p_.write_ns_per_byte);
-                event["written"] = unprotected;
-            }
-            event["errno"] = EIO;
-            board_.trace("mtd_write", event);
-            return fail(EIO);
+        if (unprotected < n) {
+            program(static_cast<const uint8_t *>(buf), unprotected);
+            board_.advance_ns(unprotected * p_.write_ns_per_byte);
+            event["written"] = unprotected;
         }
+        if (unprotected < n || nand_page_fails(pos_, n))
+            return refuse("mtd_write", event, EIO);
         if (const json *fault = board_.take_fault("mtd_write", p_.name)) {
-            if (!fault->contains("bytes")) {
-                event["errno"] = errno_from_name(fault->value("errno", json("EIO")));
-                board_.trace("mtd_write", event);
-                return fail(event["errno"].get<int>());
-            }
+            if (!fault->contains("bytes"))
+                return refuse("mtd_write", event,
+                              errno_from_name(fault->value("errno", json("EIO"))));
             n = std::min<size_t>(n, fault->value("bytes", size_t{0}));
             event["short"] = n;
         }
@@ -269,16 +264,10 @@ private:
     int erase(uint64_t start, uint64_t length) {
         json event{{"mtd", p_.name}, {"start", start}, {"length", length}};
         if (p_.erasesize == 0 || start % p_.erasesize != 0 || length % p_.erasesize != 0 ||
-            start >= p_.size || length > p_.size - start) {
-            event["errno"] = EINVAL;
-            board_.trace("mtd_erase", event);
-            return fail(EINVAL);
-        }
-        if (const json *fault = board_.take_fault("mtd_erase", p_.name)) {
-            event["errno"] = errno_from_name(fault->value("errno", json("EIO")));
-            board_.trace("mtd_erase", event);
-            return fail(event["errno"].get<int>());
-        }
+            start >= p_.size || length > p_.size - start)
+            return refuse("mtd_erase", event, EINVAL);
+        if (const json *fault = board_.take_fault("mtd_erase", p_.name))
+            return refuse("mtd_erase", event, errno_from_name(fault->value("errno", json("EIO"))));
         // The drivers erase block by block (a NOR chip sector by sector): what lies before the
         // place they stop at is erased when the request fails there.
         uint64_t stop = erase_stop(start, start + length);
@@ -291,14 +280,19 @@ private:
             return fail(EIO);
         if (refused) {
             board_.advance_ns((span + p_.erasesize - 1) / p_.erasesize * p_.erase_ns);
-            event["errno"] = EIO;
-            board_.trace("mtd_erase", event);
-            return fail(EIO);
+            return refuse("mtd_erase", event, EIO);
         }
         bad_program_ = board_.take_fault("mtd_program", p_.name) != nullptr;
         board_.advance_ns(length / p_.erasesize * p_.erase_ns);
         board_.trace("mtd_erase", event);
         return 0;
+    }
+
+    // A refused request: its trace event (kind) carries the errno it fails with.
+    int refuse(const char *kind, json &event, int err) {
+        event["errno"] = err;
+        board_.trace(kind, event);
+        return fail(err);
     }
 
     // --- NAND bad blocks -------------------------------------------------------------------
