@@ -173,17 +173,15 @@ public:
         if (p_.nand && (pos_ % p_.writesize != 0 || n % p_.writesize != 0))
             return fail(EINVAL);
         json event{{"mtd", p_.name}, {"offset", pos_}, {"length", n}};
-        // The NOR driver programs word by word: what lies before a protected sector is written
-        // when the write fails there.
-        size_t unprotected =
-            static_cast<size_t>(nor_protected_from(board_, p_.name, pos_, n) - pos_);
-        if (unprotected < n) {
-            program(static_cast<const uint8_t *>(buf), unprotected);
-            board_.advance_ns(unprotected * p_.write_ns_per_byte);
-            event["written"] = unprotected;
-        }
-        if (unprotected < n || nand_page_fails(pos_, n))
+        // The drivers program page by page (a NOR chip word by word): what lies before the place
+        // they stop at is written when the write fails there.
+        size_t writable = static_cast<size_t>(write_stop(pos_, pos_ + n) - pos_);
+        if (writable < n) {
+            program(static_cast<const uint8_t *>(buf), writable);
+            board_.advance_ns(writable * p_.write_ns_per_byte);
+            event["written"] = writable;
             return refuse("mtd_write", event, EIO);
+        }
         if (const json *fault = board_.take_fault("mtd_write", p_.name)) {
             if (!fault->contains("bytes"))
                 return refuse("mtd_write", event,
@@ -352,15 +350,16 @@ private:
         return end;
     }
 
-    // A page program that meets an injected "nand_write_fail" block.
-    bool nand_page_fails(uint64_t offset, size_t n) {
-        if (!p_.nand || n == 0)
-            return false;
-        for (uint64_t b = offset / p_.erasesize; b <= (offset + n - 1) / p_.erasesize; ++b) {
+    // Where the drivers stop a write of [start, end): at the first protected NOR sector, or the
+    // first NAND block with an injected "nand_write_fail"; end when nothing stops them.
+    uint64_t write_stop(uint64_t start, uint64_t end) {
+        if (!p_.nand || start == end)
+            return nor_protected_from(board_, p_.name, start, end - start);
+        for (uint64_t b = start / p_.erasesize; b <= (end - 1) / p_.erasesize; ++b) {
             if (board_.take_fault("nand_write_fail", block_target(b)) != nullptr)
-                return true;
+                return std::max(start, b * p_.erasesize);
         }
-        return false;
+        return end;
     }
 
     // A write clears bits only; an injected bad program inverts the cycle's first byte.

@@ -117,13 +117,15 @@ TEST_F(DeviceRules, MtdDescriptorsDoOnlyWhatTheirOpenModeAllows) {
     close(read_write);
 }
 
-// The drivers go block by block (the NOR chip sector by sector, word by word): a request that
-// meets a protected sector or a bad block fails there with EIO, having done what lies before.
+// The drivers go block by block and page by page (the NOR chip sector by sector, word by word):
+// a request that meets a protected sector, a bad block or a failing block fails there with EIO,
+// having done what lies before.
 TEST_F(DeviceRules, AFailedEraseOrWriteHasDoneWhatLiesBeforeWhereItStopped) {
     change_config([](json &c) {
         c["mtd"][6]["drivers"] = json::array(); // uboot-nor, /dev/mtd6, present without its driver
         c["mtd"][1]["bad_blocks"] = {2};        // uboot_env, /dev/mtd1
         c["nor"]["protected"] = {5};            // 0x20000..0x2FFFF
+        c["faults"] = {fault("nand_write_fail", "uboot_env:1")};
     });
     std::filesystem::create_directories(dir_ / "mtd");
     std::ofstream(dir_ / "mtd/uboot-nor.bin") << std::string(0x40000, '\0');
@@ -137,13 +139,16 @@ TEST_F(DeviceRules, AFailedEraseOrWriteHasDoneWhatLiesBeforeWhereItStopped) {
     const std::string data(32, 'w');
     ASSERT_EQ(lseek(nor, 0x1FFF0, SEEK_SET), 0x1FFF0);
     EXPECT_EQ(error_of(write(nor, data.data(), data.size()) < 0), EIO);
+    const std::string pages(0x40000, 'n');
+    EXPECT_EQ(error_of(write(nand, pages.data(), pages.size()) < 0), EIO);
     close(nor);
     close(nand);
     const std::string flash = read_file("mtd/uboot-nor.bin");
     const std::string blocks = read_file("mtd/uboot_env.bin");
     EXPECT_TRUE(flash.substr(0, 0x40000) ==
                 std::string(0x1FFF0, '\xff') + data.substr(0, 16) + std::string(0x20000, '\0'));
-    EXPECT_TRUE(blocks == std::string(0x40000, '\xff') + std::string(0xC0000, '\0'));
+    EXPECT_TRUE(blocks == std::string(0x20000, 'n') + std::string(0x20000, '\xff') +
+                              std::string(0xC0000, '\0'));
 }
 
 // The microcontroller's link on the board, at its rate, opened with these flags.
