@@ -94,7 +94,7 @@ TEST(MediumCheck, EveryTrapIsReportedWithFileAndLine) {
     struct Case {
         const char *name;
         std::string list;  // flashimg.lst
-        Files files;       // in writedata
+        Files files;       // in writedata ("../update_mode.conf": beside the list)
         Severity severity; // also the most severe finding's: status Note 0, Warning 1, Error 2
         const char *where; // the end of file:line
         const char *text;
