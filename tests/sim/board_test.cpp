@@ -1,5 +1,5 @@
-// The simulator's board: where paths land, how shell commands are rewritten and checked,
-// and how faults are counted.
+// The simulator's board: how mounts fail, how shell commands are rewritten and checked,
+// and how register accesses arrive.
 #include "board/device.h"
 #include "support/board_fixture.h"
 
@@ -17,29 +17,6 @@ protected:
     }
     std::unique_ptr<Board> board_;
 };
-
-TEST_F(BoardTest, PathsLandInTheFileTreeOrInWhatIsMounted) {
-    std::string root = dir_.string() + "/fs";
-    ASSERT_EQ(board_->mount("ubi4_1", "/mnt/flash/model_data", "ubifs", 16), 0);
-    struct Case {
-        const char *path;
-        std::string host;
-    } cases[] = {
-        {"/tmp/M1/flashimg.lst", root + "/tmp/M1/flashimg.lst"},
-        {"/tmp/./M1/../M1", root + "/tmp/M1"},
-        {"/mnt/flash/model_data/a/b", dir_.string() + "/flash/ubi4_1/a/b"},
-        {"/mnt/flash/model_data_x", root + "/mnt/flash/model_data_x"},
-        {"/sys/block/sdb/size", root + "/sys/block/sdb/size"},
-        {"/dev/null", "/dev/null"},
-        {"/proc/self/status", "/proc/self/status"},
-        {"/etc/passwd", "/etc/passwd"},
-        {"relative/path", "relative/path"},
-    };
-    for (const Case &c : cases)
-        EXPECT_EQ(board_->resolve(c.path).path, c.host) << c.path;
-    ASSERT_EQ(board_->umount("/mnt/flash/model_data"), 0);
-    EXPECT_EQ(board_->resolve("/mnt/flash/model_data/a").path, root + "/mnt/flash/model_data/a");
-}
 
 TEST_F(BoardTest, MountsFailAsTheKernelWould) {
     struct Case {
@@ -81,22 +58,6 @@ TEST_F(BoardTest, ShellCommandsReachOnlyTheBoard) {
     for (const Case &c : cases)
         EXPECT_EQ(board_->foreign_path_in(board_->translate_command(c.command)), c.foreign)
             << c.command;
-}
-
-TEST_F(BoardTest, FaultsAreDueBySkipAndTimes) {
-    change_config([](json &c) {
-        c["faults"] = {testsupport::fault("mount", "a", {{"skip", 1}, {"times", 2}}),
-                       testsupport::fault("mount", "", {{"match", "cp"}})};
-    });
-    board_ = load_board();
-    ASSERT_TRUE(board_);
-    std::string due;
-    for (int i = 0; i < 5; ++i)
-        due += board_->take_fault("mount", "a") != nullptr ? 'F' : '.';
-    EXPECT_EQ(due, ".FF..");
-    EXPECT_NE(board_->take_fault("mount", "cp -rf x"), nullptr);
-    EXPECT_NE(board_->take_fault("mount", "cp -rf x"), nullptr); // no times: always
-    EXPECT_EQ(board_->take_fault("command", "cp -rf x"), nullptr);
 }
 
 // Device memory takes no unaligned access: the kernel's fix-up carries it out byte by byte,

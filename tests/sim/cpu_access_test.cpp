@@ -8,30 +8,6 @@
 namespace tvsim {
 namespace {
 
-TEST(X86AccessWidth, PlainMovesComparesAndTestsOnly) {
-    const struct {
-        std::vector<uint8_t> code;
-        unsigned width;
-    } cases[] = {
-        {{0x66, 0x89, 0x02}, 2},             // mov %ax,(%rdx)
-        {{0x0F, 0xB7, 0x00}, 2},             // movzwl (%rax),%eax
-        {{0x66, 0x83, 0x38, 0x01}, 2},       // cmpw $1,(%rax)
-        {{0x66, 0xC7, 0x00, 0xF0, 0x00}, 2}, // movw $0xf0,(%rax)
-        {{0x89, 0x02}, 4},                   // mov %eax,(%rdx)
-        {{0x41, 0x8B, 0x04, 0x24}, 4},       // mov (%r12),%eax: REX without W
-        {{0x88, 0x02}, 1},                   // mov %al,(%rdx)
-        {{0x0F, 0xBE, 0x00}, 1},             // movsbl (%rax),%eax
-        {{0x48, 0x89, 0x02}, 0},             // a 64-bit store
-        {{0xF3, 0x0F, 0x6F, 0x00}, 0},       // movdqu
-        {{0x01, 0x02}, 0},                   // add: a read-modify-write
-    };
-    for (const auto &c : cases) {
-        std::vector<uint8_t> code = c.code;
-        code.resize(16, 0x90);
-        EXPECT_EQ(x86_access_width(code.data()), c.width) << std::hex << int{c.code[0]};
-    }
-}
-
 // A decoded access in the assembler's notation.
 std::string text(const ArmAccess &a) {
     if (a.length == 0)
@@ -86,25 +62,6 @@ TEST(ArmAccessDecode, ThumbAndArmEncodingsAsTheAssemblerWroteThem) {
                                              static_cast<uint16_t>(c.code))
                               : decode_arm(c.code);
         EXPECT_EQ(text(a), c.expected) << std::hex << c.code;
-    }
-}
-
-TEST(ArmAccessDecode, AddressAndWriteback) {
-    uint32_t regs[16] = {};
-    regs[1] = 0x1000;
-    regs[2] = 3;
-    const struct {
-        ArmAccess access;
-        uint32_t address, base_after;
-    } cases[] = {
-        {decode_arm(0xE4D10001), 0x1000, 0x1001},     // post-indexed
-        {decode_thumb(0xF831, 0x0D02), 0xFFE, 0xFFE}, // pre-indexed, subtracted, written back
-        {decode_arm(0xE7910102), 0x100C, 0x1000},     // shifted register, base kept
-    };
-    for (const auto &c : cases) {
-        uint32_t base_after = 0;
-        EXPECT_EQ(arm_access_address(c.access, regs, &base_after), c.address);
-        EXPECT_EQ(base_after, c.base_after);
     }
 }
 
