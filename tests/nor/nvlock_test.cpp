@@ -32,21 +32,4 @@ TEST(NorSectorRange, FirstHoldsStartLastHoldsTheLastByte) {
     }
 }
 
-TEST(NorSectorRange, StartBeyondTheFlashIsRefusedWithItsMessage) {
-    unsigned first = 0, last = 0;
-    testing::internal::CaptureStdout();
-    EXPECT_FALSE(nor_sector_range(0x100000, 4, &first, &last));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "error: 0x100000 exceeds device size\n");
-}
-
-TEST(NorSectorTable, SectorsTileTheFlashBottomBoot) {
-    uint32_t next = 0;
-    for (unsigned s = 0; s < NOR_SECTOR_COUNT; ++s) {
-        EXPECT_EQ(sector_table[s].offset, next) << s;
-        next += sector_table[s].size;
-    }
-    EXPECT_EQ(next, NOR_FLASH_SIZE);
-    EXPECT_EQ(sector_table[3].size, 0x8000u);
-}
-
 } // namespace

@@ -1,16 +1,8 @@
 #include "tvmicro/tvm_update.h"
 
-#include <algorithm>
-#include <filesystem>
-#include <fstream>
+#include <cstdio>
 #include <gtest/gtest.h>
-#include <random>
-#include <spawn.h>
 #include <string>
-#include <sys/wait.h>
-#include <tuple>
-
-extern char **environ;
 
 namespace {
 
@@ -79,38 +71,6 @@ TEST(SRecordLoad, SectionsLoadRelativeToTheirFirstDataRecord) {
         EXPECT_EQ(start, c.start) << c.what;
         EXPECT_EQ(written_cells(), c.cells) << c.what;
     }
-}
-
-// Files made by srec_cat, with 2-, 3- and 4-byte addresses, load to exactly the bytes they were
-// made from.
-TEST(SRecordLoad, FilesFromSrecCatLoadToTheirBytes) {
-    std::filesystem::path dir = testing::TempDir() + "srec." + std::to_string(getpid());
-    std::filesystem::create_directories(dir);
-    std::string bin = dir / "image.bin", mot = dir / "image.mot";
-    for (auto [address_length, base, size] :
-         {std::tuple{2, 0x1000, 3001}, {3, 0x12000, MaxRomSize}, {4, 0x123400, 70000}}) {
-        std::string data(size, '\0');
-        std::generate(data.begin(), data.end(), std::mt19937(address_length));
-        std::ofstream(bin, std::ios::binary) << data;
-        std::string offset = std::to_string(base), at = "-execution-start-address=" + offset,
-                    length = "-address-length=" + std::to_string(address_length);
-        const char *argv[] = {"srec_cat",     bin.c_str(), "-binary",   "-offset",
-                              offset.c_str(), "-o",        mot.c_str(), "-motorola",
-                              length.c_str(), at.c_str(),  nullptr};
-        pid_t pid;
-        int status = -1;
-        ASSERT_TRUE(posix_spawnp(&pid, "srec_cat", nullptr, nullptr, const_cast<char **>(argv),
-                                 environ) == 0 &&
-                    waitpid(pid, &status, 0) == pid && status == 0);
-        FILE *file = fopen(mot.c_str(), "r");
-        uint32_t start = 0;
-        EXPECT_EQ(MotSRecordLoadImage(file, &start), 0);
-        fclose(file);
-        EXPECT_EQ(start, static_cast<uint32_t>(base));
-        EXPECT_TRUE(std::string(reinterpret_cast<const char *>(rom_buf), MaxRomSize) ==
-                    data + std::string(MaxRomSize - data.size(), '\xff'));
-    }
-    std::filesystem::remove_all(dir);
 }
 
 } // namespace
