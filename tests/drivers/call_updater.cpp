@@ -1,8 +1,6 @@
 // Calls one of the tool's updaters directly, for what the update run never asks of it:
 //   call_updater tvm_eeprom DIR MODEL TARGET
 //   call_updater tvm_hex DIR MODEL HDMI
-//   call_updater pelto DIR MODEL -
-//   call_updater kolma DIR MODEL INDEX
 //   call_updater vornek DIR - -
 //   call_updater pelto_read - - ADDRESS      (one byte of the Pelto EEPROM, printed in hex)
 // MODEL "-" passes no model name. Prints the updater's result and exits with 0 when it was 0.
@@ -33,10 +31,6 @@ int call(const char *updater, const char *dir, const char *model, const char *nu
         return Update_TVMHex(dir, model, number);
     if (strcmp(updater, "tvm_eeprom") == 0)
         return Update_TVMEeprom(dir, model, number);
-    if (strcmp(updater, "pelto") == 0)
-        return Update_PeltoEeprom(model, dir);
-    if (strcmp(updater, "kolma") == 0)
-        return Update_KOLMAEeprom(dir, model, &number);
     if (strcmp(updater, "vornek") == 0)
         return Update_VornekEeprom(dir);
     if (strcmp(updater, "pelto_read") == 0)
