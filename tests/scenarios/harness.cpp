@@ -195,18 +195,12 @@ std::string SimBoard::listing(const std::string &relative) const {
     return out;
 }
 
-std::vector<json> SimBoard::trace() const {
-    std::vector<json> events;
-    std::istringstream lines(read("trace.jsonl"));
-    for (std::string line; std::getline(lines, line);)
-        events.push_back(json::parse(line));
-    return events;
-}
-
 std::vector<json> SimBoard::trace(const std::string &kind) const {
     std::vector<json> events;
-    for (json &e : trace()) {
-        if (e.value("ev", "") == kind)
+    std::istringstream lines(read("trace.jsonl"));
+    for (std::string line; std::getline(lines, line);) {
+        json e = json::parse(line);
+        if (kind.empty() || e.value("ev", "") == kind)
             events.push_back(std::move(e));
     }
     return events;

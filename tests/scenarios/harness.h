@@ -71,9 +71,8 @@ public:
     void write(const std::string &relative, const std::string &bytes) const;
     // Names in a board folder, sorted ("" for a missing folder).
     std::string listing(const std::string &relative) const;
-    std::vector<json> trace() const;
-    // Trace events of one kind.
-    std::vector<json> trace(const std::string &kind) const;
+    // The trace events of one kind, or all of them.
+    std::vector<json> trace(const std::string &kind = "") const;
     // How many frames of each command the microcontroller took, by command name.
     std::map<std::string, int> uart_frames() const;
     // Board time in seconds (the virtual clock).
