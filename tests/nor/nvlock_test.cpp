@@ -32,4 +32,14 @@ TEST(NorSectorRange, FirstHoldsStartLastHoldsTheLastByte) {
     }
 }
 
+TEST(NorSectorTable, SectorsTileTheFlashBottomBoot) {
+    uint32_t next = 0;
+    for (unsigned s = 0; s < NOR_SECTOR_COUNT; ++s) {
+        EXPECT_EQ(sector_table[s].offset, next) << s;
+        next += sector_table[s].size;
+    }
+    EXPECT_EQ(next, NOR_FLASH_SIZE);
+    EXPECT_EQ(sector_table[3].size, 0x8000u);
+}
+
 } // namespace
