@@ -38,10 +38,9 @@ TEST_F(BoardTest, MountsFailAsTheKernelWould) {
 }
 
 TEST_F(BoardTest, ShellCommandsReachOnlyTheBoard) {
-    std::string root = dir_.string() + "/fs";
     // (The tool's own commands, cp and the application script, run in every update scenario.)
     EXPECT_EQ(board_->translate_command("ls /usr/bin >/dev/null;echo '/tmp/x'"),
-              "ls /usr/bin >/dev/null;echo '" + root + "/tmp/x'");
+              "ls /usr/bin >/dev/null;echo '" + dir_.string() + "/fs/tmp/x'");
     struct Case {
         const char *command;
         const char *foreign;
