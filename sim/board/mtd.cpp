@@ -174,10 +174,10 @@ public:
             return fail(EINVAL);
         json event{{"mtd", p_.name}, {"offset", pos_}, {"length", n}};
         // The drivers program page by page (a NOR chip word by word): what lies before the place
-        // they stop at is written when the write fails there.
-        size_t writable = static_cast<size_t>(write_stop(pos_, pos_ + n) - pos_);
+        // they stop at is written when the write fails there, as far as the power lasts.
+        size_t writable = static_cast<size_t>(stop_of(false, pos_, pos_ + n) - pos_);
         if (writable < n) {
-            program(static_cast<const uint8_t *>(buf), writable);
+            program(static_cast<const uint8_t *>(buf), board_.done_before_power_cut(writable));
             board_.advance_ns(writable * p_.write_ns_per_byte);
             event["written"] = writable;
             return refuse("mtd_write", event, EIO);
@@ -267,21 +267,18 @@ private:
         if (const json *fault = board_.take_fault("mtd_erase", p_.name))
             return refuse("mtd_erase", event, errno_from_name(fault->value("errno", json("EIO"))));
         // The drivers erase block by block (a NOR chip sector by sector): what lies before the
-        // place they stop at is erased when the request fails there.
-        uint64_t stop = erase_stop(start, start + length);
-        bool refused = stop < start + length;
-        uint64_t span = refused
-                            ? stop - start
-                            : board_.done_before_power_cut(length / p_.erasesize) * p_.erasesize;
-        std::vector<uint8_t> erased(span, 0xFF);
+        // place they stop at is erased when the request fails there, as far as the power lasts.
+        uint64_t stop = stop_of(true, start, start + length);
+        uint64_t blocks = (stop - start + p_.erasesize - 1) / p_.erasesize;
+        std::vector<uint8_t> erased(
+            std::min<uint64_t>(stop - start, board_.done_before_power_cut(blocks) * p_.erasesize),
+            0xFF);
         if (!store_contents(p_, start, erased.data(), erased.size()))
             return fail(EIO);
-        if (refused) {
-            board_.advance_ns((span + p_.erasesize - 1) / p_.erasesize * p_.erase_ns);
+        board_.advance_ns(blocks * p_.erase_ns);
+        if (stop < start + length)
             return refuse("mtd_erase", event, EIO);
-        }
         bad_program_ = board_.take_fault("mtd_program", p_.name) != nullptr;
-        board_.advance_ns(length / p_.erasesize * p_.erase_ns);
         board_.trace("mtd_erase", event);
         return 0;
     }
@@ -338,25 +335,16 @@ private:
         return 0;
     }
 
-    // Where the drivers stop an erase of [start, end): at the first protected NOR sector, NAND
-    // bad block or block with an injected "nand_erase_fail"; end when nothing stops them.
-    uint64_t erase_stop(uint64_t start, uint64_t end) {
-        if (!p_.nand)
-            return nor_protected_from(board_, p_.name, start, end - start);
-        for (uint64_t b = start / p_.erasesize; b < end / p_.erasesize; ++b) {
-            if (block_is_bad(b) || board_.take_fault("nand_erase_fail", block_target(b)) != nullptr)
-                return b * p_.erasesize;
-        }
-        return end;
-    }
-
-    // Where the drivers stop a write of [start, end): at the first protected NOR sector, or the
-    // first NAND block with an injected "nand_write_fail"; end when nothing stops them.
-    uint64_t write_stop(uint64_t start, uint64_t end) {
+    // Where the drivers stop an erase (erasing) or a write of [start, end): at the first
+    // protected NOR sector, or the first NAND block with an injected "nand_erase_fail" or
+    // "nand_write_fail" (an erase also at a bad block); end when nothing stops them.
+    uint64_t stop_of(bool erasing, uint64_t start, uint64_t end) {
         if (!p_.nand || start == end)
             return nor_protected_from(board_, p_.name, start, end - start);
+        const char *fails = erasing ? "nand_erase_fail" : "nand_write_fail";
         for (uint64_t b = start / p_.erasesize; b <= (end - 1) / p_.erasesize; ++b) {
-            if (board_.take_fault("nand_write_fail", block_target(b)) != nullptr)
+            if ((erasing && block_is_bad(b)) ||
+                board_.take_fault(fails, block_target(b)) != nullptr)
                 return std::max(start, b * p_.erasesize);
         }
         return end;
