@@ -29,11 +29,8 @@ protected:
         board.medium_list("M1", "fpga_eeprom\nfpga_tr6_eeprom\n");
         for (int type : {1, 2}) {
             std::string text;
-            for (unsigned a = 0; a < kBytes; ++a) {
-                char line[16];
-                snprintf(line, sizeof line, "%04X %02X\n", a, value(a, type));
-                text += line;
-            }
+            for (unsigned a = 0; a < kBytes; ++a)
+                text += format("%04X %02X\n", a, value(a, type));
             board.medium_file("M1/writedata/tr" + std::to_string(type + 4) + "_eep.txt", text);
         }
         std::filesystem::remove_all(board.dir());

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <bit>
-#include <cstdio>
 #include <filesystem>
 #include <gmock/gmock.h>
 
@@ -32,12 +31,6 @@ std::string rom_holding(const std::string &data) {
     return data + std::string(kRomSize - data.size(), '\xff');
 }
 
-std::string printed(const char *fmt, unsigned value) {
-    char text[96];
-    snprintf(text, sizeof text, fmt, value);
-    return text;
-}
-
 // What programming one ROM prints, from the file line to its end line.
 std::string rom_output(const std::string &name, size_t size) {
     std::string out = "Reading from file : /tmp/M1/writedata/" + name +
@@ -45,8 +38,8 @@ std::string rom_output(const std::string &name, size_t size) {
                       "Start erasing SPI-ROM, please wait... \n"
                       "Start writing to SPI-ROM, please wait... ";
     for (size_t at = 0; at < size; at += 256)
-        out += printed(" %3d %%\b\b\b\b\b\b", static_cast<unsigned>(at * 100 / size));
-    return out + printed("OK     \nEOF on reading image %dbyte!\n", static_cast<unsigned>(size));
+        out += format(" %3d %%\b\b\b\b\b\b", static_cast<unsigned>(at * 100 / size));
+    return out + format("OK     \nEOF on reading image %dbyte!\n", static_cast<unsigned>(size));
 }
 
 std::string done_line(int n) {
@@ -125,7 +118,7 @@ TEST_F(ConfigRoms, EverySelectedRomIsWrittenPageByPageAndItsFpgaConfigured) {
             body += rom_output(kImageNames[n], data.size()) +
                     (data.empty() ? " Timeout Config Done!\n" : done_line(n));
             for (size_t at = 0; at < data.size(); at += 256)
-                programs += printed("02%06X.../", static_cast<unsigned>(at)) +
+                programs += format("02%06X.../", static_cast<unsigned>(at)) +
                             std::to_string(4 + std::min<size_t>(256, data.size() - at)) + " ";
             EXPECT_TRUE(rom(n) == rom_holding(data)) << n;
             with_image |= 1u << n;

@@ -1,6 +1,7 @@
 #include "scenarios/harness.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -229,6 +230,12 @@ void Scenario::SetUp() {
 
 bool on_host() {
     return !armhf_variant();
+}
+
+std::string format(const char *fmt, unsigned a, unsigned b) {
+    char text[128];
+    snprintf(text, sizeof text, fmt, a, b);
+    return text;
 }
 
 std::string pattern(size_t length, unsigned seed) {

@@ -95,6 +95,9 @@ protected:
 // run beside it).
 bool on_host();
 
+// The text printf makes of fmt with up to two unsigned values.
+std::string format(const char *fmt, unsigned a, unsigned b = 0);
+
 // length bytes of a repeatable pseudo-random pattern.
 std::string pattern(size_t length, unsigned seed);
 

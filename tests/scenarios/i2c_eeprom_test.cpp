@@ -12,11 +12,8 @@ constexpr const char *kPeltoFile = "0011 A5\r\n00 10 5a\n0200 3C\n";
 // The KOLMA file: bytes 0x00..0x8F, value 7 times the address; three blocks are written.
 std::string kolma_file() {
     std::string text;
-    for (unsigned a = 0; a < 0x90; ++a) {
-        char line[16];
-        snprintf(line, sizeof line, "%04X %02X\n", a, (a * 7) & 0xFF);
-        text += line;
-    }
+    for (unsigned a = 0; a < 0x90; ++a)
+        text += format("%04X %02X\n", a, (a * 7) & 0xFF);
     return text;
 }
 

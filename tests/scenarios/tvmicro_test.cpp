@@ -2,7 +2,6 @@
 // the "TVM_DATA" text file, over the serial link, with the link's faults.
 #include "scenarios/harness.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -15,12 +14,6 @@ namespace {
 
 constexpr size_t kBankSize = 98304;
 constexpr uint32_t kBankBase[] = {0, 0x10000, 0x30000}; // the board's default bank addresses
-
-std::string format(const char *fmt, unsigned a, unsigned b = 0) {
-    char text[128];
-    snprintf(text, sizeof text, fmt, a, b);
-    return text;
-}
 
 class Microcontroller : public Scenario {
 protected:

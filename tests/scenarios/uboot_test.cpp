@@ -24,9 +24,7 @@ std::string progress(size_t length, size_t block) {
     std::string shown;
     for (size_t done = 0; done < length;) {
         done = std::min(length, done + block);
-        char step[16];
-        snprintf(step, sizeof step, " %3d %%", static_cast<int>(done * 100 / length));
-        shown += std::string(step) + "\b\b\b\b\b\b";
+        shown += format(" %3d %%\b\b\b\b\b\b", static_cast<unsigned>(done * 100 / length));
     }
     return shown;
 }
