@@ -9,8 +9,10 @@
 #include "board/mtd.h"
 #include "board/nor_flash.h"
 #include "board/spidev.h"
+#include "board/stored_cells.h"
 #include "board/ubi.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -142,6 +144,7 @@ bool Board::read_files(std::string *error) {
         *error = "state.json in " + dir_ + " is not a JSON object";
         return false;
     }
+    clock_ns_ = state_.value("clock_ns", uint64_t{0});
     return true;
 }
 
@@ -150,7 +153,15 @@ Board::~Board() {
         ::close(trace_fd_);
 }
 
+MemoryFile &Board::memory_file(const std::string &path) {
+    std::unique_ptr<MemoryFile> &file = memory_files_[path];
+    if (file == nullptr)
+        file = std::make_unique<MemoryFile>(path);
+    return *file;
+}
+
 void Board::save() {
+    state_["clock_ns"] = clock_ns_;
     std::string temp = file("state.json.new");
     if (write_file(temp, state_.dump(1)))
         ::rename(temp.c_str(), file("state.json").c_str());
@@ -162,8 +173,10 @@ void Board::reload() {
         return;
     json fresh = json::parse(text, nullptr, false);
     bool was_cut = power_was_cut();
-    if (fresh.is_object())
+    if (fresh.is_object()) {
         state_ = std::move(fresh);
+        clock_ns_ = state_.value("clock_ns", uint64_t{0});
+    }
     end_if_power_cut_since(was_cut);
 }
 
@@ -233,26 +246,77 @@ std::string Board::foreign_path_in(std::string_view translated) const {
     return foreign;
 }
 
-uint64_t Board::now_ns() const {
-    return state_.value("clock_ns", uint64_t{0});
+namespace {
+
+// Text as a JSON string. Plain text (the common case) is copied as it is; the rest goes
+// through the JSON library, which escapes and replaces bytes that are no UTF-8.
+void append_json_text(std::string &line, std::string_view text) {
+    bool plain = std::all_of(text.begin(), text.end(),
+                             [](char c) { return c >= 0x20 && c < 0x7F && c != '"' && c != '\\'; });
+    if (plain) {
+        line += '"';
+        line += text;
+        line += '"';
+    } else {
+        line += json(text).dump(-1, ' ', false, json::error_handler_t::replace);
+    }
 }
 
-void Board::advance_ns(uint64_t ns) {
-    state_["clock_ns"] = now_ns() + ns;
+} // namespace
+
+void TraceField::append_to(std::string &line) const {
+    line += ',';
+    append_json_text(line, name_);
+    line += ':';
+    switch (kind_) {
+    case kNumber:
+        line += text_;
+        break;
+    case kTrue:
+        line += "true";
+        break;
+    case kFalse:
+        line += "false";
+        break;
+    case kText:
+        append_json_text(line, text_);
+        break;
+    case kJson:
+        line += json_->dump(-1, ' ', false, json::error_handler_t::replace);
+        break;
+    }
 }
 
-void Board::trace(std::string_view kind, json fields) {
+void Board::trace(std::string_view kind, std::initializer_list<TraceField> fields) {
     if (trace_fd_ < 0)
         return;
-    json event = json{{"t", now_ns()}, {"ev", kind}};
-    event.update(fields);
-    bool cut = count_for_power_cut(event);
-    std::string line = event.dump() + "\n";
+    std::string line =
+        "{\"t\":" + std::to_string(now_ns()) + ",\"ev\":\"" + std::string(kind) + '"';
+    for (const TraceField &field : fields)
+        field.append_to(line);
+    write_event(kind, line);
+}
+
+void Board::trace(std::string_view kind, const json &fields) {
+    if (trace_fd_ < 0)
+        return;
+    std::string line =
+        "{\"t\":" + std::to_string(now_ns()) + ",\"ev\":\"" + std::string(kind) + '"';
+    for (const auto &[name, value] : fields.items())
+        TraceField(name, value).append_to(line);
+    write_event(kind, line);
+}
+
+void Board::write_event(std::string_view kind, std::string &line) {
+    bool cut = false;
+    if (uint64_t number = count_for_power_cut(kind, &cut); number != 0)
+        TraceField("power_event", number).append_to(line);
+    line += "}\n";
     if (::write(trace_fd_, line.data(), line.size()) < 0) {
         // The trace is an aid; a full disk must not change what the program sees.
     }
     if (cut)
-        lose_power(event);
+        lose_power(json::parse(line));
 }
 
 const json *Board::take_fault(std::string_view kind, std::string_view target) {
@@ -335,7 +399,7 @@ void Board::reboot() {
     for (const char *volatile_state : {"mounts", "modules"})
         state_[volatile_state] = json::array();
     state_["rescans"] = json::object();
-    state_["clock_ns"] = 0;
+    clock_ns_ = 0;
     state_.erase("soc");     // registers and pin latches come up at their reset values
     state_.erase("i2c");     // I2C devices lose their registers, the bus driver its status
     state_.erase("nodes");   // made in /tmp

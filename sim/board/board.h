@@ -3,17 +3,55 @@
 // file tree, media, flash volumes and device contents as plain files.
 #pragma once
 
+#include <concepts>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 
 namespace tvsim {
 
 using json = nlohmann::json;
 
 class Device;
+class MemoryFile;
+
+// One field of a trace event: its name and a number, a truth value, text or any JSON value.
+// Events are written field by field, without building a JSON object first: an update makes
+// tens of thousands of them.
+class TraceField {
+public:
+    template <std::integral T>
+    TraceField(std::string_view name, T value) : name_(name), kind_(kNumber) {
+        if constexpr (std::same_as<T, bool>)
+            kind_ = value ? kTrue : kFalse;
+        else if constexpr (std::signed_integral<T>)
+            text_ = std::to_string(static_cast<long long>(value));
+        else
+            text_ = std::to_string(static_cast<unsigned long long>(value));
+    }
+    TraceField(std::string_view name, const char *text)
+        : TraceField(name, std::string_view(text)) {}
+    TraceField(std::string_view name, const std::string &text)
+        : TraceField(name, std::string_view(text)) {}
+    TraceField(std::string_view name, std::string_view text)
+        : name_(name), kind_(kText), text_(text) {}
+    TraceField(std::string_view name, const json &value)
+        : name_(name), kind_(kJson), json_(&value) {}
+
+    // Appends ,"name":value to an event's line.
+    void append_to(std::string &line) const;
+
+private:
+    enum Kind { kNumber, kTrue, kFalse, kText, kJson };
+    std::string_view name_;
+    Kind kind_;
+    std::string text_;
+    const json *json_ = nullptr;
+};
 
 // Where a board path lands on the host.
 struct HostPath {
@@ -30,6 +68,14 @@ public:
     const std::string &dir() const { return dir_; }
     std::string file(std::string_view relative) const { return dir_ + "/" + std::string(relative); }
     const json &config() const { return config_; }
+    // What a model reads out of board.json, made by make once for as long as the board is
+    // loaded (board.json does not change meanwhile): the models need it at every event.
+    template <typename T> const T &derived(T (*make)(const Board &)) {
+        std::shared_ptr<void> &slot = derived_[reinterpret_cast<uintptr_t>(make)];
+        if (slot == nullptr)
+            slot = std::make_shared<T>(make(*this));
+        return *static_cast<const T *>(slot.get());
+    }
     json &state() { return state_; }
 
     // Writes state.json; reload() reads it again after another process (a shell command's
@@ -51,13 +97,19 @@ public:
     // and outside the programs a command may name, or "" when there is none.
     std::string foreign_path_in(std::string_view translated) const;
 
+    // The mapping of a device memory file (stored_cells.h), one per path for as long as the
+    // board is loaded.
+    MemoryFile &memory_file(const std::string &path);
+
     // --- virtual clock --------------------------------------------------------------------
-    uint64_t now_ns() const;
-    void advance_ns(uint64_t ns);
+    uint64_t now_ns() const { return clock_ns_; }
+    void advance_ns(uint64_t ns) { clock_ns_ += ns; }
 
     // --- trace --------------------------------------------------------------------------
-    // Appends one event ({"t": board time in ns, "ev": kind, ...fields}) to trace.jsonl.
-    void trace(std::string_view kind, json fields = json::object());
+    // Appends one event ({"t": board time in ns, "ev": kind, ...fields}) to trace.jsonl with
+    // one write, so that a program killed at any instant leaves whole lines.
+    void trace(std::string_view kind, std::initializer_list<TraceField> fields = {});
+    void trace(std::string_view kind, const json &fields);
 
     // --- faults -------------------------------------------------------------------------
     // Returns the first fault of this kind that applies to target (its "target" equals it, or
@@ -95,8 +147,11 @@ public:
 private:
     uint64_t power_cut_after() const;
     bool power_cut_is_next() const;
-    bool count_for_power_cut(json &event);
+    // The number of a counted event while a cut is pending (0 for others); *cut_now when the
+    // power goes right after it.
+    uint64_t count_for_power_cut(std::string_view kind, bool *cut_now);
     [[noreturn]] void lose_power(const json &event);
+    void write_event(std::string_view kind, std::string &line);
     void end_if_power_cut_since(bool was_cut);
     Board() = default;
     bool read_files(std::string *error);
@@ -106,6 +161,9 @@ private:
     json config_;
     json state_;
     int trace_fd_ = -1;
+    uint64_t clock_ns_ = 0; // state.json "clock_ns", kept here between saves: every event reads it
+    std::unordered_map<std::string, std::unique_ptr<MemoryFile>> memory_files_;
+    std::unordered_map<uintptr_t, std::shared_ptr<void>> derived_;
 
 public:
     ~Board();

@@ -1,14 +1,13 @@
 #include "board/config_roms.h"
 
 #include "board/registers.h"
+#include "board/stored_cells.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <filesystem>
 #include <limits>
-#include <unistd.h>
 
 namespace tvsim {
 
@@ -44,7 +43,7 @@ const json &spi_config(const Board &board) {
 }
 
 struct RomConfig {
-    std::string file;
+    std::string path; // of the contents file
     uint64_t size;
     uint32_t jedec_id;
     uint32_t page_size;
@@ -54,12 +53,12 @@ struct RomConfig {
     uint64_t load_ns;
 };
 
-RomConfig rom_config(const Board &board, int n) {
+RomConfig read_rom_config(const Board &board, int n) {
     const json &roms = member(spi_config(board), "roms");
     const json &c = roms.is_array() && static_cast<size_t>(n) < roms.size() ? roms[n] : json();
     RomConfig r;
-    r.file = member(c, "file").is_string() ? member(c, "file").get<std::string>()
-                                           : "spi_rom" + std::to_string(n) + ".bin";
+    r.path = board.file(member(c, "file").is_string() ? member(c, "file").get<std::string>()
+                                                      : "spi_rom" + std::to_string(n) + ".bin");
     r.size = std::max<uint64_t>(number_from(member(c, "size"), 2 * 1024 * 1024), 1);
     r.jedec_id = static_cast<uint32_t>(number_from(member(c, "jedec_id"), 0xEF4015));
     r.page_size =
@@ -69,6 +68,31 @@ RomConfig rom_config(const Board &board, int n) {
     r.protect = static_cast<uint8_t>(number_from(member(c, "protect"), 0) & kProtectBits);
     r.load_ns = number_from(member(c, "fpga_load_ms"), 350) * kNsPerMs;
     return r;
+}
+
+// The bus and its chips as board.json describes them.
+struct SpiSettings {
+    bool present; // the board has the SPI control device
+    uint64_t clock_hz;
+    RomConfig roms[kConfigRomCount];
+};
+
+SpiSettings read_spi_settings(const Board &board) {
+    const json &spi = spi_config(board);
+    SpiSettings s{.present = spi.is_object(),
+                  .clock_hz = std::max<uint64_t>(number_from(member(spi, "clock_hz"), 10000000), 1),
+                  .roms = {}};
+    for (int n = 0; n < kConfigRomCount; ++n)
+        s.roms[n] = read_rom_config(board, n);
+    return s;
+}
+
+const SpiSettings &spi_settings(Board &board) {
+    return board.derived(read_spi_settings);
+}
+
+const RomConfig &rom_config(Board &board, int n) {
+    return spi_settings(board).roms[n];
 }
 
 // Volatile state of chip or FPGA n (state.json "soc", cleared by a power cycle).
@@ -87,67 +111,25 @@ std::string hex_prefix(const uint8_t *bytes, size_t count, size_t limit = 8) {
     return hex_bytes(bytes, std::min(count, limit)) + (count > limit ? "..." : "");
 }
 
-// The contents of one chip, in its file (made erased, all 0xFF, when first used).
-class RomContents {
+// The contents of one chip, its file made at first use; a read runs on past the end from
+// address 0.
+class RomContents : public StoredCells {
 public:
     RomContents(Board &board, const RomConfig &config)
-        : path_(board.file(config.file)), size_(config.size) {}
-
-    void read(uint64_t address, uint8_t *out, size_t count) {
-        int fd = open_file();
-        for (size_t i = 0; i < count; ++i) {
-            uint64_t at = (address + i) % size_;
-            if (fd < 0 || ::pread(fd, out + i, 1, static_cast<off_t>(at)) != 1)
-                out[i] = 0xFF;
-        }
-        if (fd >= 0)
-            ::close(fd);
+        : StoredCells(board, config.path, config.size) {
+        make_file();
     }
 
-    // Programming only clears bits.
-    void program(uint64_t address, const uint8_t *data, size_t count) {
-        std::vector<uint8_t> old(count);
-        read(address, old.data(), count);
-        for (size_t i = 0; i < count; ++i)
-            old[i] &= data[i];
-        int fd = open_file();
-        if (fd < 0)
-            return;
-        if (::pwrite(fd, old.data(), count, static_cast<off_t>(address)) < 0) {
-            // an unwritable state file leaves the chip as it was
-        }
-        ::close(fd);
-    }
-
-    void erase() {
-        int fd = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-        if (fd < 0)
-            return;
-        fill_erased(fd);
-        ::close(fd);
-    }
-
-private:
-    int open_file() {
-        int fd = ::open(path_.c_str(), O_RDWR | O_CLOEXEC);
-        if (fd >= 0)
-            return fd;
-        fd = ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-        if (fd >= 0)
-            fill_erased(fd);
-        return fd;
-    }
-    void fill_erased(int fd) {
-        std::vector<uint8_t> ff(64 * 1024, 0xFF);
-        for (uint64_t at = 0; at < size_; at += ff.size()) {
-            size_t n = static_cast<size_t>(std::min<uint64_t>(ff.size(), size_ - at));
-            if (::pwrite(fd, ff.data(), n, static_cast<off_t>(at)) < 0)
-                return;
+    void read_around(uint64_t address, uint8_t *out, size_t count) const {
+        while (count > 0) {
+            address %= size();
+            size_t n = static_cast<size_t>(std::min<uint64_t>(count, size() - address));
+            read(address, out, n);
+            address += n;
+            out += n;
+            count -= n;
         }
     }
-
-    std::string path_;
-    uint64_t size_;
 };
 
 // One SPI NOR flash chip on the bus.
@@ -183,7 +165,7 @@ public:
             return;
         case 0x03:
             if (mosi.size() > 4)
-                contents_.read(address_of(mosi), miso.data() + 4, miso.size() - 4);
+                contents_.read_around(address_of(mosi), miso.data() + 4, miso.size() - 4);
             return;
         case 0x02:
             page_program(mosi);
@@ -261,7 +243,7 @@ private:
 
     Board &board_;
     int n_;
-    RomConfig config_;
+    const RomConfig &config_;
     RomContents contents_;
     json &state_;
 };
@@ -276,9 +258,8 @@ bool bus_connected(Board &board) {
 }
 
 bool image_valid(Board &board, int n) {
-    RomConfig config = rom_config(board, n);
     std::vector<uint8_t> head(kSyncWindow);
-    RomContents(board, config).read(0, head.data(), head.size());
+    RomContents(board, rom_config(board, n)).read(0, head.data(), head.size());
     return std::search(head.begin(), head.end(), std::begin(kSyncWord), std::end(kSyncWord)) !=
            head.end();
 }
@@ -408,9 +389,7 @@ void spi_bus_transfer(Board &board, const std::vector<uint8_t> &tx, std::vector<
 }
 
 void spi_bus_time(Board &board, size_t bytes) {
-    uint64_t clock =
-        std::max<uint64_t>(number_from(member(spi_config(board), "clock_hz"), 10000000), 1);
-    board.advance_ns(bytes * 8 * 1000000000ull / clock);
+    board.advance_ns(bytes * 8 * 1000000000ull / spi_settings(board).clock_hz);
 }
 
 std::unique_ptr<Device> open_spi_device(Board &board, std::string_view path, int, int *err) {
@@ -445,7 +424,7 @@ void refresh_misc_file(Board &board) {
 }
 
 void config_rom_pin_changed(Board &board, int pin, int level) {
-    if (!spi_config(board).is_object())
+    if (!spi_settings(board).present)
         return;
     for (int n = 0; n < kConfigRomCount; ++n) {
         if (pin == kAccessPins[n] && level != kGrantLevel[n]) {
@@ -460,7 +439,7 @@ void config_rom_pin_changed(Board &board, int pin, int level) {
 }
 
 int config_rom_pin_input(Board &board, int pin) {
-    if (!spi_config(board).is_object())
+    if (!spi_settings(board).present)
         return -1;
     for (int n = 0; n < kConfigRomCount; ++n) {
         if (pin != kDonePins[n])
@@ -477,7 +456,7 @@ int config_rom_pin_input(Board &board, int pin) {
 
 bool fpga_configured(Board &board, int n, uint64_t *since_ns) {
     *since_ns = 0;
-    if (!spi_config(board).is_object() || n < 0 || n >= kConfigRomCount)
+    if (!spi_settings(board).present || n < 0 || n >= kConfigRomCount)
         return false;
     const json &fpga = member(member(board.state(), "soc"), "fpga" + std::to_string(n));
     if (!fpga.is_object())

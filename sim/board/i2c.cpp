@@ -304,8 +304,9 @@ json &I2cDevice::volatile_state() {
     return state;
 }
 
-EepromCells::EepromCells(const Board &board, const json &device_config)
-    : StoredCells(board.file(device_config.value("file", "i2c/" + device_config.value("name", "") +
+EepromCells::EepromCells(Board &board, const json &device_config)
+    : StoredCells(board,
+                  board.file(device_config.value("file", "i2c/" + device_config.value("name", "") +
                                                              ".bin")),
                   number_from(member(device_config, "size"), 32768)) {}
 

@@ -81,10 +81,10 @@ std::unique_ptr<Device> open_i2c_bus(Board &board, std::string_view path, int fl
 json default_i2c_config();
 bool create_i2c_files(const std::string &board_dir, const json &config);
 
-// An EEPROM's cells, kept in a plain file of the board and written through at once.
+// An EEPROM's cells, kept in a plain file of the board.
 class EepromCells : public StoredCells {
 public:
-    EepromCells(const Board &board, const json &device_config);
+    EepromCells(Board &board, const json &device_config);
 };
 
 } // namespace tvsim

@@ -23,6 +23,8 @@ constexpr uint64_t kNsPerSecond = 1000000000ull;
 constexpr uint64_t kBitsPerByte = 10; // start bit, 8 data bits, stop bit
 constexpr size_t kBankSize = 98304;
 constexpr size_t kBlockSize = 64;
+// Where a firmware image keeps its version byte, from the start of its bank.
+constexpr size_t kVersionOffset = 0x100;
 constexpr uint8_t kStart = 0x3A;
 constexpr uint8_t kAck = 0x30;
 constexpr uint8_t kNak = 0x31;
@@ -95,8 +97,8 @@ size_t memory_size(const json &config, const MemoryLayout &layout) {
 // One memory of the microcontroller.
 class Memory : public StoredCells {
 public:
-    Memory(const Board &board, const MemoryLayout &layout)
-        : StoredCells(board.file(layout.file), memory_size(settings(board), layout)) {}
+    Memory(Board &board, const MemoryLayout &layout)
+        : StoredCells(board, board.file(layout.file), memory_size(settings(board), layout)) {}
 };
 
 // What a command did: its acknowledge byte (reply byte 3), the bytes of its reply from byte 4
@@ -187,6 +189,17 @@ private:
     // The bank named in board.json, until a power cycle has started another one.
     int running_bank() {
         return state().value("running_bank", static_cast<int>(setting(board_, "running_bank", 1)));
+    }
+
+    // The version the running firmware reports: board.json's for the firmware the board was
+    // made with; a firmware written since carries its own at version_offset of its bank.
+    uint8_t running_version() {
+        int number = running_bank();
+        const json &rewritten = member(state(), "rewritten_banks");
+        if (!rewritten.is_array() ||
+            std::find(rewritten.begin(), rewritten.end(), number) == rewritten.end())
+            return static_cast<uint8_t>(setting(board_, "software_version", 16));
+        return bank(number).get(setting(board_, "version_offset", kVersionOffset));
     }
 
     Memory &bank(int number) { return number == 2 ? bank2_ : bank1_; }
@@ -294,7 +307,7 @@ private:
         case 0x21:
             return status();
         case 0x28:
-            return Outcome{kAck, {static_cast<uint8_t>(setting(board_, "software_version", 16))}};
+            return Outcome{kAck, {running_version()}};
         case 0x83:
             return Outcome{kAck, {static_cast<uint8_t>(setting(board_, "micro_id", 33))}};
         case 0x16:
@@ -389,6 +402,10 @@ private:
             return refused();
         bank(number).erase();
         state()["erased_bank"] = number;
+        json &rewritten = state()["rewritten_banks"];
+        if (!rewritten.is_array() ||
+            std::find(rewritten.begin(), rewritten.end(), number) == rewritten.end())
+            rewritten.push_back(number);
         return Outcome{kAck, {}, setting(board_, "erase_ms", 300) * kNsPerMs};
     }
 
@@ -405,9 +422,11 @@ private:
     Outcome bank_checksum(uint8_t number) {
         if (number != 1 && number != 2)
             return refused();
+        Bytes cells(kBankSize);
+        bank(number).read(0, cells.data(), cells.size());
         uint16_t sum = 0;
-        for (char byte : bank(number).bytes())
-            sum = static_cast<uint16_t>(sum + static_cast<uint8_t>(byte));
+        for (uint8_t byte : cells)
+            sum = static_cast<uint16_t>(sum + byte);
         if (const json *f = board_.take_fault("checksum_differs", "checksum"))
             sum = static_cast<uint16_t>(sum + f->value("delta", 1));
         return Outcome{kAck, {static_cast<uint8_t>(sum >> 8), static_cast<uint8_t>(sum)}};
@@ -421,9 +440,11 @@ private:
         state()["writing_mode"] = false;
         state()["write_closed"] = true;
         int erased = state().value("erased_bank", 0);
-        if (erased != 0)
-            state()["boot_bank"] = erased; // starts from the new firmware at the next power-up
         state()["erased_bank"] = 0;
+        if (erased != 0) {
+            state()["boot_bank"] = erased; // starts from the new firmware at the next power-up
+            board_.save();                 // which the program's end does not decide
+        }
         return Outcome{};
     }
 
@@ -455,9 +476,7 @@ private:
             return refused();
         Outcome o;
         o.payload.assign(1 + kBlockSize, 0); // byte 4, then the data from byte 5
-        const std::string &cells = eeprom_.bytes();
-        for (size_t i = 0; i < count; ++i)
-            o.payload[1 + i] = static_cast<uint8_t>(cells[address + i]);
+        eeprom_.read(address, o.payload.data() + 1, count);
         return o;
     }
 
@@ -503,6 +522,8 @@ void power_cycle_microcontroller(Board &board) {
     json after = json::object();
     if (s.is_object() && (s.contains("boot_bank") || s.contains("running_bank")))
         after["running_bank"] = s.contains("boot_bank") ? s["boot_bank"] : s["running_bank"];
+    if (s.is_object() && s.contains("rewritten_banks"))
+        after["rewritten_banks"] = s["rewritten_banks"]; // flash, not RAM
     s = after;
 }
 

@@ -3,6 +3,7 @@
 #include "board/device.h"
 #include "board/modules.h"
 #include "board/nor_flash.h"
+#include "board/stored_cells.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -75,53 +76,6 @@ std::vector<Partition> present_partitions(Board &board) {
     return found;
 }
 
-// Reads n bytes at offset: the contents file, erased (0xFF) beyond its end.
-void read_contents(const Partition &p, uint64_t offset, uint8_t *out, size_t n) {
-    memset(out, 0xFF, n);
-    int fd = ::open(p.contents.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return;
-    size_t done = 0;
-    while (done < n) {
-        ssize_t got = ::pread(fd, out + done, n - done, static_cast<off_t>(offset + done));
-        if (got <= 0)
-            break;
-        done += static_cast<size_t>(got);
-    }
-    if (done < n)
-        memset(out + done, 0xFF, n - done);
-    ::close(fd);
-}
-
-bool pwrite_whole(int fd, const uint8_t *data, size_t n, uint64_t offset) {
-    while (n > 0) {
-        ssize_t put = ::pwrite(fd, data, n, static_cast<off_t>(offset));
-        if (put <= 0)
-            return false;
-        data += put;
-        n -= static_cast<size_t>(put);
-        offset += static_cast<uint64_t>(put);
-    }
-    return true;
-}
-
-// Stores n bytes at offset, first making the contents file the partition's full size.
-bool store_contents(const Partition &p, uint64_t offset, const uint8_t *data, size_t n) {
-    std::error_code ec;
-    fs::create_directories(fs::path(p.contents).parent_path(), ec);
-    int fd = ::open(p.contents.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    if (fd < 0)
-        return false;
-    struct stat st;
-    bool ok = ::fstat(fd, &st) == 0;
-    if (ok && static_cast<uint64_t>(st.st_size) < p.size) {
-        std::vector<uint8_t> erased(p.size - static_cast<uint64_t>(st.st_size), 0xFF);
-        ok = pwrite_whole(fd, erased.data(), erased.size(), static_cast<uint64_t>(st.st_size));
-    }
-    ok = ok && pwrite_whole(fd, data, n, offset);
-    return ::close(fd) == 0 && ok;
-}
-
 int fail(int err) {
     errno = err;
     return -1;
@@ -149,8 +103,8 @@ bool safe_request(uint32_t request) {
 class MtdDevice : public Device {
 public:
     MtdDevice(Board &board, Partition partition, int access)
-        : Device(board), p_(std::move(partition)), readable_(access != O_WRONLY),
-          writable_(access != O_RDONLY) {}
+        : Device(board), p_(std::move(partition)), cells_(board, p_.contents, p_.size),
+          readable_(access != O_WRONLY), writable_(access != O_RDONLY) {}
 
     ssize_t read(void *buf, size_t count) override {
         if (!readable_)
@@ -158,7 +112,7 @@ public:
         if (pos_ >= p_.size)
             return 0;
         size_t n = static_cast<size_t>(std::min<uint64_t>(count, p_.size - pos_));
-        read_contents(p_, pos_, static_cast<uint8_t *>(buf), n);
+        cells_.read(pos_, static_cast<uint8_t *>(buf), n);
         board_.trace("mtd_read", {{"mtd", p_.name}, {"offset", pos_}, {"length", n}});
         pos_ += n;
         return static_cast<ssize_t>(n);
@@ -270,11 +224,8 @@ private:
         // place they stop at is erased when the request fails there, as far as the power lasts.
         uint64_t stop = stop_of(true, start, start + length);
         uint64_t blocks = (stop - start + p_.erasesize - 1) / p_.erasesize;
-        std::vector<uint8_t> erased(
-            std::min<uint64_t>(stop - start, board_.done_before_power_cut(blocks) * p_.erasesize),
-            0xFF);
-        if (!store_contents(p_, start, erased.data(), erased.size()))
-            return fail(EIO);
+        cells_.erase(start, std::min<uint64_t>(stop - start, board_.done_before_power_cut(blocks) *
+                                                                 p_.erasesize));
         board_.advance_ns(blocks * p_.erase_ns);
         if (stop < start + length)
             return refuse("mtd_erase", event, EIO);
@@ -321,8 +272,10 @@ private:
             return fail(EINVAL);
         uint64_t block = static_cast<uint64_t>(offset) / p_.erasesize;
         board_.trace("mtd_markbad", {{"mtd", p_.name}, {"block", block}});
-        if (!block_is_bad(block))
+        if (!block_is_bad(block)) {
             board_.state()["nand_bad_blocks"][p_.name].push_back(block);
+            board_.save(); // the mark outlives the program
+        }
         return 0;
     }
 
@@ -354,18 +307,16 @@ private:
     void program(const uint8_t *data, size_t n) {
         if (n == 0)
             return;
-        std::vector<uint8_t> cells(n);
-        read_contents(p_, pos_, cells.data(), n);
-        for (size_t i = 0; i < n; ++i)
-            cells[i] &= data[i];
-        if (bad_program_ && n > 0) {
-            cells[0] = static_cast<uint8_t>(~data[0]);
+        cells_.program(pos_, data, n);
+        if (bad_program_) {
+            uint8_t inverted = static_cast<uint8_t>(~data[0]);
+            cells_.put(pos_, &inverted, 1);
             bad_program_ = false;
         }
-        store_contents(p_, pos_, cells.data(), n);
     }
 
     Partition p_;
+    StoredCells cells_;
     bool readable_;
     bool writable_;
     uint64_t pos_ = 0;

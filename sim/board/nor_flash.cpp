@@ -1,11 +1,10 @@
 #include "board/nor_flash.h"
 
 #include "board/control.h"
+#include "board/stored_cells.h"
 
 #include <algorithm>
 #include <cstdio>
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace tvsim {
 
@@ -248,18 +247,14 @@ private:
             if ((unprotect || s == sector) && !board_.take_fault("nor_verify", std::to_string(s)))
                 set_protected(board_, s, !unprotect);
         }
+        board_.save(); // protection outlives the program
     }
 
     uint16_t array_word(uint32_t at) {
-        uint8_t bytes[2] = {0xFF, 0xFF};
-        int fd = ::open(board_.file("mtd/" + nor_partition(board_) + ".bin").c_str(),
-                        O_RDONLY | O_CLOEXEC);
-        if (fd >= 0) {
-            if (::pread(fd, bytes, sizeof bytes, at) < 0) {
-                // unreadable: reads as erased
-            }
-            ::close(fd);
-        }
+        uint8_t bytes[2];
+        StoredCells(board_, board_.file("mtd/" + nor_partition(board_) + ".bin"),
+                    kNorWindows[1].size)
+            .read(at, bytes, sizeof bytes);
         return static_cast<uint16_t>(bytes[0] | (bytes[1] << 8));
     }
 

@@ -65,14 +65,14 @@ size_t Board::done_before_power_cut(size_t count) {
     return done;
 }
 
-bool Board::count_for_power_cut(json &event) {
-    if (power_cut_after() == 0 || !counted(event["ev"].get<std::string>()))
-        return false;
-    bool cut_now = power_cut_is_next();
+uint64_t Board::count_for_power_cut(std::string_view kind, bool *cut_now) {
+    if (power_cut_after() == 0 || !counted(kind))
+        return 0;
+    *cut_now = power_cut_is_next();
     json &record = state_["power_cut"];
-    record["events"] = number_from(member(record, "events"), 0) + 1;
-    event["power_event"] = record["events"];
-    return cut_now;
+    uint64_t number = number_from(member(record, "events"), 0) + 1;
+    record["events"] = number;
+    return number;
 }
 
 void Board::lose_power(const json &event) {

@@ -3,7 +3,6 @@
 #include "board/config_roms.h"
 
 #include <cstdio>
-#include <cstdlib>
 
 namespace tvsim {
 
@@ -48,30 +47,30 @@ void set_output_latch(Board &board, int bank, uint32_t value) {
     latches[bank] = value;
 }
 
-// The pins of a bank that are driven from outside (board.json first, then the wired models),
-// and their levels.
+// The level a pin is driven to from outside (board.json before the wired models), or -1 when
+// nothing drives it.
+int input_level(Board &board, int pin) {
+    const json &level =
+        member(member(member(board.config(), "soc"), "pin_inputs"), std::to_string(pin));
+    if (!level.is_null())
+        return number_from(level, 0) != 0 ? 1 : 0;
+    for (const PinWiring &wiring : kPinWiring) {
+        if (int driven = wiring.input_level(board, pin); driven >= 0)
+            return driven;
+    }
+    return -1;
+}
+
+// The pins of a bank that are driven from outside, and their levels.
 void bank_inputs(Board &board, int bank, uint32_t *mask, uint32_t *levels) {
     *mask = 0;
     *levels = 0;
     for (int bit = 0; bit < kPinsPerBank; ++bit) {
-        for (const PinWiring &wiring : kPinWiring) {
-            int level = wiring.input_level(board, bank * kPinsPerBank + bit);
-            if (level >= 0) {
-                *mask |= 1u << bit;
-                *levels = (*levels & ~(1u << bit)) | (static_cast<uint32_t>(level) << bit);
-            }
+        int level = input_level(board, bank * kPinsPerBank + bit);
+        if (level >= 0) {
+            *mask |= 1u << bit;
+            *levels |= static_cast<uint32_t>(level) << bit;
         }
-    }
-    const json &inputs = member(member(board.config(), "soc"), "pin_inputs");
-    if (!inputs.is_object())
-        return;
-    for (const auto &[key, level] : inputs.items()) {
-        int pin = atoi(key.c_str());
-        if (pin / kPinsPerBank != bank || pin < 0)
-            continue;
-        uint32_t bit = 1u << (pin % kPinsPerBank);
-        *mask |= bit;
-        *levels = number_from(level, 0) != 0 ? *levels | bit : *levels & ~bit;
     }
 }
 
@@ -144,11 +143,9 @@ std::unique_ptr<RegisterSpace> soc_registers(Board &board, const SocWindow &wind
 int pin_level(Board &board, int pin) {
     if (pin < 0 || pin >= kBanks * kPinsPerBank)
         return 0;
-    int bank = pin / kPinsPerBank;
-    uint32_t mask, levels;
-    bank_inputs(board, bank, &mask, &levels);
-    uint32_t value = (output_latch(board, bank) & ~mask) | levels;
-    return static_cast<int>((value >> (pin % kPinsPerBank)) & 1);
+    if (int level = input_level(board, pin); level >= 0)
+        return level;
+    return static_cast<int>((output_latch(board, pin / kPinsPerBank) >> (pin % kPinsPerBank)) & 1);
 }
 
 json default_soc_config() {

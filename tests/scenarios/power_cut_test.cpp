@@ -24,9 +24,8 @@ struct Cut {
     const char *what;  // its "cmd" or "mtd"
     int nth;           // which of those events (1 for the first)
     bool mid_write;
-    int running_bank;           // the bank the microcontroller starts after the cut
-    BootLoader boot_loader;     // what the boot partition holds after the cut
-    bool rerun_matches_one_run; // the rerun leaves the board an uninterrupted run leaves
+    int running_bank;       // the bank the microcontroller starts after the cut
+    BootLoader boot_loader; // what the boot partition holds after the cut
 };
 
 class PowerCut : public Scenario {
@@ -65,11 +64,11 @@ TEST_F(PowerCut, TheBoardKeepsWhatTheHardwareWouldAndARerunRepairsIt) {
         one_run[2].substr(0, 0x8000) + std::string(kPartition - 0x8000, '\xff'), one_run[2]};
 
     const Cut cuts[] = {
-        {"a firmware block", "uart_frame", "write_flash", 100, false, 1, Old, true},
-        {"the close of writing mode, taken", "uart_frame", "close_write", 1, false, 1, Old, true},
-        {"the boot loader's erase", "mtd_erase", "uboot-spi", 1, false, 2, Erased, false},
-        {"the boot loader's first chunk", "mtd_write", "uboot-spi", 1, true, 2, Half, false},
-        {"the boot loader's last chunk", "mtd_write", "uboot-spi", 3, false, 2, New, false},
+        {"a firmware block", "uart_frame", "write_flash", 100, false, 1, Old},
+        {"the close of writing mode, taken", "uart_frame", "close_write", 1, false, 1, Old},
+        {"the boot loader's erase", "mtd_erase", "uboot-spi", 1, false, 2, Erased},
+        {"the boot loader's first chunk", "mtd_write", "uboot-spi", 1, true, 2, Half},
+        {"the boot loader's last chunk", "mtd_write", "uboot-spi", 3, false, 2, New},
     };
     for (const Cut &cut : cuts) {
         SCOPED_TRACE(cut.name);
@@ -97,8 +96,9 @@ TEST_F(PowerCut, TheBoardKeepsWhatTheHardwareWouldAndARerunRepairsIt) {
 
         EXPECT_EQ(board.tvupdate({kModel}).exit_status, 0);
         board.reboot();
-        EXPECT_EQ(memories() == one_run, cut.rerun_matches_one_run);
-        EXPECT_EQ(memories()[2], one_run[2]) << "the rerun did not restore the boot loader";
+        // A cut after the firmware was installed leaves it running from bank 2 with its own
+        // version, which the rerun finds up to date: the board ends as after one update.
+        EXPECT_TRUE(memories() == one_run) << "the rerun did not restore the board";
     }
 }
 

@@ -137,6 +137,37 @@ TEST_F(Microcontroller, FirmwareGoesToTheBankThatIsNotRunningAndIsChecked) {
         json::parse(board.read("state.json"))["microcontroller"].value("writing_mode", false));
 }
 
+// The microcontroller reports the version of the firmware it runs: board.json's for the one the
+// board was made with, for a firmware written since the byte it keeps at version_offset of its
+// bank (0x100 by default), and only once a restart runs it. An update finds it up to date then.
+TEST_F(Microcontroller, ReportsTheVersionOfTheFirmwareItRuns) {
+    auto byte_at = [&](size_t offset) { return static_cast<uint8_t>(bank_data[2][offset]); };
+    uint8_t version = byte_at(0x100);
+    size_t other = 0; // where bank 2 holds a version byte the file does not name
+    while (byte_at(other) == version || byte_at(other) >= 0xF0)
+        ++other;
+    struct Case {
+        json micro;
+        bool restart;
+        const char *erases_in_both_runs;
+    } cases[] = {
+        {json::object(), true, "1"},
+        {json::object(), false, "2"}, // still running the old firmware
+        {{{"version_offset", other}}, true, "2"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.micro.dump() + (c.restart ? " restarted" : ""));
+        json micro = c.micro;
+        micro["software_version"] = version == 0x20 ? 0x21 : 0x20;
+        make_board(format("VERSION=%02X", version), micro);
+        ASSERT_EQ(board.tvupdate({"M1"}).exit_status, 0);
+        if (c.restart)
+            board.reboot();
+        EXPECT_EQ(board.tvupdate({"M1"}).exit_status, 0);
+        EXPECT_EQ(frames({"erase"}), c.erases_in_both_runs);
+    }
+}
+
 // Each case leaves the flash as it was; the run's result and lines tell why.
 TEST_F(Microcontroller, VersionAndIdDecideWhetherToProgram) {
     struct Case {
