@@ -3,8 +3,15 @@
 # application, every data directory, the TV microcontroller's EEPROM and firmware and the boot
 # loader, the Pelto and KOLMA EEPROMs, the three FPGA configuration ROMs, both FPGA EEPROMs, and
 # the files each of them needs.
-# Usage: make-demo-medium.sh DIR MODEL
+# Usage: make-demo-medium.sh [--rom-bytes N] DIR MODEL
+#   --rom-bytes N  FPGA configuration ROM images of N bytes (real ones are about 2 MiB):
+#                  the sync word, then random bytes (the same on every run)
 set -eu
+rom_bytes=
+if [ "${1:-}" = --rom-bytes ]; then
+    rom_bytes=$2
+    shift 2
+fi
 dir=$1
 model=$2
 top="$dir/$model"
@@ -50,11 +57,14 @@ printf 'P1\n2 2\n1 0\n0 1\n' > "$data/bitmap/logo.pbm"
 } > "$data/TVM_DATA_demo.txt"
 
 # Its firmware: a section per flash bank (at the simulated board's bank addresses), version
-# 11 for microcontroller ID 21, S-records made by srec_cat.
+# 11 for microcontroller ID 21, S-records made by srec_cat. The firmware keeps its version
+# byte 0x100 bytes into its bank, where the running microcontroller reports it from.
 for bank in 1 2; do
     base=$((bank == 1 ? 0x10000 : 0x30000))
     printf 'TVM_BANK%d\nVERSION 11\nMICRO ID 21\nS-records of bank %d follow\n' $bank $bank
     srec_cat -generate $base $((base + 24576)) -repeat-string "$model firmware, bank $bank. " \
+        -exclude $((base + 0x100)) $((base + 0x101)) \
+        -generate $((base + 0x100)) $((base + 0x101)) -constant 0x11 \
         -o - -motorola -execution-start-address=$base
 done > "$data/tvm.mot"
 
@@ -82,11 +92,17 @@ done > "$data/kolma_eep_demo.txt"
 for rom in fpga_config_sum_tr1 fpga_config_sum_tr5 fpga_config_lgd_tr6; do
     {
         printf '\377\377\377\377\377\377\377\377\377\377\377\377\377\377\377\377\252\231\125\146'
-        i=0
-        while [ $i -lt 1500 ]; do
-            printf '%s configuration frame %04d\n' "$rom" $i
-            i=$((i + 1))
-        done
+        if [ -n "$rom_bytes" ]; then
+            python3 -c 'import random, sys
+random.seed(sys.argv[1])
+sys.stdout.buffer.write(random.randbytes(int(sys.argv[2]) - 20))' "$rom" "$rom_bytes"
+        else
+            i=0
+            while [ $i -lt 1500 ]; do
+                printf '%s configuration frame %04d\n' "$rom" $i
+                i=$((i + 1))
+            done
+        fi
     } > "$data/$rom.bin"
 done
 

@@ -8,7 +8,13 @@ running bank whole), runs the same update again to its end, power-cycles and com
 memory of the board with the reference. Prints a table grouped by where the cut fell and why a
 point was not recovered. A benchmark, not a test: run it under nice, it takes long.
 
-Usage: power-cut-sweep.py [--build build/host] [--step N] [--jobs J] [--markdown FILE]
+The cut points split into shards (--shard K/N: every N-th point from the K-th on), so that
+several machines or GNU parallel can share a sweep; each shard writes its results (--results),
+and --merge makes the one table of them all.
+
+Usage: power-cut-sweep.py [--build build/host] [--rom-bytes N] [--step N] [--jobs J]
+                          [--shard K/N] [--results FILE] [--markdown FILE]
+       power-cut-sweep.py --merge FILE... [--markdown FILE]
 """
 import argparse
 import concurrent.futures
@@ -128,6 +134,7 @@ def where(event):
 
 class Sweep:
     def __init__(self, args):
+        self.rom_bytes = args.rom_bytes
         self.build = os.path.abspath(args.build)
         self.tvsim = os.path.join(self.build, "tvsim")
         self.tool = os.path.join(self.build, "tvupdate")
@@ -143,7 +150,9 @@ class Sweep:
 
     def make_template(self):
         medium = os.path.join(self.work, "medium")
-        run([os.path.join(HERE, "tools/make-demo-medium.sh"), medium, MODEL], check=True)
+        sizes = ["--rom-bytes", str(self.rom_bytes)] if self.rom_bytes else []
+        run([os.path.join(HERE, "tools/make-demo-medium.sh")] + sizes + [medium, MODEL],
+            check=True)
         run([self.tvsim, "new", self.template, "--usb", medium], check=True)
         # The board runs an older firmware and boot loader, as one in the field does.
         with open(os.path.join(self.template, "tvm/bank1.bin"), "r+b") as f:
@@ -244,6 +253,19 @@ class Sweep:
         return chosen
 
 
+def summary(shards):
+    """The sweep's figures from its shards' first lines."""
+    first = shards[0]
+    count = first["shards"]
+    seen = sorted(s["shard"] for s in shards)
+    if seen != list(range(1, count + 1)):
+        sys.exit("shards %s of %d given; a sweep needs each once" % (seen, count))
+    return ("\n%d device events in the update, %d cut points in %d shard(s); the slowest "
+            "shard took %.0f s with %d job(s)." % (first["events"], first["points"], count,
+                                                    max(s["seconds"] for s in shards),
+                                                    first["jobs"]))
+
+
 def table(results):
     groups = {}
     for r in results:
@@ -270,23 +292,49 @@ def main():
     parser.add_argument("--step", type=int, default=1,
                         help="try every STEP-th SPI, UART and I2C transfer (others: all)")
     parser.add_argument("--jobs", type=int, default=1)
+    parser.add_argument("--rom-bytes", type=int,
+                        help="FPGA ROM images of this size on the medium (real ones: 2097152)")
+    parser.add_argument("--shard", default="1/1",
+                        help="K/N: try every N-th cut point from the K-th on")
+    parser.add_argument("--results", help="write the shard's results to this file")
+    parser.add_argument("--merge", nargs="+", metavar="FILE",
+                        help="make the table of these shards' results; run nothing")
     parser.add_argument("--markdown", help="also write the table to this file")
     args = parser.parse_args()
-    started = time.time()
-    sweep = Sweep(args)
-    try:
-        sweep.make_template()
-        sweep.reference()
-        points = sweep.points(args.step)
-        print("%d device events in the update; trying %d cut points" %
-              (len(sweep.events), len(points)), flush=True)
-        with concurrent.futures.ThreadPoolExecutor(args.jobs) as pool:
-            results = [r for r in pool.map(lambda p: sweep.try_cut(*p), points) if r]
-    finally:
-        shutil.rmtree(sweep.work, ignore_errors=True)
-    text = table(results)
-    text += "\nWall time %.0f s (%d jobs, step %d)." % (time.time() - started, args.jobs,
-                                                         args.step)
+    if args.merge:
+        shards, results = [], []
+        for name in args.merge:
+            with open(name) as f:
+                lines = [json.loads(line) for line in f]
+            shards.append(lines[0])
+            results += lines[1:]
+        results.sort(key=lambda r: (r["point"], r["mid_write"]))
+        text = table(results) + summary(shards)
+    else:
+        shard, shards = (int(n) for n in args.shard.split("/"))
+        started = time.time()
+        sweep = Sweep(args)
+        try:
+            sweep.make_template()
+            sweep.reference()
+            points = sweep.points(args.step)
+            mine = points[shard - 1::shards]
+            print("%d device events in the update; trying %d of its %d cut points" %
+                  (len(sweep.events), len(mine), len(points)), flush=True)
+            with concurrent.futures.ThreadPoolExecutor(args.jobs) as pool:
+                results = [r for r in pool.map(lambda p: sweep.try_cut(*p), mine) if r]
+        finally:
+            shutil.rmtree(sweep.work, ignore_errors=True)
+        head = {"shard": shard, "shards": shards, "events": len(sweep.events),
+                "points": len(points), "jobs": args.jobs, "step": args.step,
+                "seconds": time.time() - started}
+        if args.results:
+            with open(args.results, "w") as f:
+                for line in [head] + results:
+                    f.write(json.dumps(line) + "\n")
+        text = table(results) + (summary([head]) if shards == 1 else
+                                 "\nShard %d/%d of %d cut points, %.0f s with %d job(s)." %
+                                 (shard, shards, len(points), head["seconds"], args.jobs))
     print(text)
     if args.markdown:
         with open(args.markdown, "w") as f:
