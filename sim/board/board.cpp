@@ -287,11 +287,14 @@ void TraceField::append_to(std::string &line) const {
     }
 }
 
+std::string Board::event_head(std::string_view kind) const {
+    return "{\"t\":" + std::to_string(now_ns()) + ",\"ev\":\"" + std::string(kind) + '"';
+}
+
 void Board::trace(std::string_view kind, std::initializer_list<TraceField> fields) {
     if (trace_fd_ < 0)
         return;
-    std::string line =
-        "{\"t\":" + std::to_string(now_ns()) + ",\"ev\":\"" + std::string(kind) + '"';
+    std::string line = event_head(kind);
     for (const TraceField &field : fields)
         field.append_to(line);
     write_event(kind, line);
@@ -300,8 +303,7 @@ void Board::trace(std::string_view kind, std::initializer_list<TraceField> field
 void Board::trace(std::string_view kind, const json &fields) {
     if (trace_fd_ < 0)
         return;
-    std::string line =
-        "{\"t\":" + std::to_string(now_ns()) + ",\"ev\":\"" + std::string(kind) + '"';
+    std::string line = event_head(kind);
     for (const auto &[name, value] : fields.items())
         TraceField(name, value).append_to(line);
     write_event(kind, line);

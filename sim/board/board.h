@@ -151,6 +151,8 @@ private:
     // power goes right after it.
     uint64_t count_for_power_cut(std::string_view kind, bool *cut_now);
     [[noreturn]] void lose_power(const json &event);
+    // An event's line up to its fields; write_event ends and writes it.
+    std::string event_head(std::string_view kind) const;
     void write_event(std::string_view kind, std::string &line);
     void end_if_power_cut_since(bool was_cut);
     Board() = default;
