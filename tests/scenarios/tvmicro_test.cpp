@@ -118,6 +118,15 @@ TEST_F(Microcontroller, FirmwareGoesToTheBankThatIsNotRunningAndIsChecked) {
     EXPECT_EQ(r.output, hex_run(1, progress() + checksums(1), true));
     EXPECT_EQ(r.exit_status, 0);
     EXPECT_TRUE(board.read("tvm/bank1.bin") == programmed(1));
+    // The bank's checksum is asked for no sooner than 3 s after the last block was acknowledged.
+    int64_t last_block = 0, checksum_query = 0;
+    for (const json &event : board.trace()) {
+        if (event["ev"] == "uart_reply" && event["cmd"] == "write_flash")
+            last_block = event["t"];
+        if (event["ev"] == "uart_frame" && event["cmd"] == "checksum")
+            checksum_query = event["t"];
+    }
+    EXPECT_GE(checksum_query - last_block, 3'000'000'000) << last_block;
     // The link is opened read-write and nothing else: a non-blocking read would not wait for
     // the replies.
     for (const json &open : board.trace("open")) {

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <fcntl.h>
+#include <functional>
 #include <sys/stat.h>
 
 namespace {
@@ -33,9 +34,51 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
         {error_of(mkdir("/tmp/usb/M1", 0755) != 0), EEXIST},
         {error_of(fopen("/tmp/usb/M1/x", "a") == nullptr), EROFS},
     };
+    // Every entry point that makes a name lands on the board, and the stick refuses it.
+    auto closed = [](int fd) { return fd >= 0 && close(fd) == 0; };
+    const struct {
+        const char *name;
+        std::function<bool(const char *path)> make;
+    } makers[] = {
+        {"creat", [&](const char *p) { return closed(creat(p, 0644)); }},
+        {"openat",
+         [&](const char *p) { return closed(openat(AT_FDCWD, p, O_CREAT | O_RDWR, 0644)); }},
+        {"freopen",
+         [](const char *p) {
+             FILE *file = freopen(p, "w", tmpfile());
+             return file != nullptr && fclose(file) == 0;
+         }},
+        {"mkfifo", [](const char *p) { return mkfifo(p, 0644) == 0; }},
+        {"mkdirat", [](const char *p) { return mkdirat(AT_FDCWD, p, 0755) == 0; }},
+        {"symlink", [](const char *p) { return symlink("/tmp/marker", p) == 0; }},
+        {"link", [](const char *p) { return link("/tmp/marker", p) == 0; }},
+        {"rename", [](const char *p) { return rename("/tmp/marker.copy", p) == 0; }},
+        {"mkstemp",
+         [&](const char *p) {
+             std::string name = std::string(p) + "XXXXXX";
+             return closed(mkstemp(name.data())) && rename(name.c_str(), p) == 0;
+         }},
+    };
+    std::vector<std::pair<int, int>> made;
+    for (const auto &maker : makers) {
+        ASSERT_EQ(system("cp /tmp/marker /tmp/marker.copy"), 0);
+        std::string name = std::string("/tmp/made-by-") + maker.name;
+        made.push_back({error_of(!maker.make(name.c_str())),
+                        error_of(!maker.make(("/tmp/usb/M1/" + std::string(maker.name)).c_str()))});
+    }
     detach();
     for (const auto &write : writes)
         EXPECT_EQ(write.first, write.second) << "write " << &write - writes;
+    for (size_t i = 0; i < made.size(); ++i) {
+        std::string name = std::string("made-by-") + makers[i].name;
+        EXPECT_EQ(made[i].first, 0) << name;
+        EXPECT_EQ(made[i].second, EROFS) << name;
+        EXPECT_TRUE(std::filesystem::exists(dir_ / "fs/tmp" / name) ||
+                    std::filesystem::is_symlink(dir_ / "fs/tmp" / name))
+            << name;
+        EXPECT_FALSE(std::filesystem::exists("/tmp/" + name)) << name;
+    }
+    EXPECT_EQ(read_file("fs/tmp/made-by-symlink"), "on-board\n"); // the link stays on the board
 
     nlohmann::json mounts = read_json("state.json")["mounts"];
     ASSERT_EQ(mounts.size(), 1u);

@@ -34,6 +34,20 @@ foreach(line IN LISTS imported_lines)
         list(APPEND unknown ${name})
     endif()
 endforeach()
+# Beside the pass-through list: the entry points that make files, each of which must be hooked.
+get_filename_component(lists_dir ${PASSTHROUGH} DIRECTORY)
+file(STRINGS ${lists_dir}/creating.txt creating REGEX "^[^#]")
+set(unhooked "")
+foreach(name IN LISTS creating)
+    if(NOT name IN_LIST hooked_names)
+        list(APPEND unhooked ${name})
+    endif()
+endforeach()
+if(unhooked)
+    message(FATAL_ERROR "the simulator does not take over these entry points that make files: ${unhooked}\n"
+        "Hook them in sim/interpose/: a program calling one would make its file on the host.")
+endif()
+
 if(unknown)
     message(FATAL_ERROR "tvupdate imports C library entry points the simulator does not know: ${unknown}\n"
         "Hook them in sim/interpose/ or, if they never touch the board, list them in ${PASSTHROUGH}.")
