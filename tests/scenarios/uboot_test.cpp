@@ -367,8 +367,8 @@ TEST_F(MtdTools, EraseCopyAndInfoBehaveAsOnTheBoard) {
     EXPECT_EQ(differs_at(flash, 0x40000, std::string(0x10, '\0')), kSame);
 
     // mtd_debug makes its output file with creat: it lands in the board's /tmp.
-    RunResult read = board.run({"/usr/sbin/mtd_debug", "read", "/dev/mtd7", "0", "4096",
-                                "/tmp/tvsim-mtd-read.bin"});
+    RunResult read = board.run(
+        {"/usr/sbin/mtd_debug", "read", "/dev/mtd7", "0", "4096", "/tmp/tvsim-mtd-read.bin"});
     EXPECT_EQ(read.exit_status, 0) << read.output;
     EXPECT_EQ(board.read("fs/tmp/tvsim-mtd-read.bin"), image.substr(0, 4096));
     EXPECT_FALSE(std::filesystem::exists("/tmp/tvsim-mtd-read.bin"));
