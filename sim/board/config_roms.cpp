@@ -8,6 +8,7 @@
 #include <cstring>
 #include <filesystem>
 #include <limits>
+#include <random>
 
 namespace tvsim {
 
@@ -16,6 +17,7 @@ namespace {
 constexpr uint64_t kNsPerUs = 1000;
 constexpr uint64_t kNsPerMs = 1000 * kNsPerUs;
 constexpr uint64_t kForever = std::numeric_limits<uint64_t>::max();
+constexpr uint64_t kMiB = 1024 * 1024;
 constexpr unsigned kMiscMajor = 10;
 constexpr size_t kMaxTransfer = 65536;
 
@@ -33,6 +35,35 @@ constexpr int kAccessPins[kConfigRomCount] = {83, 63, 31};
 constexpr int kGrantLevel[kConfigRomCount] = {0, 1, 1};
 constexpr int kResetPins[kConfigRomCount] = {36, 40, 38};
 constexpr int kDonePins[kConfigRomCount] = {16, 39, 37};
+
+// The parts in each ROM's place and the range a board draws its times from: around the parts'
+// typical times (a 16 Mbit flash for FPGA 0, 64 Mbit flashes for the larger FPGAs 1 and 2,
+// whose bitstreams take longer to load), from 80 % to 150 % of typical, below their maximums.
+struct TimeRange {
+    uint64_t low, high;
+};
+struct RomPart {
+    uint32_t jedec_id;
+    uint64_t size;
+    TimeRange page_program_us, bulk_erase_ms, fpga_load_ms;
+};
+constexpr RomPart kRomParts[kConfigRomCount] = {
+    {.jedec_id = 0xEF4015,
+     .size = 2 * kMiB,
+     .page_program_us = {560, 1050},
+     .bulk_erase_ms = {2400, 4500},
+     .fpga_load_ms = {280, 525}},
+    {.jedec_id = 0xEF4017,
+     .size = 8 * kMiB,
+     .page_program_us = {560, 1050},
+     .bulk_erase_ms = {16000, 30000},
+     .fpga_load_ms = {2000, 3750}},
+    {.jedec_id = 0xEF4017,
+     .size = 8 * kMiB,
+     .page_program_us = {560, 1050},
+     .bulk_erase_ms = {16000, 30000},
+     .fpga_load_ms = {2000, 3750}},
+};
 
 // The microcontroller's port bit that connects the bus to the ROMs.
 constexpr const char *kBusPort = "1";
@@ -59,14 +90,16 @@ RomConfig read_rom_config(const Board &board, int n) {
     RomConfig r;
     r.path = board.file(member(c, "file").is_string() ? member(c, "file").get<std::string>()
                                                       : "spi_rom" + std::to_string(n) + ".bin");
-    r.size = std::max<uint64_t>(number_from(member(c, "size"), 2 * 1024 * 1024), 1);
-    r.jedec_id = static_cast<uint32_t>(number_from(member(c, "jedec_id"), 0xEF4015));
+    const RomPart &part = kRomParts[n];
+    r.size = std::max<uint64_t>(number_from(member(c, "size"), part.size), 1);
+    r.jedec_id = static_cast<uint32_t>(number_from(member(c, "jedec_id"), part.jedec_id));
     r.page_size =
         static_cast<uint32_t>(std::max<uint64_t>(number_from(member(c, "page_size"), 256), 1));
-    r.page_program_ns = number_from(member(c, "page_program_us"), 700) * kNsPerUs;
-    r.bulk_erase_ns = number_from(member(c, "bulk_erase_ms"), 3000) * kNsPerMs;
+    r.page_program_ns =
+        number_from(member(c, "page_program_us"), part.page_program_us.low) * kNsPerUs;
+    r.bulk_erase_ns = number_from(member(c, "bulk_erase_ms"), part.bulk_erase_ms.low) * kNsPerMs;
     r.protect = static_cast<uint8_t>(number_from(member(c, "protect"), 0) & kProtectBits);
-    r.load_ns = number_from(member(c, "fpga_load_ms"), 350) * kNsPerMs;
+    r.load_ns = number_from(member(c, "fpga_load_ms"), part.fpga_load_ms.low) * kNsPerMs;
     return r;
 }
 
@@ -97,10 +130,7 @@ const RomConfig &rom_config(Board &board, int n) {
 
 // Volatile state of chip or FPGA n (state.json "soc", cleared by a power cycle).
 json &volatile_state(Board &board, const char *kind, int n) {
-    json &soc = board.state()["soc"];
-    if (!soc.is_object())
-        soc = json::object();
-    json &s = soc[std::string(kind) + std::to_string(n)];
+    json &s = soc_state(board)[std::string(kind) + std::to_string(n)];
     if (!s.is_object())
         s = json::object();
     return s;
@@ -226,7 +256,8 @@ private:
             uint64_t at = page + (address - page + i) % config_.page_size;
             contents_.program(at, &mosi[4 + i], 1);
         }
-        state_["busy_until"] = board_.now_ns() + config_.page_program_ns;
+        bool stuck = board_.take_fault("spi_program_stuck", "rom" + std::to_string(n_)) != nullptr;
+        state_["busy_until"] = stuck ? kForever : board_.now_ns() + config_.page_program_ns;
     }
 
     void bulk_erase() {
@@ -257,24 +288,44 @@ bool bus_connected(Board &board) {
     return (number_from(member(ports, kBusPort), 0) & kBusPortBit) != 0;
 }
 
+// Whether ROM n holds a configuration image (a missing file is an erased chip).
 bool image_valid(Board &board, int n) {
+    const RomConfig &config = rom_config(board, n);
     std::vector<uint8_t> head(kSyncWindow);
-    RomContents(board, rom_config(board, n)).read(0, head.data(), head.size());
+    StoredCells(board, config.path, config.size).read(0, head.data(), head.size());
     return std::search(head.begin(), head.end(), std::begin(kSyncWord), std::end(kSyncWord)) !=
            head.end();
 }
 
-// FPGA n configures itself from its ROM; configuration done rises after the load time when
-// the ROM holds an image.
+bool in_reset(Board &board, int n) {
+    return pin_level(board, kResetPins[n]) == 0;
+}
+
+// A load of FPGA n from its ROM, begun at start_ns: configured when the FPGA could read a
+// valid image (its ROM not granted to the bus), done after the load time.
+json load_state(Board &board, int n, uint64_t start_ns, bool valid) {
+    return json{{"loaded_at", start_ns},
+                {"done_at", start_ns + rom_config(board, n).load_ns},
+                {"configured", valid}};
+}
+
+// FPGA n begins loading from its ROM now.
 void start_load(Board &board, int n) {
-    json &fpga = volatile_state(board, "fpga", n);
-    bool valid = image_valid(board, n);
+    bool valid = !granted_by_pins(board, n) && image_valid(board, n);
     bool never = board.take_fault("config_done_never", "fpga" + std::to_string(n)) != nullptr;
-    fpga["loaded_at"] = board.now_ns();
-    fpga["done_at"] = board.now_ns() + rom_config(board, n).load_ns;
-    fpga["configured"] = valid && !never;
-    fpga["in_reset"] = false;
+    volatile_state(board, "fpga", n) = load_state(board, n, board.now_ns(), valid && !never);
     board.trace("fpga_load", {{"fpga", n}, {"image", valid}});
+}
+
+// An FPGA holds its configuration while it is out of reset and its ROM is not granted to the
+// bus (taking the ROM away holds the FPGA in configuration); then it answers from the start of
+// its last load.
+bool holds_configuration(Board &board, int n, uint64_t *since_ns) {
+    const json &fpga = volatile_state(board, "fpga", n);
+    if (in_reset(board, n) || granted_by_pins(board, n) || !fpga.value("configured", false))
+        return false;
+    *since_ns = number_from(member(fpga, "loaded_at"), 0);
+    return true;
 }
 
 class SpiControlDevice : public Device {
@@ -343,6 +394,7 @@ private:
         spi_bus_time(board_, tx.size() + rx.size());
         if (rx_len > 0)
             memcpy(t->rx_buf, rx.data(), rx_len);
+        const int clocked = static_cast<int>(tx.size() + rx.size());
         json event{{"op", name},
                    {"roms", roms},
                    {"tx", hex_prefix(tx.data(), tx.size(), 4)},
@@ -350,9 +402,21 @@ private:
         if (then_read)
             event["rx"] = hex_prefix(rx.data(), rx.size());
         board_.trace("spi", event);
-        return 0;
+        return clocked; // the driver's count of bytes on the bus
     }
 };
+
+// One line of /proc/misc: the minor number right-aligned in three places, then the name.
+std::string format_misc_line(uint64_t minor, const std::string &name) {
+    char number[24];
+    snprintf(number, sizeof number, "%3llu ", static_cast<unsigned long long>(minor));
+    return number + name + "\n";
+}
+
+// A board's own time within a part's range, drawn from its seed.
+uint64_t draw(std::mt19937_64 &random, const TimeRange &range) {
+    return range.low + random() % (range.high - range.low + 1);
+}
 
 } // namespace
 
@@ -413,8 +477,13 @@ std::unique_ptr<Device> open_spi_device(Board &board, std::string_view path, int
 void refresh_misc_file(Board &board) {
     std::string text = "130 watchdog\n183 hw_random\n";
     const json &spi = spi_config(board);
+    for (const json &other : member(spi, "misc_before")) {
+        if (other.is_object())
+            text += format_misc_line(number_from(member(other, "minor"), 0),
+                                     other.value("name", std::string()));
+    }
     if (spi.is_object() && spi.value("driver", true))
-        text += " " + std::to_string(number_from(member(spi, "minor"), 61)) + " spioctl\n";
+        text += format_misc_line(number_from(member(spi, "minor"), 61), "spioctl");
     text += "  1 psaux\n";
     write_file(board.file("fs/proc/misc"), text);
     // spidev's transfer limit, as its module parameter reports it
@@ -423,18 +492,15 @@ void refresh_misc_file(Board &board) {
     write_file(board.file("fs/sys/module/spidev/parameters/bufsiz"), "4096\n");
 }
 
+// The pin levels change one at a time: a change to a line's other level is its edge.
 void config_rom_pin_changed(Board &board, int pin, int level) {
     if (!spi_settings(board).present)
         return;
     for (int n = 0; n < kConfigRomCount; ++n) {
-        if (pin == kAccessPins[n] && level != kGrantLevel[n]) {
-            start_load(board, n); // access returned from the ROM
-        } else if (pin == kResetPins[n] && level == 0) {
-            volatile_state(board, "fpga", n)["in_reset"] = true;
-        } else if (pin == kResetPins[n] && level == 1 &&
-                   volatile_state(board, "fpga", n).value("in_reset", false)) {
+        bool access_returned = pin == kAccessPins[n] && level != kGrantLevel[n];
+        bool reset_rose = pin == kResetPins[n] && level == 1;
+        if (reset_rose || (access_returned && !in_reset(board, n)))
             start_load(board, n);
-        }
     }
 }
 
@@ -444,42 +510,62 @@ int config_rom_pin_input(Board &board, int pin) {
     for (int n = 0; n < kConfigRomCount; ++n) {
         if (pin != kDonePins[n])
             continue;
-        const json &fpga = member(member(board.state(), "soc"), "fpga" + std::to_string(n));
-        if (!fpga.is_object())
-            return image_valid(board, n) ? 1 : 0; // configured at power-on
-        if (fpga.value("in_reset", false) || !fpga.value("configured", false))
-            return 0;
-        return board.now_ns() >= number_from(member(fpga, "done_at"), 0) ? 1 : 0;
+        uint64_t since = 0;
+        return holds_configuration(board, n, &since) &&
+                       board.now_ns() >=
+                           number_from(member(volatile_state(board, "fpga", n), "done_at"), 0)
+                   ? 1
+                   : 0;
     }
     return -1;
+}
+
+int config_rom_power_on_level(Board &board, int pin) {
+    if (!spi_settings(board).present)
+        return -1;
+    for (int n = 0; n < kConfigRomCount; ++n) {
+        if (pin == kAccessPins[n])
+            return kGrantLevel[n] == 0 ? 1 : 0; // idle: not granted
+        if (pin == kResetPins[n])
+            return 1; // out of reset
+    }
+    return -1;
+}
+
+void config_rom_power_on(Board &board, json &soc) {
+    if (!spi_settings(board).present)
+        return;
+    for (int n = 0; n < kConfigRomCount; ++n)
+        soc["fpga" + std::to_string(n)] = load_state(board, n, 0, image_valid(board, n));
 }
 
 bool fpga_configured(Board &board, int n, uint64_t *since_ns) {
     *since_ns = 0;
     if (!spi_settings(board).present || n < 0 || n >= kConfigRomCount)
         return false;
-    const json &fpga = member(member(board.state(), "soc"), "fpga" + std::to_string(n));
-    if (!fpga.is_object())
-        return image_valid(board, n); // configured at power-on
-    if (fpga.value("in_reset", false) || !fpga.value("configured", false))
-        return false;
-    *since_ns = number_from(member(fpga, "loaded_at"), 0);
-    return true;
+    return holds_configuration(board, n, since_ns);
 }
 
-json default_spi_config() {
+json default_spi_config(uint64_t seed) {
+    std::mt19937_64 random(seed);
     json roms = json::array();
-    for (int n = 0; n < kConfigRomCount; ++n)
+    for (int n = 0; n < kConfigRomCount; ++n) {
+        const RomPart &part = kRomParts[n];
+        char jedec_id[16];
+        snprintf(jedec_id, sizeof jedec_id, "0x%06X", part.jedec_id);
         roms.push_back({{"file", "spi_rom" + std::to_string(n) + ".bin"},
-                        {"size", 2097152},
-                        {"jedec_id", "0xEF4015"},
+                        {"size", part.size},
+                        {"jedec_id", jedec_id},
                         {"page_size", 256},
-                        {"page_program_us", 700},
-                        {"bulk_erase_ms", 3000},
+                        {"page_program_us", draw(random, part.page_program_us)},
+                        {"bulk_erase_ms", draw(random, part.bulk_erase_ms)},
                         {"protect", "0x00"},
-                        {"fpga_load_ms", 350}});
-    return json{
-        {"node", true}, {"driver", true}, {"minor", 61}, {"clock_hz", 10000000}, {"roms", roms}};
+                        {"fpga_load_ms", draw(random, part.fpga_load_ms)}});
+    }
+    json others =
+        json::array({{{"minor", 62}, {"name", "spioctl2"}}, {{"minor", 63}, {"name", "spioctlx"}}});
+    return json{{"node", true}, {"driver", true},       {"minor", 61}, {"misc_before", others},
+                {"seed", seed}, {"clock_hz", 10000000}, {"roms", roms}};
 }
 
 } // namespace tvsim

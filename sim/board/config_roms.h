@@ -6,11 +6,14 @@
 //   { "node": true,            /dev/spioctl exists (else the tool makes a node from /proc/misc)
 //     "driver": true,          the driver is loaded: /proc/misc lists it, its nodes open
 //     "minor": 61,             its misc minor number (major 10)
+//     "misc_before": [ { "minor": 62, "name": "spioctl2" } ],  listed before it in /proc/misc
+//     "seed": 12345,           the seed the times below were drawn with (a record only)
 //     "clock_hz": 10000000,    bus clock: every byte on the bus costs 8 clocks of board time
 //     "roms": [ { "file": "spi_rom0.bin", "size": 2097152, "jedec_id": "0xEF4015",
 //                 "page_size": 256, "page_program_us": 700, "bulk_erase_ms": 3000,
 //                 "protect": "0x00", "fpga_load_ms": 350 }, x3 ] }
-// Defaults are those of a 16 Mbit SPI NOR flash (typical page program and chip erase times).
+// ROM 0 is a 16 Mbit SPI NOR flash, ROMs 1 and 2 are 64 Mbit ones; a new board draws its
+// page program, chip erase and FPGA load times around the parts' typical times.
 // The chip's contents live in the named file; its write-enable latch and running operation in
 // state.json "soc" (lost at a power cycle, like the FPGAs' configuration state).
 #pragma once
@@ -31,9 +34,14 @@ void refresh_misc_file(Board &board);
 void config_rom_pin_changed(Board &board, int pin, int level);
 // The level the FPGAs drive on a pin, or -1 when they drive none.
 int config_rom_pin_input(Board &board, int pin);
+// At power-on the access lines are idle and the resets high (-1: a pin not theirs), and each
+// FPGA loads from what its ROM holds then (into soc, the SoC's new volatile state).
+int config_rom_power_on_level(Board &board, int pin);
+void config_rom_power_on(Board &board, json &soc);
 
-// Whether FPGA n holds a configuration (out of reset, loading or loaded from a valid image),
-// and since when: *since_ns is the start of its last load, 0 for the power-on configuration.
+// Whether FPGA n holds a configuration (out of reset, its ROM not granted to the bus, loading
+// or loaded from a valid image), and since when: *since_ns is the start of its last load, 0
+// for the power-on configuration.
 bool fpga_configured(Board &board, int n, uint64_t *since_ns);
 
 // The chip select of the ROMs a bus transfer reaches now (bit n for ROM n).
@@ -48,6 +56,7 @@ void spi_bus_transfer(Board &board, const std::vector<uint8_t> &tx, std::vector<
 // Charges the board clock for bytes on the bus.
 void spi_bus_time(Board &board, size_t bytes);
 
-json default_spi_config();
+// board.json "spi" of a new board, its times drawn from seed.
+json default_spi_config(uint64_t seed);
 
 } // namespace tvsim

@@ -8,6 +8,7 @@
 #include "board/registers.h"
 
 #include <filesystem>
+#include <random>
 #include <sys/stat.h>
 
 namespace fs = std::filesystem;
@@ -64,7 +65,7 @@ json default_config(const NewBoardOptions &options) {
                 {"mtd", default_mtd_config()},
                 {"microcontroller", default_microcontroller_config()},
                 {"i2c", default_i2c_config()},
-                {"spi", default_spi_config()},
+                {"spi", default_spi_config(options.seed ? *options.seed : std::random_device()())},
                 {"faults", json::array()}};
 }
 

@@ -11,19 +11,18 @@ namespace {
 constexpr int kBanks = 3;
 constexpr int kPinsPerBank = 32;
 
-// Models wired to the pins: told of every change of an output, asked for what they drive.
+// Models wired to the pins: told of every change of an output, asked for what they drive, for
+// the level the board holds an output at from power-on, and to set up their own power-on state.
 struct PinWiring {
     void (*output_changed)(Board &, int pin, int level);
-    int (*input_level)(Board &, int pin); // -1 when the model drives no level on the pin
+    int (*input_level)(Board &, int pin);    // -1 when the model drives no level on the pin
+    int (*power_on_level)(Board &, int pin); // -1 when the model holds no level on the pin
+    void (*power_on)(Board &, json &soc);
 };
-constexpr PinWiring kPinWiring[] = {{config_rom_pin_changed, config_rom_pin_input}};
-
-json &soc_state(Board &board) {
-    json &soc = board.state()["soc"];
-    if (!soc.is_object())
-        soc = json::object();
-    return soc;
-}
+constexpr PinWiring kPinWiring[] = {{.output_changed = config_rom_pin_changed,
+                                     .input_level = config_rom_pin_input,
+                                     .power_on_level = config_rom_power_on_level,
+                                     .power_on = config_rom_power_on}};
 
 int bank_at(uint32_t address) {
     for (int bank = 0; bank < kBanks; ++bank) {
@@ -45,6 +44,18 @@ void set_output_latch(Board &board, int bank, uint32_t value) {
     if (!latches.is_array() || latches.size() != kBanks)
         latches = json::array({0, 0, 0});
     latches[bank] = value;
+}
+
+// A bank's output latch as the board comes up: 0, except where a wired model holds a pin.
+uint32_t power_on_latch(Board &board, int bank) {
+    uint32_t latch = 0;
+    for (int bit = 0; bit < kPinsPerBank; ++bit) {
+        for (const PinWiring &wiring : kPinWiring) {
+            if (wiring.power_on_level(board, bank * kPinsPerBank + bit) == 1)
+                latch |= 1u << bit;
+        }
+    }
+    return latch;
 }
 
 // The level a pin is driven to from outside (board.json before the wired models), or -1 when
@@ -135,6 +146,18 @@ protected:
 };
 
 } // namespace
+
+json &soc_state(Board &board) {
+    json &soc = board.state()["soc"];
+    if (soc.is_object())
+        return soc;
+    soc = json{{"gpio_out", json::array()}};
+    for (int bank = 0; bank < kBanks; ++bank)
+        soc["gpio_out"].push_back(power_on_latch(board, bank));
+    for (const PinWiring &wiring : kPinWiring)
+        wiring.power_on(board, soc);
+    return soc;
+}
 
 std::unique_ptr<RegisterSpace> soc_registers(Board &board, const SocWindow &window) {
     return std::make_unique<SocRegisters>(board, window);

@@ -7,8 +7,9 @@
 //     "boot_config": "0x00000100",   the boot configuration register (CCFG, 0x80000400)
 //     "pin_inputs": { "16": 1 } }    pins driven from outside, with their level
 // Numbers may be JSON numbers or text ("0x..."). Output levels are kept in state.json
-// "soc" ("gpio_out": the three banks' output latches); other registers of the windows read as
-// written (state.json "soc" "registers"), 0 before the first write.
+// "soc" ("gpio_out": the three banks' output latches, at power-on 0 except the pins the wired
+// models hold: the FPGA ROMs' access lines idle, the FPGA resets high); other registers of the
+// windows read as written (state.json "soc" "registers"), 0 before the first write.
 #pragma once
 
 #include "board/board.h"
@@ -31,6 +32,10 @@ inline constexpr uint32_t kGpioBankRegisters[] = {0x80003000, 0x80003028, 0x8000
 
 // The registers seen through one window of the control device.
 std::unique_ptr<RegisterSpace> soc_registers(Board &board, const SocWindow &window);
+
+// The SoC's volatile state (state.json "soc"). A power cycle drops it; the first use after one
+// makes it at its power-on values, before anything on the board can have changed since.
+json &soc_state(Board &board);
 
 // The level the board sees on a pin now: driven from outside, or the output latch.
 int pin_level(Board &board, int pin);

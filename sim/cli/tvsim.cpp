@@ -1,6 +1,6 @@
 // tvsim: runs programs on a simulated TV board.
 //
-//   tvsim new DIR [--usb MEDIUM_DIR | --sd MEDIUM_DIR]
+//   tvsim new DIR [--usb MEDIUM_DIR | --sd MEDIUM_DIR] [--seed N]   (N: the device times' draw)
 //   tvsim --board DIR [--preload LIB] -- PROGRAM ARGS...
 //   tvsim --board DIR reboot                    (power cycle: mounts, /tmp and modules go)
 //   tvsim --board DIR standin TOOL ARGS...      (the board's volume and module tools)
@@ -34,7 +34,7 @@ constexpr const char *kQemu = "qemu-arm";
 constexpr const char *kArmSysroot = "/usr/arm-linux-gnueabihf";
 
 int usage() {
-    fprintf(stderr, "usage: tvsim new DIR [--usb MEDIUM_DIR | --sd MEDIUM_DIR]\n"
+    fprintf(stderr, "usage: tvsim new DIR [--usb MEDIUM_DIR | --sd MEDIUM_DIR] [--seed N]\n"
                     "       tvsim --board DIR [--preload LIB] -- PROGRAM ARGS...\n"
                     "       tvsim --board DIR reboot\n"
                     "       tvsim --board DIR report\n");
@@ -206,6 +206,17 @@ int reboot_board(const std::string &board_dir) {
     return 0;
 }
 
+// A seed given in decimal; false for anything else.
+bool parse_seed(const char *text, std::optional<uint64_t> *seed) {
+    char *end = nullptr;
+    errno = 0;
+    unsigned long long value = strtoull(text, &end, 10);
+    if (errno != 0 || end == text || *end != '\0' || *text == '-')
+        return false;
+    *seed = value;
+    return true;
+}
+
 int new_board(int argc, char **argv) {
     if (argc < 3)
         return usage();
@@ -214,6 +225,8 @@ int new_board(int argc, char **argv) {
         std::string opt = argv[i];
         if ((opt == "--usb" || opt == "--sd") && i + 1 < argc)
             (opt == "--usb" ? options.usb_medium : options.sd_medium) = argv[++i];
+        else if (opt == "--seed" && i + 1 < argc && parse_seed(argv[++i], &options.seed))
+            continue;
         else
             return usage();
     }

@@ -1,5 +1,6 @@
 // The ROM commands on an attached board, and the SPI flash model's rules that the update
 // relies on (write enable, page wrap, bits only cleared).
+#include "board/registers.h"
 #include "fpga/spi_core.h"
 #include "fpga/update_fpga.h"
 #include "run/main.h"
@@ -12,8 +13,8 @@ using testsupport::json;
 
 namespace {
 
-// A board whose microcontroller has connected the ROM bus and whose access lines grant ROM 0
-// (pin 83 low after power-on); the SPI device open in spi_fd.
+// A board whose microcontroller has connected the ROM bus, with the access lines granting ROM 0
+// (they come up idle); the SPI device open in spi_fd.
 class UpdateFpgaOnBoard : public testsupport::BoardFixture {
 protected:
     void SetUp() override {
@@ -24,6 +25,7 @@ protected:
     void attach() {
         BoardFixture::attach();
         cn_user_fd = open("/dev/cn_user", O_RDWR);
+        set_pio_wren(0);
         spi_fd = spi_open();
         ASSERT_GE(spi_fd, 0);
     }
@@ -79,6 +81,75 @@ TEST_F(UpdateFpgaOnBoard, PageProgramNeedsWriteEnableWrapsInItsPageAndClearsBits
     // The second half wrapped to the page start.
     EXPECT_EQ(page, data.substr(16) + std::string(0xF0 - 16, '\xff') + data.substr(0, 16));
     EXPECT_EQ(static_cast<uint8_t>(after[0]), 0xE0 & 0x0F);
+}
+
+// The board comes up with the access lines idle and the FPGA resets high. Configuration done
+// then follows only a load: the one at power-on from what the ROM held then, or one begun when
+// the ROM's access lines returned to idle or the reset rose, and never while the ROM is
+// granted to the bus.
+TEST_F(UpdateFpgaOnBoard, ConfigurationDoneFollowsALoadFromAValidImage) {
+    const uint8_t kSync[] = {0xAA, 0x99, 0x55, 0x66};
+    const struct {
+        const char *what;
+        bool valid_at_power_on;
+        bool write_image;  // programmed over the bus after power-on
+        bool return_lines; // to idle, after the image
+        bool pulse_reset;  // after that
+        int done;
+    } cases[] = {
+        {"written, lines still granted", false, true, false, false, 0},
+        {"written, lines returned", false, true, true, false, 1},
+        {"valid at power-on, granted since", true, false, false, false, 0},
+        {"valid at power-on, lines returned", true, false, true, false, 1},
+        {"written, reset pulsed while granted", false, true, false, true, 0},
+        {"written, lines returned, reset pulsed", false, true, true, true, 1},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        SetUp(); // a new board
+        if (c.valid_at_power_on)
+            std::ofstream(dir_ / "spi_rom0.bin") << "\xaa\x99\x55\x66";
+        std::unique_ptr<tvsim::Board> board = load_board();
+        for (const auto &[pin, level] :
+             {std::pair{83, 1}, {63, 0}, {31, 0}, {36, 1}, {40, 1}, {38, 1}})
+            EXPECT_EQ(tvsim::pin_level(*board, pin), level) << pin;
+        board.reset();
+        attach();
+        if (c.write_image) {
+            EXPECT_EQ(cmd_rom_write_enable(spi_fd), 0);
+            EXPECT_EQ(cmd_rom_page_program(spi_fd, 0, kSync, sizeof kSync), 0);
+            usleep(5000);
+        }
+        if (c.return_lines)
+            set_pio_wren_default();
+        if (c.pulse_reset)
+            set_pio_reset(0);
+        int done = -1;
+        testsupport::printed([&] { done = IsFPGAConfigDone(0); });
+        detach();
+        EXPECT_EQ(done, c.done);
+    }
+}
+
+// A new board draws its times from its seed and records them: the same seed, the same board.
+// Every draw leaves ROMs 1 and 2 and their FPGAs slower than the first row's budgets allow (a
+// chip erase past nine seconds, a load past one), and ROM 0 and FPGA 0 within them.
+TEST_F(UpdateFpgaOnBoard, TimesAreDrawnPerBoardFromItsSeed) {
+    json first;
+    for (uint64_t seed : {7u, 7u, 8u, 9u}) {
+        make_board({.usb_medium = "", .sd_medium = "", .seed = seed});
+        const json spi = read_json("board.json")["spi"];
+        if (first.is_null())
+            first = spi;
+        EXPECT_EQ(spi["roms"] == first["roms"], seed == 7) << seed;
+        EXPECT_EQ(spi["seed"], seed);
+        for (int n = 0; n < 3; ++n) {
+            const json &rom = spi["roms"][n];
+            EXPECT_EQ(rom["bulk_erase_ms"].get<unsigned>() > 9000, n != 0) << n;
+            EXPECT_EQ(rom["fpga_load_ms"].get<unsigned>() > 900, n != 0) << n;
+            EXPECT_LT(rom["page_program_us"].get<unsigned>(), 5000u) << n;
+        }
+    }
 }
 
 // A matching image whose path does not fit the 512-byte buffer is not opened.

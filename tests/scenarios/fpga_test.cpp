@@ -13,7 +13,7 @@ namespace {
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr size_t kRomSize = 2 * 1024 * 1024;
+constexpr size_t kRomSizes[] = {2 * 1024 * 1024, 8 * 1024 * 1024, 8 * 1024 * 1024};
 const char *const kListLines[] = {"fpga_sam_1", "fpga_sam_2", "fpga_sam_3"};
 const char *const kImageNames[] = {"fpga_config_sum_tr1.bin", "FPGA_CONFIG_SUM_TR5_V2.BIN",
                                    "fpga_config_lgd_tr6.bin"};
@@ -26,9 +26,9 @@ std::string image(size_t size, unsigned seed) {
     return data;
 }
 
-// A ROM holding this data, erased after it.
-std::string rom_holding(const std::string &data) {
-    return data + std::string(kRomSize - data.size(), '\xff');
+// ROM n holding this data, erased after it.
+std::string rom_holding(int n, const std::string &data) {
+    return data + std::string(kRomSizes[n] - data.size(), '\xff');
 }
 
 // What programming one ROM prints, from the file line to its end line.
@@ -120,7 +120,7 @@ TEST_F(ConfigRoms, EverySelectedRomIsWrittenPageByPageAndItsFpgaConfigured) {
             for (size_t at = 0; at < data.size(); at += 256)
                 programs += format("02%06X.../", static_cast<unsigned>(at)) +
                             std::to_string(4 + std::min<size_t>(256, data.size() - at)) + " ";
-            EXPECT_TRUE(rom(n) == rom_holding(data)) << n;
+            EXPECT_TRUE(rom(n) == rom_holding(n, data)) << n;
             with_image |= 1u << n;
         }
         EXPECT_EQ(r.output, fpga_run(body + c.tail, c.ok));
@@ -155,9 +155,10 @@ TEST_F(ConfigRoms, EverySelectedRomIsWrittenPageByPageAndItsFpgaConfigured) {
 }
 
 // Each fault stops the run at its place, with its line, and leaves the lines idle; a failed
-// erase or page program is followed by a write disable, and only then.
+// erase or page program is followed by a write disable, and only then. A status read is tried
+// eleven times before it fails; a page gets two status polls.
 TEST_F(ConfigRoms, FaultsStopTheRunWithTheirMessage) {
-    const std::string old_rom = rom_holding(image(4000, 11)), data = image(600, 12);
+    const std::string old_rom = rom_holding(0, image(4000, 11)), data = image(600, 12);
     enum Left { Untouched, Erased, Partly };
     const struct {
         const char *what;
@@ -168,6 +169,8 @@ TEST_F(ConfigRoms, FaultsStopTheRunWithTheirMessage) {
         bool disables_writes = false;
         long erase_waits = -1; // 1 s waits for the bulk erase, where counted
         long done_waits = -1;  // 100 ms waits for configuration done, where counted
+        long page_waits = -1;  // 5 ms waits for page programs, where counted
+        long failed_reads = 0; // status requests that failed
     } cases[] = {
         {"protection bits", {{"protect", "0x1C"}}, json(), " Timeout RDSR(0x1c)!\n", Untouched},
         {"stuck busy", json(), fault("spi_status", "rom0", {{"value", 1}}),
@@ -177,13 +180,15 @@ TEST_F(ConfigRoms, FaultsStopTheRunWithTheirMessage) {
         {"every status read fails", json(), fault("spi_request", "write_then_read"),
          "SPIO_WRITE_THEN_READ: Input/output error\ncmd_rom_read_status_register : error sts=0xff, "
          "retry=10\n Timeout RDSR(0xff)!\n",
-         Untouched},
+         Untouched, false, -1, -1, -1, 10 * 11},
         {"write enable fails", json(), fault("spi_request", "write", {{"times", 1}}),
          "SPIO_WRITE: Input/output error\ncmd_rom_write_enable : error -1.\n", Untouched},
         {"bulk erase fails", json(), fault("spi_request", "write", {{"skip", 1}, {"times", 1}}),
          "cmd_rom_bulk_erase : error -1.\n", Untouched, true},
         {"page program fails", json(), fault("spi_request", "write", {{"skip", 3}, {"times", 1}}),
          "cmd_rom_page_program : adr 0x00000000 error -1.\n", Erased, true},
+        {"last page never ends", json(), fault("spi_program_stuck", "rom0", {{"skip", 2}}),
+         " 85 %\b\b\b\b\b\b Timeout RDSR(0x03)!\n", Partly, false, -1, -1, 1 + 1 + 2},
         {"configuration never done", json(), fault("config_done_never", "fpga0"),
          "EOF on reading image 600byte!\n Timeout Config Done!\n", Partly, false, -1, 10},
     };
@@ -200,7 +205,7 @@ TEST_F(ConfigRoms, FaultsStopTheRunWithTheirMessage) {
         EXPECT_THAT(r.output, HasSubstr(c.lines + "!!! Unable to update FPGA config data. !!!\n"));
         EXPECT_THAT(r.output, Not(HasSubstr("fpga_config_sum_tr5"))); // later ROMs not reached
         EXPECT_EQ(r.exit_status, 255);
-        const std::string left[] = {old_rom, rom_holding(""), rom_holding(data)};
+        const std::string left[] = {old_rom, rom_holding(0, ""), rom_holding(0, data)};
         EXPECT_TRUE(rom(0) == left[c.left]);
         EXPECT_TRUE(access_lines_idle());
         const std::vector<std::string> sent = commands();
@@ -216,6 +221,61 @@ TEST_F(ConfigRoms, FaultsStopTheRunWithTheirMessage) {
         if (c.done_waits >= 0) {
             EXPECT_EQ(waits(100000000L), c.done_waits);
         }
+        if (c.page_waits >= 0) {
+            EXPECT_EQ(waits(5000000L), c.page_waits);
+        }
+        const std::vector<json> requests = board.trace("spi");
+        EXPECT_EQ(std::count_if(requests.begin(), requests.end(),
+                                [](const json &e) {
+                                    return e["op"] == "write_then_read" && e.contains("errno");
+                                }),
+                  c.failed_reads);
+    }
+}
+
+// Each row waits for the erase and for configuration done within its own budget: ROM 0 ten
+// polls a second apart and FPGA 0 ten polls 100 ms apart, ROMs 1 and 2 sixteen polls ten
+// seconds apart and FPGAs 1 and 2 sixty polls 100 ms apart. Slow parts pass after the waits
+// they need; past a budget the run stops.
+TEST_F(ConfigRoms, EachRowWaitsWithinItsOwnBudgets) {
+    enum Stop { None, Erase, Done };
+    const struct {
+        const char *what;
+        int rom;
+        unsigned erase_ms, load_ms;
+        long erase_waits, done_waits; // of the row's erase interval, of 100 ms
+        Stop stop = None;
+    } cases[] = {
+        {"ROM 0 slow", 0, 8500, 850, 9, 9},
+        {"ROM 0 erase past its budget", 0, 9500, 350, 10, 0, Erase},
+        {"FPGA 0 past its budget", 0, 2500, 950, 3, 10, Done},
+        {"ROM 1 beyond ROM 0's budgets", 1, 25000, 2950, 3, 30},
+        {"ROM 2 slow", 2, 145000, 5850, 15, 59},
+        {"ROM 2 erase past its budget", 2, 155000, 2000, 16, 0, Erase},
+        {"FPGA 2 past its budget", 2, 20000, 6100, 2, 60, Done},
+    };
+    const std::string data = image(300, 41);
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        make_board({c.rom}, {{c.rom, data}});
+        json config = board.config();
+        config["spi"]["roms"][c.rom].update(
+            {{"bulk_erase_ms", c.erase_ms}, {"fpga_load_ms", c.load_ms}});
+        board.set_config(config);
+        RunResult r = board.tvupdate({"M1"});
+        const std::string written = rom_output(kImageNames[c.rom], data.size());
+        const std::string steps[] = {written + done_line(c.rom),
+                                     written.substr(0, written.find("Start writing")) +
+                                         " Timeout RDSR(0x03)!\n",
+                                     written + " Timeout Config Done!\n"};
+        EXPECT_EQ(r.output, fpga_run(steps[c.stop], c.stop == None));
+        std::vector<json> sleeps = board.trace("sleep");
+        auto waits = [&](long ns) {
+            return std::count_if(sleeps.begin(), sleeps.end(),
+                                 [&](const json &e) { return e.value("ns", 0L) == ns; });
+        };
+        EXPECT_EQ(waits(c.rom == 0 ? 1000000000L : 10000000000L), c.erase_waits);
+        EXPECT_EQ(waits(100000000L), c.done_waits);
     }
 }
 
@@ -232,8 +292,12 @@ TEST_F(ConfigRoms, TheDeviceNodeAndTheBusConnection) {
         std::string steps; // the lines between the FPGA step's first and last line
         std::string nodes; // made, as "path major,minor"
     } cases[] = {
-        {"node from /proc/misc", json{{"node", false}, {"minor", 77}}, json(),
-         missing + rom_output(kImageNames[0], 300) + done_line(0), "/tmp/spioctl 10,77"},
+        {"node from /proc/misc, after names that begin like it",
+         json{{"node", false},
+              {"minor", 77},
+              {"misc_before",
+               {{{"minor", 62}, {"name", "spioctl2"}}, {{"minor", 63}, {"name", "spioctlx"}}}}},
+         json(), missing + rom_output(kImageNames[0], 300) + done_line(0), "/tmp/spioctl 10,77"},
         {"no driver", json{{"node", false}, {"driver", false}}, json(),
          missing + "Cannot find spioctl driver\n", ""},
         {"bus not connected", json::object(), fault("uart_nak", "set_port"),
@@ -255,7 +319,7 @@ TEST_F(ConfigRoms, TheDeviceNodeAndTheBusConnection) {
         for (const json &e : board.trace("mknod"))
             nodes += e.value("path", "") + " " + e["major"].dump() + "," + e["minor"].dump();
         EXPECT_EQ(nodes, c.nodes);
-        EXPECT_EQ(rom(0) == rom_holding(data), ok);
+        EXPECT_EQ(rom(0) == rom_holding(0, data), ok);
         EXPECT_TRUE(access_lines_idle());
     }
 }
@@ -266,13 +330,13 @@ TEST_F(ConfigRoms, FlashromReadsBackWhatTheUpdateWrote) {
     if (!on_host() || !std::filesystem::exists("/usr/sbin/flashrom"))
         GTEST_SKIP() << "flashrom is a host program";
     const std::string data = image(70000, 31);
-    make_board({1}, {{1, data}});
+    make_board({0}, {{0, data}});
     ASSERT_EQ(board.tvupdate({"M1"}).exit_status, 0);
     RunResult r = board.run(
-        {"/usr/sbin/flashrom", "-p", "linux_spi:dev=/dev/spidev0.1", "-r", "/tmp/rom1.bin"});
+        {"/usr/sbin/flashrom", "-p", "linux_spi:dev=/dev/spidev0.0", "-r", "/tmp/rom0.bin"});
     EXPECT_EQ(r.exit_status, 0) << r.output;
     EXPECT_THAT(r.output, HasSubstr("Found Winbond flash chip \"W25Q16.V\" (2048 kB, SPI)"));
-    EXPECT_TRUE(board.read("fs/tmp/rom1.bin") == rom_holding(data));
+    EXPECT_TRUE(board.read("fs/tmp/rom0.bin") == rom_holding(0, data));
 }
 
 } // namespace

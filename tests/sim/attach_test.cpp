@@ -14,7 +14,7 @@ using AttachedBoard = testsupport::BoardFixture;
 TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
     std::filesystem::path medium = dir_.string() + ".medium";
     std::filesystem::create_directories(medium / "M1");
-    make_board({medium.string(), ""});
+    make_board({medium.string(), "", {}});
 
     // Off the board, the tool's mounts and shell commands are refused.
     EXPECT_EQ(do_mount_media('b', 1), -1);
