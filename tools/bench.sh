@@ -17,7 +17,7 @@ trap 'rm -rf "$work"' EXIT
 
 fresh_board() { # MEDIUM
     rm -rf "$work/board"
-    "$tvsim" new "$work/board" --usb "$work/$1"
+    "$tvsim" new "$work/board" --usb "$work/$1" --seed 1 # the same device times every run
 }
 
 update() { # TOOL PRELOAD

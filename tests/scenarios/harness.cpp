@@ -109,7 +109,12 @@ void SimBoard::medium_list(const std::string &model, const std::string &list) co
 
 void SimBoard::make(const std::string &slot) {
     slot_ = slot;
-    std::vector<std::string> args = {TVSIM_CLI, "new", dir()};
+    // Device times drawn from the test's name: each test's board has times of its own, the
+    // same on every run.
+    const testing::TestInfo *test = testing::UnitTest::GetInstance()->current_test_info();
+    std::string name = std::string(test->test_suite_name()) + "." + test->name();
+    std::vector<std::string> args = {TVSIM_CLI, "new", dir(), "--seed",
+                                     std::to_string(std::hash<std::string>{}(name))};
     if (!slot.empty()) {
         args.push_back(slot);
         args.push_back(medium());
