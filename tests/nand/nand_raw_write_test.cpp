@@ -42,9 +42,21 @@ TEST(NandChecks, RangeThenAlignmentThenBlockSizeBeforeAnyDeviceAccess) {
          "Error: offset + size exceeds the device size!\n"
          "(offset=131072, size=-1, device size=1048576)\n"},
         {"block too large", block, E + 1, 0, "Error: size should be less than 131072 bytes.\n"},
+        {"block too large, misaligned", block, E + 1, 1,
+         "Error: offset should be aligned by 131072 bytes.\n"},
         // A whole block passes and reaches the device, which this context does not have.
         {"a whole block", block, E, 0, "", NAND_ERR_DEVICE},
         {"erase misaligned", erase, 0, 2048, "Error: offset should be aligned by 131072 bytes.\n"},
+        // Past the end and misaligned: the range is what is reported.
+        {"write past the end, misaligned", write, E, 7 * E + 1,
+         "Error: offset + size exceeds the device size!\n"
+         "(offset=917505, size=131072, device size=1048576)\n"},
+        {"block past the end, misaligned", block, E, 7 * E + 1,
+         "Error: offset + size exceeds the device size!\n"
+         "(offset=917505, size=131072, device size=1048576)\n"},
+        {"erase past the end, misaligned", erase, 0, 7 * E + 1,
+         "Error: offset + erase size exceeds the device size!\n"
+         "(offset=917505, erase size=131072, device size=1048576)\n"},
     };
     for (const Case &c : cases) {
         std::vector<uint64_t> map(8, 0);
