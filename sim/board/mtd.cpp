@@ -112,7 +112,8 @@ public:
         if (pos_ >= p_.size)
             return 0;
         size_t n = static_cast<size_t>(std::min<uint64_t>(count, p_.size - pos_));
-        cells_.read(pos_, static_cast<uint8_t *>(buf), n);
+        if (!nor_read_through_chip(board_, p_.name, pos_, static_cast<uint8_t *>(buf), n))
+            cells_.read(pos_, static_cast<uint8_t *>(buf), n);
         board_.trace("mtd_read", {{"mtd", p_.name}, {"offset", pos_}, {"length", n}});
         pos_ += n;
         return static_cast<ssize_t>(n);
