@@ -1,8 +1,10 @@
-// The NAND module's refusals without a device, and the argument checks that run before any
-// device access.
+// The NAND module's refusals without a device, the argument checks that run before any device
+// access, and the single-block write on a board.
 #include "nand/nand_raw_write.h"
+#include "support/board_fixture.h"
 
 #include <gtest/gtest.h>
+#include <string>
 #include <vector>
 
 namespace {
@@ -69,4 +71,44 @@ TEST(NandChecks, RangeThenAlignmentThenBlockSizeBeforeAnyDeviceAccess) {
         EXPECT_EQ(testing::internal::GetCapturedStdout(), c.printed) << c.name;
     }
 }
+
+// The single-block write programs the physical block that holds the logical one, without an
+// erase, and retires that block (not the logical number, not its neighbour) when a page fails.
+class NandBlockOnBoard : public testsupport::BoardFixture {};
+
+TEST_F(NandBlockOnBoard, WritesAndRetiresThePhysicalBlockOfTheOffset) {
+    change_config([](testsupport::json &c) {
+        c["mtd"][1]["bad_blocks"] = {1}; // uboot_env, /dev/mtd1: logical 2 is physical 3
+        c["faults"] = {testsupport::fault("nand_write_fail", "uboot_env:3")};
+    });
+    const struct {
+        const char *name;
+        uint32_t offset;
+        uint32_t size;
+        int result;
+        size_t physical;            // the block that shows the write
+        std::vector<size_t> marked; // the blocks marked bad so far
+    } cases[] = {
+        {"a short block, padded", 0, E / 2, static_cast<int>(E / 2), 0, {}},
+        {"a failed page", 2 * E, E, NAND_ERR_WRITE, 3, {3}},
+    };
+    const std::string data(E, 'd');
+    attach();
+    nand_dev *ctx = nand_open("/dev/mtd1", 0);
+    ASSERT_NE(ctx, NAND_OPEN_FAILED);
+    for (const auto &c : cases) {
+        EXPECT_EQ(nand_write_block(ctx, data.data(), c.size, c.offset), c.result) << c.name;
+        std::vector<size_t> marked;
+        for (const testsupport::json &m : trace("mtd_markbad"))
+            marked.push_back(m["block"]);
+        EXPECT_EQ(marked, c.marked) << c.name;
+        std::string block = read_file("mtd/uboot_env.bin").substr(c.physical * E, E);
+        // A retired block holds nothing of the write.
+        EXPECT_EQ(block, c.result < 0 ? std::string(E, '\xFF')
+                                      : data.substr(0, c.size) + std::string(E - c.size, '\xFF'))
+            << c.name;
+    }
+    nand_close(ctx);
+}
+
 } // namespace
