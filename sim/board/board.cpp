@@ -406,6 +406,7 @@ void Board::reboot() {
     state_.erase("i2c");     // I2C devices lose their registers, the bus driver its status
     state_.erase("nodes");   // made in /tmp
     state_.erase("nor_bus"); // the NOR flash's command mode and its VID line
+    state_.erase("mtd_ecc"); // the MTD layer's ECC counts
     power_cycle_microcontroller(*this);
     std::error_code ec;
     for (const auto &entry : fs::directory_iterator(root_ + "/tmp", ec))

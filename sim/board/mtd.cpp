@@ -14,6 +14,7 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace fs = std::filesystem;
 
@@ -23,6 +24,14 @@ namespace {
 
 constexpr unsigned kMtdCharMajor = 90;
 constexpr uint64_t kNsPerMs = 1000000;
+
+// The out-of-band area of a NAND page: the bad-block marker in bytes 0-1, ECC in 40-63 (as the
+// kernel's large-page layout), the rest free for the user.
+constexpr uint32_t kOobSize = 64;
+constexpr uint32_t kEccPos = 40;
+constexpr uint32_t kEccBytes = 24;
+constexpr uint32_t kEccStep = 256; // three ECC bytes per step
+constexpr uint32_t kMaxOobRequest = 4096;
 
 struct Partition {
     std::string name;
@@ -35,6 +44,7 @@ struct Partition {
     uint64_t erase_ns = 0;
     uint64_t write_ns_per_byte = 0;
     std::string contents; // host path of the contents file
+    std::string oob;      // host path of the out-of-band file (NAND)
     json factory_bad;     // block numbers marked bad at the factory (NAND)
 };
 
@@ -46,10 +56,11 @@ Partition partition_from(const Board &board, const json &entry, size_t index) {
     p.size = number_from(member(entry, "size"), 0x100000);
     p.erasesize = static_cast<uint32_t>(number_from(member(entry, "erasesize"), 0x10000));
     p.writesize = static_cast<uint32_t>(number_from(member(entry, "writesize"), p.nand ? 2048 : 1));
-    p.oobsize = p.nand ? 64 : 0;
+    p.oobsize = p.nand ? kOobSize : 0;
     p.erase_ns = number_from(member(entry, "erase_ms"), p.nand ? 2 : 500) * kNsPerMs;
     p.write_ns_per_byte = number_from(member(entry, "write_ns_per_byte"), p.nand ? 100 : 3000);
     p.contents = board.file("mtd/" + p.name + ".bin");
+    p.oob = board.file("mtd/" + p.name + ".oob");
     p.factory_bad = member(entry, "bad_blocks");
     return p;
 }
@@ -81,6 +92,24 @@ int fail(int err) {
     return -1;
 }
 
+// The ECC of one page: three bytes per step of the data. Erased data (all 0xFF) has an erased
+// ECC, so a page programmed with 0xFF only stays erased, as with the kernel's software ECC.
+void page_ecc(const uint8_t *data, uint32_t page_size, uint8_t *ecc) {
+    memset(ecc, 0xFF, kEccBytes);
+    for (uint32_t step = 0; step * kEccStep < page_size && step < kEccBytes / 3; ++step) {
+        uint32_t h = 0;
+        for (uint32_t i = step * kEccStep; i < std::min(page_size, (step + 1) * kEccStep); ++i)
+            h = h * 0x01000193u + static_cast<uint8_t>(~data[i]) * (i + 1);
+        h = ~(h ^ (h >> 24));
+        for (int b = 0; b < 3; ++b)
+            ecc[3 * step + b] = static_cast<uint8_t>(h >> (8 * b));
+    }
+}
+
+bool all_erased(const uint8_t *bytes, size_t count) {
+    return std::all_of(bytes, bytes + count, [](uint8_t b) { return b == 0xFF; });
+}
+
 // Requests the MTD character device allows on a descriptor opened read-only.
 bool safe_request(uint32_t request) {
     switch (request) {
@@ -104,6 +133,7 @@ class MtdDevice : public Device {
 public:
     MtdDevice(Board &board, Partition partition, int access)
         : Device(board), p_(std::move(partition)), cells_(board, p_.contents, p_.size),
+          oob_(board, p_.oob, p_.nand ? p_.size / p_.writesize * kOobSize : 0),
           readable_(access != O_WRONLY), writable_(access != O_RDONLY) {}
 
     ssize_t read(void *buf, size_t count) override {
@@ -112,8 +142,14 @@ public:
         if (pos_ >= p_.size)
             return 0;
         size_t n = static_cast<size_t>(std::min<uint64_t>(count, p_.size - pos_));
-        cells_.read(pos_, static_cast<uint8_t *>(buf), n);
-        board_.trace("mtd_read", {{"mtd", p_.name}, {"offset", pos_}, {"length", n}});
+        json event{{"mtd", p_.name}, {"offset", pos_}, {"length", n}};
+        if (p_.nand && read_fails(pos_, n))
+            return refuse("mtd_read", event, EIO);
+        if (!nor_read_through_chip(board_, p_.name, pos_, static_cast<uint8_t *>(buf), n))
+            cells_.read(pos_, static_cast<uint8_t *>(buf), n);
+        if (p_.nand)
+            check_ecc(static_cast<uint8_t *>(buf), n, event);
+        board_.trace("mtd_read", event);
         pos_ += n;
         return static_cast<ssize_t>(n);
     }
@@ -185,6 +221,26 @@ public:
             return mark_bad_block(*reinterpret_cast<const int64_t *>(arg));
         case ECCGETSTATS:
             return ecc_stats(reinterpret_cast<mtd_ecc_stats *>(arg));
+        case MEMREADOOB: {
+            auto *b = reinterpret_cast<mtd_oob_buf *>(arg);
+            return oob_request(false, b->start, b->length, b->ptr, &b->start); // as the kernel
+        }
+        case MEMREADOOB64: {
+            auto *b = reinterpret_cast<mtd_oob_buf64 *>(arg);
+            return oob_request(false, b->start, b->length,
+                               reinterpret_cast<uint8_t *>(static_cast<uintptr_t>(b->usr_ptr)),
+                               &b->length);
+        }
+        case MEMWRITEOOB: {
+            auto *b = reinterpret_cast<mtd_oob_buf *>(arg);
+            return oob_request(true, b->start, b->length, b->ptr, &b->length);
+        }
+        case MEMWRITEOOB64: {
+            auto *b = reinterpret_cast<mtd_oob_buf64 *>(arg);
+            return oob_request(true, b->start, b->length,
+                               reinterpret_cast<uint8_t *>(static_cast<uintptr_t>(b->usr_ptr)),
+                               &b->length);
+        }
         case MEMLOCK:
         case MEMUNLOCK:
             return p_.nand ? fail(EOPNOTSUPP) : 0;
@@ -224,8 +280,8 @@ private:
         // place they stop at is erased when the request fails there, as far as the power lasts.
         uint64_t stop = stop_of(true, start, start + length);
         uint64_t blocks = (stop - start + p_.erasesize - 1) / p_.erasesize;
-        cells_.erase(start, std::min<uint64_t>(stop - start, board_.done_before_power_cut(blocks) *
-                                                                 p_.erasesize));
+        erase_cells(start, std::min<uint64_t>(stop - start,
+                                              board_.done_before_power_cut(blocks) * p_.erasesize));
         board_.advance_ns(blocks * p_.erase_ns);
         if (stop < start + length)
             return refuse("mtd_erase", event, EIO);
@@ -271,21 +327,135 @@ private:
         if (offset < 0 || static_cast<uint64_t>(offset) >= p_.size)
             return fail(EINVAL);
         uint64_t block = static_cast<uint64_t>(offset) / p_.erasesize;
-        board_.trace("mtd_markbad", {{"mtd", p_.name}, {"block", block}});
         if (!block_is_bad(block)) {
+            // As the kernel: the block is erased before its marker is written (a worn block
+            // whose erase fails keeps its data), and a block already bad is left as it is.
+            uint64_t start = block * p_.erasesize;
+            if (stop_of(true, start, start + p_.erasesize) == start + p_.erasesize)
+                erase_cells(start, p_.erasesize);
             board_.state()["nand_bad_blocks"][p_.name].push_back(block);
             board_.save(); // the mark outlives the program
         }
+        board_.trace("mtd_markbad", {{"mtd", p_.name}, {"block", block}});
         return 0;
     }
 
+    // The counts since power-on (state "mtd_ecc", lost at a reboot) and the bad blocks; zero
+    // for a NOR partition, which has no ECC.
     int ecc_stats(mtd_ecc_stats *stats) {
-        if (!p_.nand)
-            return fail(ENOTTY);
         *stats = mtd_ecc_stats{};
+        if (!p_.nand)
+            return 0;
+        const json &counts = member(member(board_.state(), "mtd_ecc"), p_.name);
+        stats->corrected = static_cast<uint32_t>(number_from(member(counts, "corrected"), 0));
+        stats->failed = static_cast<uint32_t>(number_from(member(counts, "failed"), 0));
         for (uint64_t b = 0; b < p_.size / p_.erasesize; ++b)
             stats->badblocks += block_is_bad(b) ? 1 : 0;
         return 0;
+    }
+
+    void count_ecc(const char *what, uint64_t n) {
+        json &counts = board_.state()["mtd_ecc"][p_.name];
+        counts[what] = number_from(member(counts, what), 0) + n;
+    }
+
+    // An injected read failure ("nand_read_fail") in a block of [offset, offset + n).
+    bool read_fails(uint64_t offset, size_t n) {
+        for (uint64_t b = offset / p_.erasesize; n > 0 && b <= (offset + n - 1) / p_.erasesize;
+             ++b) {
+            if (board_.take_fault("nand_read_fail", block_target(b)) != nullptr)
+                return true;
+        }
+        return false;
+    }
+
+    // What the ECC makes of the pages read into data (the bytes from pos_): a page whose stored
+    // ECC does not match its data, or a block with an injected "nand_bitflip" that ECC cannot
+    // correct, is counted as failed and delivered as read; bitflips it can correct are counted
+    // and delivered corrected. The character device returns the data either way.
+    void check_ecc(uint8_t *data, size_t n, json &event) {
+        uint64_t failed = 0;
+        uint64_t corrected = 0;
+        uint64_t last_block = ~uint64_t{0};
+        for (uint64_t page = pos_ / p_.writesize; n > 0 && page * p_.writesize < pos_ + n; ++page) {
+            uint64_t at = page * p_.writesize;
+            if (at / p_.erasesize != last_block) {
+                last_block = at / p_.erasesize;
+                if (const json *f = board_.take_fault("nand_bitflip", block_target(last_block))) {
+                    if (f->value("uncorrectable", false)) {
+                        ++failed;
+                        data[std::max(at, pos_) - pos_] ^= 1;
+                    } else {
+                        corrected += f->value("bits", uint64_t{1});
+                    }
+                }
+            }
+            failed += page_ecc_fails(page) ? 1 : 0;
+        }
+        if (corrected != 0) {
+            count_ecc("corrected", corrected);
+            event["corrected"] = corrected;
+        }
+        if (failed != 0) {
+            count_ecc("failed", failed);
+            event["failed"] = failed;
+        }
+    }
+
+    // True when the page's stored ECC is written and does not match its data (a page written
+    // twice without an erase, or cut while it was programmed). Data placed in the contents file
+    // by hand has no ECC and is taken as it is.
+    bool page_ecc_fails(uint64_t page) {
+        uint8_t stored[kEccBytes];
+        oob_.read(page * kOobSize + kEccPos, stored, sizeof stored);
+        if (all_erased(stored, sizeof stored))
+            return false;
+        std::vector<uint8_t> data(p_.writesize);
+        cells_.read(page * p_.writesize, data.data(), data.size());
+        uint8_t ecc[kEccBytes];
+        page_ecc(data.data(), p_.writesize, ecc);
+        return memcmp(ecc, stored, sizeof ecc) != 0;
+    }
+
+    // MEMREADOOB/MEMWRITEOOB in the kernel's place-OOB mode: at most 4096 bytes; a read runs on
+    // into the following pages' areas, a write stays within one page's; the count done goes to
+    // *done. A bad block's first page shows the marker in bytes 0-1.
+    int oob_request(bool write, uint64_t start, uint32_t length, uint8_t *ptr, uint32_t *done) {
+        if (!p_.nand)
+            return fail(EOPNOTSUPP);
+        if (write && !writable_)
+            return fail(EPERM);
+        uint64_t skip = start % p_.writesize;
+        uint64_t page = start / p_.writesize;
+        uint64_t pages = p_.size / p_.writesize;
+        if (length > kMaxOobRequest || (skip != 0 && length > kOobSize - skip) || page >= pages ||
+            length + skip > (write ? kOobSize : (pages - page) * kOobSize))
+            return fail(EINVAL);
+        json event{{"mtd", p_.name}, {"offset", page * p_.writesize}, {"length", length}};
+        if (write) {
+            oob_.program(page * kOobSize + skip, ptr, length);
+            board_.trace("mtd_writeoob", event);
+        } else {
+            oob_.read(page * kOobSize + skip, ptr, length);
+            uint64_t first = page * kOobSize + skip; // in the OOB file's numbering
+            for (uint64_t p = page; p * kOobSize < first + length; ++p) {
+                if ((p * p_.writesize) % p_.erasesize != 0 ||
+                    !block_is_bad(p * p_.writesize / p_.erasesize))
+                    continue;
+                for (uint64_t i = std::max(first, p * kOobSize);
+                     i < std::min(first + length, p * kOobSize + 2); ++i)
+                    ptr[i - first] = 0; // the bad-block marker
+            }
+            board_.trace("mtd_readoob", event);
+        }
+        *done = length;
+        return 0;
+    }
+
+    void erase_cells(uint64_t start, uint64_t length) {
+        cells_.erase(start, length);
+        if (p_.nand)
+            oob_.erase(start / p_.writesize * kOobSize, length / p_.writesize * kOobSize);
     }
 
     // Where the drivers stop an erase (erasing) or a write of [start, end): at the first
@@ -303,11 +473,19 @@ private:
         return end;
     }
 
-    // A write clears bits only; an injected bad program inverts the cycle's first byte.
+    // A write clears bits only; an injected bad program inverts the cycle's first byte. Of the
+    // bytes at data (whole pages on NAND), n are programmed before the power goes. A NAND page
+    // is programmed with the ECC of its data: a page programmed again without an erase, or cut
+    // in its middle, keeps ECC that does not match what it holds, and reads report it.
     void program(const uint8_t *data, size_t n) {
         if (n == 0)
             return;
         cells_.program(pos_, data, n);
+        for (size_t at = 0; p_.nand && at < n; at += p_.writesize) {
+            uint8_t ecc[kEccBytes];
+            page_ecc(data + at, p_.writesize, ecc);
+            oob_.program((pos_ + at) / p_.writesize * kOobSize + kEccPos, ecc, sizeof ecc);
+        }
         if (bad_program_) {
             uint8_t inverted = static_cast<uint8_t>(~data[0]);
             cells_.put(pos_, &inverted, 1);
@@ -317,6 +495,7 @@ private:
 
     Partition p_;
     StoredCells cells_;
+    StoredCells oob_; // NAND: kOobSize bytes per page
     bool readable_;
     bool writable_;
     uint64_t pos_ = 0;

@@ -14,10 +14,16 @@
 // A partition's contents are the file mtd/<name>.bin of the board, made on its first change;
 // bytes beyond the file's end read as erased (0xFF).
 //
+// NAND pages carry a 64-byte out-of-band area (mtd/<name>.oob): the bad-block marker and the
+// ECC written with each page; a page written twice without an erase fails its ECC at every
+// read, which, as the kernel's character device, still returns the data and only counts it
+// (ECCGETSTATS). MEMSETBADBLOCK erases the block first; MEMREADOOB/MEMWRITEOOB reach the area.
+//
 // Faults (target: the partition name): "mtd_erase" fails an erase with "errno" (EIO);
 // "mtd_write" fails a write with "errno" (EIO), or with "bytes": n stores only the first n
 // bytes and returns n; "mtd_program" is taken at each erase and makes that cycle's first
-// written byte come out inverted, so that reading back differs.
+// written byte come out inverted, so that reading back differs. Per NAND block (target
+// "<name>:<block>"): "nand_read_fail" (EIO), "nand_bitflip" ("bits", "uncorrectable").
 #pragma once
 
 #include "board/board.h"

@@ -14,12 +14,20 @@
 // - in-system sector protection, only while VID has been on for at least 1 us: 0x60 enters it;
 //   then 0x60 at a sector's word 2 (A6 low) starts a protect pulse on that sector, 0x60 at
 //   word 0x42 (A6 high) an unprotect pulse on every sector; the next 0x40 there ends the pulse
-//   (it takes effect when it lasted 150 us, 15 ms to unprotect) and a read at least 1 us later
-//   gives the sector's state (1 protected, 0 not; 0xFFFF when read too early).
-// Any other write, or a sequence out of order, returns to read array ("nor" event "ignored");
-// switching VID off leaves protection mode. Protection is kept in state.json "nor"
-// ("protected": sector numbers) and survives a reboot; the mode and VID do not. Program and
-// erase through the NOR boot partition fail on a protected sector, having done what lies before.
+//   (it takes effect when it lasted 150 us, 15 ms to unprotect, with VID still on) and a read
+//   of that sector's word at least 1 us later gives its state (1 protected, 0 not); any other
+//   read in this mode gives 0xFFFF;
+// - word program (0xAA, 0x55, 0xA0, then the word at its address) and sector or chip erase
+//   (0xAA, 0x55, 0x80, 0xAA, 0x55, then 0x30 at the sector or 0x10 at 0x555): the change lands
+//   at once, protected sectors are left as they are, and for the part's program or erase time
+//   every read gives the status word (DQ7 data polling, DQ6 toggle, DQ3 and DQ2 while erasing)
+//   and writes are ignored; then the chip reads array again.
+// Any other write, or a sequence out of order, returns to read array ("nor" event "ignored").
+// Switching VID off does not leave protection mode: only 0xF0 returns to read array. While the
+// chip does not read array, the NOR boot partition's MTD reads get what the chip answers.
+// Protection is kept in state.json "nor" ("protected") and survives a reboot; the mode and VID
+// do not. Program and erase through the NOR boot partition fail on a protected sector, having
+// done what lies before.
 //
 // board.json "nor": { "driver": true, "protected": [0], "partition": "uboot-nor" }
 // Faults: "nor_verify" (target: a sector number) the sector is not changed by a pulse;
@@ -37,6 +45,12 @@ std::unique_ptr<Device> open_nor_direct(Board &board, std::string_view path, int
 // flash (that sector's first byte, or offset when it starts inside one); offset + length when
 // they meet none. The part ignores program and erase there, and its MTD driver, which goes
 // sector by sector and word by word, reports EIO having done what lies before.
+// When the flash does not read array (left in autoselect, protection mode or busy), fills out
+// with what it answers at bytes [offset, offset + count) of the partition holding its array and
+// returns true; false when it reads array, or for any other partition.
+bool nor_read_through_chip(Board &board, std::string_view partition, uint64_t offset, uint8_t *out,
+                           size_t count);
+
 uint64_t nor_protected_from(Board &board, std::string_view partition, uint64_t offset,
                             uint64_t length);
 

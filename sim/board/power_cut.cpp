@@ -18,8 +18,8 @@ namespace {
 
 // The events that change what a device holds or does: a cut falls after one of them.
 constexpr std::string_view kCountedEvents[] = {
-    "uart_frame", "mtd_write", "mtd_erase", "mtd_markbad", "i2c",
-    "spi",        "spidev",    "shell",     "ubimkvol",    "ubirmvol"};
+    "uart_frame", "mtd_write", "mtd_erase", "mtd_markbad", "i2c",       "spi",         "spidev",
+    "shell",      "ubimkvol",  "ubirmvol",  "nor_program", "nor_erase", "mtd_writeoob"};
 
 bool g_ends_caller = false;
 

@@ -1,8 +1,10 @@
-// The NAND module's refusals without a device, and the argument checks that run before any
-// device access.
+// The NAND module's refusals without a device, the argument checks that run before any device
+// access, and the single-block write on a board.
 #include "nand/nand_raw_write.h"
+#include "support/board_fixture.h"
 
 #include <gtest/gtest.h>
+#include <string>
 #include <vector>
 
 namespace {
@@ -42,9 +44,21 @@ TEST(NandChecks, RangeThenAlignmentThenBlockSizeBeforeAnyDeviceAccess) {
          "Error: offset + size exceeds the device size!\n"
          "(offset=131072, size=-1, device size=1048576)\n"},
         {"block too large", block, E + 1, 0, "Error: size should be less than 131072 bytes.\n"},
+        {"block too large, misaligned", block, E + 1, 1,
+         "Error: offset should be aligned by 131072 bytes.\n"},
         // A whole block passes and reaches the device, which this context does not have.
         {"a whole block", block, E, 0, "", NAND_ERR_DEVICE},
         {"erase misaligned", erase, 0, 2048, "Error: offset should be aligned by 131072 bytes.\n"},
+        // Past the end and misaligned: the range is what is reported.
+        {"write past the end, misaligned", write, E, 7 * E + 1,
+         "Error: offset + size exceeds the device size!\n"
+         "(offset=917505, size=131072, device size=1048576)\n"},
+        {"block past the end, misaligned", block, E, 7 * E + 1,
+         "Error: offset + size exceeds the device size!\n"
+         "(offset=917505, size=131072, device size=1048576)\n"},
+        {"erase past the end, misaligned", erase, 0, 7 * E + 1,
+         "Error: offset + erase size exceeds the device size!\n"
+         "(offset=917505, erase size=131072, device size=1048576)\n"},
     };
     for (const Case &c : cases) {
         std::vector<uint64_t> map(8, 0);
@@ -57,4 +71,44 @@ TEST(NandChecks, RangeThenAlignmentThenBlockSizeBeforeAnyDeviceAccess) {
         EXPECT_EQ(testing::internal::GetCapturedStdout(), c.printed) << c.name;
     }
 }
+
+// The single-block write programs the physical block that holds the logical one, without an
+// erase, and retires that block (not the logical number, not its neighbour) when a page fails.
+class NandBlockOnBoard : public testsupport::BoardFixture {};
+
+TEST_F(NandBlockOnBoard, WritesAndRetiresThePhysicalBlockOfTheOffset) {
+    change_config([](testsupport::json &c) {
+        c["mtd"][1]["bad_blocks"] = {1}; // uboot_env, /dev/mtd1: logical 2 is physical 3
+        c["faults"] = {testsupport::fault("nand_write_fail", "uboot_env:3")};
+    });
+    const struct {
+        const char *name;
+        uint32_t offset;
+        uint32_t size;
+        int result;
+        size_t physical;            // the block that shows the write
+        std::vector<size_t> marked; // the blocks marked bad so far
+    } cases[] = {
+        {"a short block, padded", 0, E / 2, static_cast<int>(E / 2), 0, {}},
+        {"a failed page", 2 * E, E, NAND_ERR_WRITE, 3, {3}},
+    };
+    const std::string data(E, 'd');
+    attach();
+    nand_dev *ctx = nand_open("/dev/mtd1", 0);
+    ASSERT_NE(ctx, NAND_OPEN_FAILED);
+    for (const auto &c : cases) {
+        EXPECT_EQ(nand_write_block(ctx, data.data(), c.size, c.offset), c.result) << c.name;
+        std::vector<size_t> marked;
+        for (const testsupport::json &m : trace("mtd_markbad"))
+            marked.push_back(m["block"]);
+        EXPECT_EQ(marked, c.marked) << c.name;
+        std::string block = read_file("mtd/uboot_env.bin").substr(c.physical * E, E);
+        // A retired block holds nothing of the write.
+        EXPECT_EQ(block, c.result < 0 ? std::string(E, '\xFF')
+                                      : data.substr(0, c.size) + std::string(E - c.size, '\xFF'))
+            << c.name;
+    }
+    nand_close(ctx);
+}
+
 } // namespace

@@ -1,9 +1,15 @@
-// The sector range nvLock works on.
+// The sector range nvLock works on, and the flash's command interface as nvLock maps it.
 #include "nor/nvlock.h"
+#include "support/board_fixture.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <utility>
+#include <vector>
 
 namespace {
+
+using testsupport::json;
 
 TEST(NorSectorRange, FirstHoldsStartLastHoldsTheLastByte) {
     struct Case {
@@ -40,6 +46,82 @@ TEST(NorSectorTable, SectorsTileTheFlashBottomBoot) {
     }
     EXPECT_EQ(next, NOR_FLASH_SIZE);
     EXPECT_EQ(sector_table[3].size, 0x8000u);
+}
+
+// Program and erase through the mapped flash, as the part answers them: status while busy (DQ7
+// data polling, DQ6 toggling, DQ3 and DQ2 while erasing), array data once done, protected
+// sectors left as they were. The rows run in order on one board.
+class NorChipOnBoard : public testsupport::BoardFixture {
+protected:
+    static void cycle(uint32_t at, uint16_t value) {
+        *reinterpret_cast<volatile uint16_t *>(
+            static_cast<volatile uint8_t *>(mmap_vaddr[NOR_REGION_NOR]) + at) = value;
+    }
+    static uint16_t word(uint32_t at) {
+        return *reinterpret_cast<volatile uint16_t *>(
+            static_cast<volatile uint8_t *>(mmap_vaddr[NOR_REGION_NOR]) + at);
+    }
+};
+
+TEST_F(NorChipOnBoard, ProgramAndEraseAnswerWithStatusThenArray) {
+    using Cycles = std::vector<std::pair<uint32_t, uint16_t>>;
+    const Cycles program = {{0xAAA, 0xAA}, {0x554, 0x55}, {0xAAA, 0xA0}};
+    const Cycles erase = {
+        {0xAAA, 0xAA}, {0x554, 0x55}, {0xAAA, 0x80}, {0xAAA, 0xAA}, {0x554, 0x55}};
+    auto with = [](Cycles cycles, uint32_t at, uint16_t value) {
+        cycles.emplace_back(at, value);
+        return cycles;
+    };
+    const struct {
+        const char *name;
+        Cycles cycles;
+        uint32_t at;
+        uint16_t busy[2]; // two reads at once
+        uint16_t after;   // a read once the part's time is up
+    } cases[] = {
+        {"program", with(program, 0x20000, 0x1234), 0x20000, {0xC0, 0x80}, 0x1234},
+        {"program a protected sector",
+         with(program, 0x10000, 0x1234),
+         0x10000,
+         {0xC0, 0x80},
+         0x5A5A},
+        {"sector erase", with(erase, 0x20000, 0x30), 0x20000, {0x4C, 0x08}, 0xFFFF},
+        {"erase a protected sector", with(erase, 0x10000, 0x30), 0x10000, {0x4C, 0x08}, 0x5A5A},
+        {"program without its second unlock cycle",
+         {{0xAAA, 0xAA}, {0xAAA, 0xA0}, {0x20000, 0}},
+         0x20000,
+         {0xFFFF, 0xFFFF},
+         0xFFFF},
+    };
+    change_config([](json &c) {
+        c["nor"]["protected"] = {4};            // 0x10000..0x1FFFF
+        c["mtd"][6]["drivers"] = json::array(); // uboot-nor, /dev/mtd6
+    });
+    std::filesystem::create_directories(dir_ / "mtd");
+    std::ofstream(dir_ / "mtd/uboot-nor.bin")
+        << std::string(0x10000, '\xFF') + std::string(0x10000, '\x5A');
+    attach();
+    ASSERT_EQ(map_regs(), 0);
+    for (const auto &c : cases) {
+        for (const auto &[at, value] : c.cycles)
+            cycle(at, value);
+        uint16_t first = word(c.at);
+        EXPECT_EQ(first, c.busy[0]) << c.name;
+        EXPECT_EQ(word(c.at), c.busy[1]) << c.name;
+        usleep(600000);
+        EXPECT_EQ(word(c.at), c.after) << c.name;
+    }
+    // Left in autoselect, the flash answers the partition's reads with its identification.
+    for (const auto &[at, value] : Cycles{{0xAAA, 0xAA}, {0x554, 0x55}, {0xAAA, 0x90}})
+        cycle(at, value);
+    int mtd = open("/dev/mtd6", O_RDONLY);
+    uint8_t id[4] = {};
+    EXPECT_EQ(read(mtd, id, sizeof id), 4);
+    close(mtd);
+    EXPECT_EQ(std::vector<uint8_t>(id, id + 4), (std::vector<uint8_t>{0x1C, 0, 0x5B, 0x22}));
+    cycle(0, 0xF0);
+    EXPECT_EQ(word(0x20000), 0xFFFF);
+    unmap_regs();
 }
 
 } // namespace

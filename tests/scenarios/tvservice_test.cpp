@@ -58,6 +58,7 @@ struct BadBlockCase {
     std::vector<size_t> placement; // physical block of each logical block written
     std::vector<size_t> retired;   // blocks the write marked bad (grown bad blocks)
     std::string output;            // kWritten (exit status 0) or why the write failed (1)
+    bool retired_erased = false;   // marking erased the retired blocks (else their erase failed)
 };
 
 class NandAroundBadBlocks : public NandService, public testing::WithParamInterface<BadBlockCase> {};
@@ -69,6 +70,8 @@ TEST_P(NandAroundBadBlocks, WritesSkipBadBlocksAndReadBackAtTheSameLogicalOffset
         board.add_fault(fault(c.fails, ("uboot_env:" + std::to_string(b)).c_str()));
     const size_t length = 6 * E + E / 2; // a partial last block
     const std::string image = pattern(length, 11);
+    const std::string old = pattern(8 * E, 5); // every block must be erased before it is written
+    board.write(kFlash, old);
 
     RunResult w = write(length, image);
     EXPECT_EQ(w.output, c.output);
@@ -79,11 +82,13 @@ TEST_P(NandAroundBadBlocks, WritesSkipBadBlocksAndReadBackAtTheSameLogicalOffset
             << "logical " << L;
     }
     for (size_t b : c.bad)
-        EXPECT_EQ(block(b), std::string(E, '\xFF')) << "bad block " << b << " was written";
+        EXPECT_EQ(block(b), old.substr(b * E, E)) << "bad block " << b << " was touched";
     std::vector<size_t> retired;
     for (const json &m : board.trace("mtd_markbad"))
         retired.push_back(m["block"]);
     EXPECT_EQ(retired, c.retired);
+    for (size_t b : c.retired)
+        EXPECT_EQ(block(b), c.retired_erased ? std::string(E, '\xFF') : old.substr(b * E, E)) << b;
     if (c.output == kWritten) {
         EXPECT_EQ(read_back(length), image); // a new process: found again after a reopen
     }
@@ -101,7 +106,7 @@ INSTANTIATE_TEST_SUITE_P(
         {"InTheMiddle", {3}, nullptr, {0, 1, 2, 4, 5, 6, 7}, {}, kWritten},
         {"AtTheEnd", {6}, nullptr, {0, 1, 2, 3, 4, 5, 7}, {}, kWritten},
         {"None", {}, nullptr, {0, 1, 2, 3, 4, 5, 6}, {}, kWritten},
-        {"WriteFailure", {}, "nand_write_fail", {0, 1, 3, 4, 5, 6, 7}, {2}, kWritten},
+        {"WriteFailure", {}, "nand_write_fail", {0, 1, 3, 4, 5, 6, 7}, {2}, kWritten, true},
         {"EraseFailure", {}, "nand_erase_fail", {1, 2, 3, 4, 5, 6, 7}, {0}, kWritten},
         // What was written before stays (partial results are not undone).
         {"NoGoodBlockLeft", {5, 6, 7}, nullptr, {0, 1, 2, 3, 4}, {}, kNoGoodBlockLeft}}),
@@ -316,9 +321,12 @@ TEST_P(NorCommand, LeavesTheSectorsAsItReportsWithVidOff) {
     for (const json &pulse : board.trace("nor_pulse"))
         EXPECT_EQ(pulse["us"], pulse["op"] == "unprotect" ? 15000 : 150) << pulse.dump();
     if (!c.before.is_null()) {
-        board.reboot(); // the flash keeps its protection, and the status lists it
-        EXPECT_EQ(board.tvservice({"nor", "status", "0", "0x8001"}).output,
-                  listing(0, 3, c.after.get<std::set<unsigned>>()));
+        // The flash was left reading array: the status lists it now, and after a reboot, as
+        // the flash keeps its protection.
+        const std::string status = listing(0, 3, c.after.get<std::set<unsigned>>());
+        EXPECT_EQ(board.tvservice({"nor", "status", "0", "0x8001"}).output, status);
+        board.reboot();
+        EXPECT_EQ(board.tvservice({"nor", "status", "0", "0x8001"}).output, status);
     }
 }
 
@@ -331,6 +339,10 @@ INSTANTIATE_TEST_SUITE_P(
                     NorCase{"UnlockRetriesUntilTheSectorVerifies", json({5}),
                             fault("nor_verify", "5", {{"times", 2}}), "nor unlock 0x20000 1",
                             "Retrying\nRetrying\n", 0, json::array(), "fault", 2},
+                    // Every selected sector is verified, not only the first.
+                    NorCase{"UnlockVerifiesEverySector", json({1, 2, 3}),
+                            fault("nor_verify", "2", {{"times", 2}}), "nor unlock 0x4000 0x8000",
+                            "Retrying\nRetrying\n", 0, json::array(), "nor_pulse", 3},
                     // The fault hits every attempt on sector 2.
                     NorCase{"SectorNeverVerifies", json::array(), fault("nor_verify", "2"),
                             "nor lock 0x4000 0x6000", "FAILED\n", 1, json({1}), "fault", 25},
@@ -375,6 +387,30 @@ TEST_F(NandService, MtdUtilsAndTheServiceToolAgreeOnBadBlocks) {
     EXPECT_EQ(nw.exit_status, 0) << nw.output;
     EXPECT_EQ(block(2), other.substr(E, E)); // logical 1 in physical 2
     EXPECT_EQ(read_back(length), other);
+
+    // The out-of-band area: the bad-block marker of block 1, the ECC of a written page.
+    RunResult oob = board.run({"nanddump", "-q", "--oob", "--bb=dumpbad", "-s", "0x20000", "-l",
+                               "2048", "-f", "/tmp/oob.bin", "/dev/mtd1"});
+    EXPECT_EQ(oob.exit_status, 0) << oob.output;
+    EXPECT_EQ(board.read("fs/tmp/oob.bin"),
+              std::string(2048, '\xFF') + std::string(2, '\0') + std::string(62, '\xFF'));
+    board.run({"nanddump", "-q", "--oob", "-l", "2048", "-f", "/tmp/oob.bin", "/dev/mtd1"});
+    const std::string page = board.read("fs/tmp/oob.bin");
+    EXPECT_EQ(page.substr(0, 2048 + 40), other.substr(0, 2048) + std::string(40, '\xFF'));
+    EXPECT_NE(page.substr(2048 + 40), std::string(24, '\xFF')) << "no ECC written";
+
+    // Written again without an erase, a page holds both writes and ECC that fits neither: the
+    // data comes back as it is, and the ECC counts report it.
+    board.write("fs/tmp/nw.bin", image.substr(0, 2048));
+    ASSERT_EQ(board.run({"nandwrite", "-q", "/dev/mtd1", "/tmp/nw.bin"}).exit_status, 0);
+    RunResult dump2 = board.run({"nanddump", "-l", "2048", "-f", "/tmp/dump.bin", "/dev/mtd1"});
+    EXPECT_EQ(dump2.exit_status, 0);
+    EXPECT_THAT(dump2.output, testing::HasSubstr("ECC: 1 uncorrectable bitflip(s) at offset "
+                                                 "0x00000000"));
+    std::string both = other.substr(0, 2048);
+    for (size_t i = 0; i < both.size(); ++i)
+        both[i] = static_cast<char>(both[i] & image[i]);
+    EXPECT_EQ(board.read("fs/tmp/dump.bin"), both);
 }
 
 } // namespace

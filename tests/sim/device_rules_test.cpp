@@ -151,6 +151,49 @@ TEST_F(DeviceRules, AFailedEraseOrWriteHasDoneWhatLiesBeforeWhereItStopped) {
                               std::string(0xC0000, '\0'));
 }
 
+// A NAND read as the kernel's character device gives it: a failed read is EIO; bitflips ECC
+// corrects or cannot correct still deliver the data (as corrected, or as read) and are only
+// counted in ECCGETSTATS.
+TEST_F(DeviceRules, NandReadsReportEccOnlyInTheCounts) {
+    const struct {
+        const char *what;
+        json fault;
+        int err;
+        uint32_t corrected;
+        uint32_t failed;
+        bool intact;
+    } cases[] = {
+        {"a read that fails", fault("nand_read_fail", "uboot_env:1", {{"times", 1}}), EIO, 0, 0,
+         true},
+        {"corrected bitflips", fault("nand_bitflip", "uboot_env:1", {{"bits", 3}, {"times", 1}}), 0,
+         3, 0, true},
+        {"too many to correct",
+         fault("nand_bitflip", "uboot_env:1", {{"uncorrectable", true}, {"times", 1}}), 0, 3, 1,
+         false},
+    };
+    change_config([&](json &c) {
+        for (const auto &row : cases)
+            c["faults"].push_back(row.fault);
+    });
+    std::filesystem::create_directories(dir_ / "mtd");
+    std::ofstream(dir_ / "mtd/uboot_env.bin") << std::string(0x40000, 'p');
+    attach();
+    int nand = open("/dev/mtd1", O_RDONLY);
+    for (const auto &c : cases) {
+        char page[2048] = {};
+        ASSERT_EQ(lseek(nand, 0x20000, SEEK_SET), 0x20000);
+        EXPECT_EQ(error_of(read(nand, page, sizeof page) < 0), c.err) << c.what;
+        mtd_ecc_stats stats{};
+        ASSERT_EQ(ioctl(nand, ECCGETSTATS, &stats), 0);
+        EXPECT_EQ(stats.corrected, c.corrected) << c.what;
+        EXPECT_EQ(stats.failed, c.failed) << c.what;
+        if (c.err == 0) {
+            EXPECT_EQ(std::string(page, sizeof page) == std::string(2048, 'p'), c.intact) << c.what;
+        }
+    }
+    close(nand);
+}
+
 // The microcontroller's link on the board, at its rate, opened with these flags.
 int open_link(int flags) {
     int fd = open("/dev/uat_ucom", flags);
