@@ -259,6 +259,13 @@ private:
             if (std::find(touched.begin(), touched.end(), device) == touched.end())
                 touched.push_back(device);
             if (m.read) {
+                if (const json *f = board_.take_fault("i2c_read_error", device->name())) {
+                    charge(1); // the bus fails in the first byte of the read
+                    int err = errno_from_name(f->value("errno", json("EIO")));
+                    entry["failed"] = strerrorname_np(err);
+                    trace["msgs"].push_back(entry);
+                    return err;
+                }
                 device->read_message(m.bytes, m.length);
                 charge(m.length);
                 if (const json *f = board_.take_fault("i2c_read_differs", device->name());

@@ -13,6 +13,8 @@
 //   i2c_busy           the device does not acknowledge its address (status busy), per try
 //   i2c_nak            the device does not acknowledge the first data byte (final failure)
 //   i2c_read_differs   the first byte of a read is XORed with "mask" (default 0xFF)
+//   i2c_read_error     a read message of the device fails with "errno" (default EIO) after
+//                      its address was acknowledged
 //   i2c_bus_error      the transfer fails on the bus with "errno" (default EIO)
 #pragma once
 

@@ -14,32 +14,70 @@ constexpr uint16_t kUnlockA = 0x5745;
 constexpr uint16_t kUnlockB = 0x5043;
 constexpr size_t kReadWindow = 16;
 
+// The TR6 takes a key only after the one before it has settled: the 20 ms that the bus layer
+// pauses after every FPGA register write and the 5 ms the block write pauses after each key.
+constexpr uint64_t kTr6KeySettleUs = 25000;
+
 constexpr RegisterMap kRegisterMaps[] = {
-    {"kolma",
-     64,
-     0x0016,
-     {0x0001, 0x0000},
-     2,
-     0x4026,
-     0x40FA,
-     0x40FC,
-     0x40FE,
-     0x40F8,
-     0x4100,
-     0,
-     0x4000,
-     0x400A,
-     0x401C,
-     0x4002,
-     0x400C,
-     {}},
-    {"vornek", 64, 0, {}, 0, 0, 0x70FA, 0x70FC, 0x70FE, 0x70F8, 0, 0xF100, 0, 0, 0, 0, 0, {}},
-    // FPGA interfaces: the roles above, then the PLL and calibration registers.
-    {"fpga_tr5", 32,     0x0020, {0x0000}, 1,      0,  0x48FA, 0x48FC, 0x48FE, 0x48F8, 0x4900, 0,
-     0x4800,     0x480A, 0x4802, 0x4802,   0x480C, {}, 0x0022, 0x0010, 0x001E, 0x0012, 0x0003},
-    {"fpga_tr6", 32,     0x0020, {0x0000}, 1, 0, 0x4876, 0x4874, 0x4878,
-     0x4872,     0x487A, 0,      0,        0, 0, 0,      0,      {{0x4804, 0x0000}},
-     0x0022,     0x0010, 0x000E},
+    {.model = "kolma",
+     .block_size = 64,
+     .enable = 0x0016,
+     .enable_values = {0x0001, 0x0000},
+     .enable_count = 2,
+     .block_start = 0x4026,
+     .first_key = {.reg = 0x40FA, .value = kUnlockA},
+     .second_key = {.reg = 0x40FC, .value = kUnlockB},
+     .address = 0x40FE,
+     .status = 0x40F8,
+     .data_words = 0x4100,
+     .read_command = 0x4000,
+     .read_address = 0x400A,
+     .read_start = 0x401C,
+     .read_status = 0x4002,
+     .read_data = 0x400C},
+    {.model = "vornek",
+     .block_size = 64,
+     .first_key = {.reg = 0x70FA, .value = kUnlockA},
+     .second_key = {.reg = 0x70FC, .value = kUnlockB},
+     .address = 0x70FE,
+     .status = 0x70F8,
+     .data_message = 0xF100},
+    {.model = "fpga_tr5",
+     .block_size = 32,
+     .enable = 0x0020,
+     .enable_values = {0x0000},
+     .enable_count = 1,
+     .first_key = {.reg = 0x48FA, .value = kUnlockA},
+     .second_key = {.reg = 0x48FC, .value = kUnlockB},
+     .address = 0x48FE,
+     .status = 0x48F8,
+     .data_words = 0x4900,
+     .read_command = 0x4800,
+     .read_address = 0x480A,
+     .read_start = 0x4802,
+     .read_status = 0x4802,
+     .read_data = 0x480C,
+     .pll_restart = 0x0022,
+     .pll_status = 0x0010,
+     .pll_locked = 0x001E,
+     .calibration = 0x0012,
+     .calibration_done = 0x0003},
+    {.model = "fpga_tr6",
+     .block_size = 32,
+     .enable = 0x0020,
+     .enable_values = {0x0000},
+     .enable_count = 1,
+     .block_start_read = 0x4804,
+     .first_key = {.reg = 0x4874, .value = kUnlockB},
+     .second_key = {.reg = 0x4876, .value = kUnlockA},
+     .key_settle_us = kTr6KeySettleUs,
+     .address = 0x4878,
+     .status = 0x4872,
+     .data_words = 0x487A,
+     .fixed = {{.reg = 0x4804, .value = 0x0000}},
+     .pll_restart = 0x0022,
+     .pll_status = 0x0010,
+     .pll_locked = 0x000E},
 };
 
 uint64_t setting(const json &config, const char *key, uint64_t fallback) {
@@ -143,6 +181,8 @@ public:
     }
 
     void read_message(uint8_t *bytes, size_t count) override {
+        if (pointer_ == map_.block_start_read && pointer_ != 0)
+            start_block();
         uint16_t value = read_register(pointer_);
         uint8_t pair[2] = {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
         for (size_t i = 0; i < count; ++i)
@@ -197,8 +237,21 @@ private:
     bool enabled() {
         return map_.enable_count == 0 || reg_state().value("enable_step", 0) >= map_.enable_count;
     }
-    bool unlocked() { return reg_state().value("a", false) && reg_state().value("b", false); }
-    bool block_open() { return enabled() && unlocked(); }
+    bool has_block_start() const { return map_.block_start != 0 || map_.block_start_read != 0; }
+    uint64_t key_settle_ns() const { return map_.key_settle_us * kNsPerUs; }
+    // Both keys taken in order, the second settled, the lock not begun: the block registers
+    // take the address and the data.
+    bool open() {
+        const json &s = reg_state();
+        return s.value("keys", 0) == 2 && !s.value("closing", false) &&
+               board_.now_ns() >= s.value("key_ns", uint64_t{0}) + key_settle_ns();
+    }
+    bool block_open() { return enabled() && open() && reg_state().contains("address"); }
+    // A stored block being written into the EEPROM cells.
+    bool settling() {
+        const json &s = reg_state();
+        return s.value("stored", false) && board_.now_ns() < s.value("settled_ns", uint64_t{0});
+    }
 
     const FixedRegister *fixed(uint16_t reg) const {
         for (const FixedRegister &f : map_.fixed) {
@@ -241,16 +294,23 @@ private:
     uint16_t status() {
         json &s = reg_state();
         uint8_t high = 0;
-        if (unlocked())
+        if (open() || settling())
             high |= 0x10;
-        if (s.value("stored", false) && board_.now_ns() >= s.value("stored_at_ns", uint64_t{0}))
+        if (s.value("stored", false))
             high |= 0x01;
         if (const json *f = board_.take_fault("register_status_missing", name()))
             high &= static_cast<uint8_t>(~number_from(member(*f, "bits"), 0x01));
+        if (const json *f = board_.take_fault("register_status_extra", name()))
+            high |= static_cast<uint8_t>(number_from(member(*f, "bits"), 0x01));
         uint8_t low = static_cast<uint8_t>(s.value("sum", 0));
         if (const json *f = board_.take_fault("register_wrong_sum", name()))
             low = static_cast<uint8_t>(low + number_from(member(*f, "delta"), 1));
         return static_cast<uint16_t>(high << 8 | low);
+    }
+
+    bool is_data_word(uint16_t reg) const {
+        return map_.data_words != 0 && reg >= map_.data_words &&
+               reg < map_.data_words + map_.block_size && (reg - map_.data_words) % 2 == 0;
     }
 
     bool write_register(uint16_t reg, uint16_t value) {
@@ -275,13 +335,12 @@ private:
             return true;
         if (!enabled())
             return false;
-        if (reg == map_.unlock_a || reg == map_.unlock_b) {
-            unlock(reg == map_.unlock_a ? "a" : "b", value,
-                   reg == map_.unlock_a ? kUnlockA : kUnlockB);
+        if (reg == map_.first_key.reg || reg == map_.second_key.reg) {
+            write_key(reg == map_.first_key.reg, value);
             return true;
         }
         if (reg == map_.block_start && reg != 0) {
-            forget_block();
+            start_block();
             return true;
         }
         if (reg == map_.read_command || reg == map_.read_start)
@@ -290,19 +349,16 @@ private:
             s["read_address"] = value;
             return true;
         }
-        if (!unlocked())
-            return false; // the block registers take nothing while locked
-        if (reg == map_.address) {
+        if (reg == map_.address && open()) {
             s["address"] = value;
             return true;
         }
-        if (map_.data_words != 0 && reg >= map_.data_words &&
-            reg < map_.data_words + map_.block_size && (reg - map_.data_words) % 2 == 0) {
+        if (is_data_word(reg) && block_open()) { // the data follows the address
             uint8_t pair[2] = {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
             take_data(reg - map_.data_words, pair, 2);
             return true;
         }
-        return false;
+        return false; // the block registers take nothing while locked
     }
 
     void forget_block() {
@@ -310,6 +366,20 @@ private:
         s["sum"] = 0;
         s["data"] = std::string(map_.block_size * 2, 'x');
         s.erase("address");
+    }
+
+    void ignore(const char *what, const char *why) {
+        board_.trace("register_key_ignored", {{"device", name()}, {"write", what}, {"why", why}});
+    }
+
+    // The block start: a new block begins, and the keys may follow.
+    void start_block() {
+        if (settling())
+            return ignore("block start", "a stored block is settling");
+        json &s = reg_state();
+        s["armed"] = true;
+        s["stored"] = false;
+        forget_block();
     }
 
     // Block bytes at offset; received bytes are kept as hex digits, "xx" for none yet.
@@ -327,46 +397,68 @@ private:
         s["sum"] = sum;
     }
 
-    void unlock(const char *which, uint16_t value, uint16_t key) {
+    // A write to a key register: unlocking takes the first key, then the second once the
+    // first has settled; locking clears the first, then the second.
+    void write_key(bool first, uint16_t value) {
+        const char *what = first ? "first key" : "second key";
+        if (settling())
+            return ignore(what, "a stored block is settling");
         json &s = reg_state();
-        bool was_unlocked = unlocked();
-        if (value == key) {
-            s[which] = true;
-            if (!was_unlocked && unlocked()) {
-                forget_block();
+        int keys = s.value("keys", 0);
+        if (value == (first ? map_.first_key : map_.second_key).value) {
+            if (first && has_block_start() && !s.value("armed", false))
+                return ignore(what, "no block start");
+            if (!first && keys != 1)
+                return ignore(what, "the first key is not set");
+            if (!first && board_.now_ns() < s.value("key_ns", uint64_t{0}) + key_settle_ns())
+                return ignore(what, "the first key has not settled");
+            s["keys"] = keys = first ? 1 : 2;
+            s["key_ns"] = board_.now_ns();
+            s["closing"] = false;
+            if (first)
                 s["stored"] = false;
-            }
+            forget_block();
             return;
         }
-        s[which] = false;
-        if (was_unlocked && value == 0)
-            s["locking"] = true;
-        if (s.value("locking", false) && !s.value("a", false) && !s.value("b", false)) {
-            s.erase("locking");
-            lock();
+        if (value != 0 || keys != 2) { // a wrong key, or a lock before the unlock was complete
+            s["keys"] = 0;
+            return;
         }
+        if (first) {
+            s["closing"] = true;
+            return;
+        }
+        if (s.value("closing", false))
+            lock();
+        else
+            refuse_block("locked in the wrong order");
+        s["keys"] = 0;
+        s["closing"] = false;
+        s["armed"] = false;
     }
 
-    // Both unlock registers cleared: the block is stored if it is complete.
+    void refuse_block(const char *why) {
+        reg_state()["stored"] = false;
+        board_.trace("register_block_refused", {{"device", name()}, {"why", why}});
+    }
+
+    // Both keys cleared in order: the block is stored if it is complete.
     void lock() {
         json &s = reg_state();
         std::string data = s.value("data", std::string());
         int write_enable = static_cast<int>(setting(config(), "write_enable_pin", 0xFFFF));
-        bool complete = s.contains("address") && data.size() == map_.block_size * 2 &&
-                        data.find('x') == std::string::npos &&
-                        (write_enable == 0xFFFF || pin_level(board_, write_enable) == 1);
-        if (!complete) {
-            s["stored"] = false;
-            board_.trace("register_block_refused", {{"device", name()}});
-            return;
-        }
+        if (!s.contains("address") || data.size() != map_.block_size * 2 ||
+            data.find('x') != std::string::npos)
+            return refuse_block("incomplete");
+        if (write_enable != 0xFFFF && pin_level(board_, write_enable) != 1)
+            return refuse_block("write enable pin low");
         std::vector<uint8_t> block(map_.block_size);
         for (size_t i = 0; i < block.size(); ++i)
             block[i] = static_cast<uint8_t>(std::stoi(data.substr(2 * i, 2), nullptr, 16));
         size_t address = s["address"].get<size_t>();
         cells_.put(address, block.data(), block.size());
         s["stored"] = true;
-        s["stored_at_ns"] = board_.now_ns() + setting(config(), "write_us", 1000) * kNsPerUs;
+        s["settled_ns"] = board_.now_ns() + setting(config(), "write_us", 1000) * kNsPerUs;
         board_.trace("eeprom_write",
                      {{"device", name()}, {"addr", address}, {"count", block.size()}});
     }

@@ -12,16 +12,23 @@
 //   values, each model described by a RegisterMap. A register write is one 4-byte message
 //   (register, value, high bytes first); a read writes the 2-byte register number and reads
 //   the value with a repeated start. A register the map does not name, or one not open yet,
-//   is refused with a NAK of its low byte. The sequence for one block: unlock A and B with
-//   their values (status high bit 4, "ready", is set while both are), EEPROM address, the
-//   data (words, or one data message), lock A and B with 0. The lock stores the block only
-//   when address and every data byte came while unlocked; then status high shows bit 0
-//   ("stored") once "write_us" (default 1000) has passed, otherwise never. Status low is the
-//   sum of the data bytes received since the unlock.
+//   is refused with a NAK of its low byte. The sequence for one block, which the interface
+//   follows step by step: the block start where the map has one (KOLMA: 0x4026 written; TR6:
+//   0x4804 read), the first key, the second key (not before "key_settle_us" after the first;
+//   the block registers open that long after the second), the EEPROM address, the data
+//   (words, or one data message; refused before the address), then the first key cleared
+//   and the second key cleared. A key out of this order is ignored (a
+//   "register_key_ignored" event); a lock in the wrong order discards the block. The lock
+//   stores a complete block; status high then shows bits 4 and 0 while the block settles
+//   ("write_us", default 1000), during which the interface ignores keys and block starts,
+//   and bit 0 alone after it. An incomplete block is not stored ("register_block_refused").
+//   Status high bit 4 also shows while the block registers are open; status low is the sum
+//   of the data bytes received since they opened.
 //   Keys: "size", "file", "write_us", "reset_pin" (the device answers only while that pin is
 //   1; while it is 0 the device forgets its registers).
 //   Faults (target: the device's name): register_status_missing ("bits" of status high that
-//   never show, default 0x01), register_wrong_sum (status low off by "delta", default 1).
+//   never show, default 0x01), register_status_extra ("bits" of status high that show as
+//   well, default 0x01), register_wrong_sum (status low off by "delta", default 1).
 //
 // FPGA EEPROM interfaces ("fpga_tr5", "fpga_tr6"): register interfaces of 32-byte blocks that
 //   the FPGA named by "fpga" (1 or 2) offers while it holds a configuration and its
@@ -46,26 +53,34 @@ struct FixedRegister {
     uint16_t value;
 };
 
+// An unlock key: the register and the value that unlocks it (0 locks it again).
+struct UnlockKey {
+    uint16_t reg;
+    uint16_t value;
+};
+
 // Where a register interface keeps each role; 0 where the interface has no such register.
 struct RegisterMap {
     const char *model;
     size_t block_size;
-    uint16_t enable;           // written enable_values in order to open the EEPROM registers
-    uint16_t enable_values[2]; // ... enable_count of them
-    int enable_count;          // 0: the EEPROM registers are open from power-on
-    uint16_t block_start;      // written at the start of a block: forgets the block so far
-    uint16_t unlock_a;         // takes 0x5745 to unlock, 0 to lock
-    uint16_t unlock_b;         // takes 0x5043 to unlock, 0 to lock
-    uint16_t address;          // EEPROM address of the block
-    uint16_t status;           // write status: high bit 4 ready, bit 0 stored; low the sum
-    uint16_t data_words;       // block bytes i, i+1 at data_words + i
-    uint16_t data_message;     // one message of the register and the whole block
-    uint16_t read_command;     // read interface: command, address, start, status, data
-    uint16_t read_address;
-    uint16_t read_start;
-    uint16_t read_status;   // low bits 0 and 3 clear: the data is ready
-    uint16_t read_data;     // bytes at read address + i at read_data + i, i < 16
-    FixedRegister fixed[6]; // further registers of the device
+    uint16_t enable = 0;            // written enable_values in order to open the EEPROM registers
+    uint16_t enable_values[2] = {}; // ... enable_count of them
+    int enable_count = 0;           // 0: the EEPROM registers are open from power-on
+    uint16_t block_start = 0;       // written at the start of a block, before its keys
+    uint16_t block_start_read = 0;  // read at the start of a block, before its keys
+    UnlockKey first_key = {};       // unlocked first and locked first
+    UnlockKey second_key = {};      // unlocked and locked after the first
+    uint64_t key_settle_us = 0;     // a key takes effect this long after it was written
+    uint16_t address = 0;           // EEPROM address of the block
+    uint16_t status = 0;            // write status: high bit 4 open, bit 0 stored; low the sum
+    uint16_t data_words = 0;        // block bytes i, i+1 at data_words + i
+    uint16_t data_message = 0;      // one message of the register and the whole block
+    uint16_t read_command = 0;      // read interface: command, address, start, status, data
+    uint16_t read_address = 0;
+    uint16_t read_start = 0;
+    uint16_t read_status = 0;    // low bits 0 and 3 clear: the data is ready
+    uint16_t read_data = 0;      // bytes at read address + i at read_data + i, i < 16
+    FixedRegister fixed[6] = {}; // further registers of the device
     // FPGA interfaces: the PLL is held until pll_restart is written 0, then pll_status reads
     // pll_locked once it has locked; calibration (0: none) reads calibration_done after that.
     // The EEPROM interface takes its enable only then.

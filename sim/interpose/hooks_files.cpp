@@ -54,13 +54,21 @@ int open_board_device(Hook &hook, const std::string &normal, int flags, bool *ha
         }
         return -1;
     }
-    int pair[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0)
+    // One descriptor, as the kernel's open takes: EMFILE once the process has no more.
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    err = errno;
+    if (fd >= 0 && !tvsim::interpose::attach_device(fd, std::move(device))) {
+        close(fd);
+        fd = -1;
+        err = EMFILE;
+    }
+    if (fd < 0) {
+        hook.board().trace("open", {{"path", normal}, {"errno", err}});
+        errno = err;
         return -1;
-    close(pair[1]);
-    hook.board().trace("open", {{"path", normal}, {"fd", pair[0]}, {"flags", flags}});
-    tvsim::interpose::attach_device(pair[0], std::move(device));
-    return pair[0];
+    }
+    hook.board().trace("open", {{"path", normal}, {"fd", fd}, {"flags", flags}});
+    return fd;
 }
 
 template <typename RealOpen>

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <sys/resource.h>
 #include <unistd.h>
 
 namespace tvsim::interpose {
@@ -14,9 +15,32 @@ namespace {
 
 __thread int hook_depth = 0;
 
+// The board's kernel gives a process 1024 descriptors (its default soft limit): a program that
+// leaks descriptors runs out of them there, and so it does here.
 constexpr int kMaxDeviceFd = 1024;
 Device *g_devices[kMaxDeviceFd];
 int g_open_devices = 0;
+rlimit g_host_files{};
+bool g_files_limited = false;
+
+// Lowers the process's descriptor limit to the board's while it runs on the board.
+void limit_files() {
+    rlimit limit{};
+    if (g_files_limited || getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return;
+    g_host_files = limit;
+    g_files_limited = true;
+    if (limit.rlim_cur == RLIM_INFINITY || limit.rlim_cur > kMaxDeviceFd) {
+        limit.rlim_cur = kMaxDeviceFd;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+void restore_files() {
+    if (g_files_limited)
+        setrlimit(RLIMIT_NOFILE, &g_host_files);
+    g_files_limited = false;
+}
 
 // Plain pointer state: hooks may run before constructors and after destructors.
 Board *g_board = nullptr;
@@ -35,6 +59,8 @@ Board *current_board() {
             }
             if (g_board == nullptr)
                 fprintf(stderr, "tvsim: %s\n", error.c_str());
+            else
+                limit_files();
         }
     }
     return g_board;
@@ -55,12 +81,13 @@ Device *device_at(int fd) {
     return fd >= 0 && fd < kMaxDeviceFd ? g_devices[fd] : nullptr;
 }
 
-void attach_device(int fd, std::unique_ptr<Device> device) {
+bool attach_device(int fd, std::unique_ptr<Device> device) {
     if (fd < 0 || fd >= kMaxDeviceFd)
-        return;
+        return false;
     delete g_devices[fd];
     g_devices[fd] = device.release();
     ++g_open_devices;
+    return true;
 }
 
 std::unique_ptr<Device> detach_device(int fd) {
@@ -94,7 +121,10 @@ __attribute__((visibility("default"))) int tvsim_attach(const char *dir) {
         tvsim::interpose::g_board = tvsim::Board::load(dir, &error).release();
     } catch (...) {
     }
-    return tvsim::interpose::g_board != nullptr ? 0 : -1;
+    if (tvsim::interpose::g_board == nullptr)
+        return -1;
+    tvsim::interpose::limit_files();
+    return 0;
 }
 
 __attribute__((visibility("default"))) void tvsim_detach() {
@@ -104,6 +134,7 @@ __attribute__((visibility("default"))) void tvsim_detach() {
     tvsim::interpose::g_board->save();
     delete tvsim::interpose::g_board;
     tvsim::interpose::g_board = nullptr;
+    tvsim::interpose::restore_files();
 }
 }
 

@@ -39,7 +39,8 @@ private:
 
 // Board devices behind descriptors.
 Device *device_at(int fd);
-void attach_device(int fd, std::unique_ptr<Device> device);
+// False when fd is past the descriptors a process of the board can have.
+bool attach_device(int fd, std::unique_ptr<Device> device);
 std::unique_ptr<Device> detach_device(int fd);
 bool any_device_open();
 

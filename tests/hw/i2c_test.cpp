@@ -5,12 +5,15 @@
 #include "hw/utils.h"
 #include "run/main.h"
 #include "support/board_fixture.h"
+#include "support/i2c_trace.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <filesystem>
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
+#include <numeric>
 #include <sys/ioctl.h>
 
 using testsupport::fault;
@@ -133,6 +136,32 @@ TEST_F(I2cOnBoard, KolmaHeldInResetNeverAnswers) {
     EXPECT_EQ(transfers().size(), 3u * (kI2cBusyTries + 1));
 }
 
+// The number of descriptors the process has open; -1 when it cannot open one more to look.
+long open_descriptors() {
+    std::error_code error;
+    std::filesystem::directory_iterator entries("/proc/self/fd", error);
+    return error ? -1 : std::distance(entries, std::filesystem::directory_iterator());
+}
+
+// Each call opens and closes the three buses; the board, like the TV, gives a process 1024
+// descriptors, so a call that kept one would fail within these calls.
+TEST_F(I2cOnBoard, DeviceCallsReleaseTheirBusDescriptors) {
+    attach();
+    const long before = open_descriptors();
+    const uint8_t status_register[2] = {0x70, 0xF8};
+    uint8_t status[2] = {};
+    int failed = 0;
+    for (int call = 0; call < 400; ++call)
+        failed += IIC_VornekEEP_Read(status_register, 2, status) != 0;
+    EXPECT_EQ(failed, 0);
+    const uint8_t key[4] = {0x70, 0xFA, 0x57, 0x45};
+    add_fault(fault("i2c_nak", "vornek"));
+    detach();
+    attach();
+    printed([&] { EXPECT_EQ(IIC_VornekEEP_Write(sizeof key, key), 6); });
+    EXPECT_EQ(open_descriptors(), before);
+}
+
 TEST_F(I2cOnBoard, HdmiEepromPagesAndHalves) {
     change_config([](json &c) {
         for (int half : {0, 1})
@@ -188,6 +217,8 @@ class I2cModels : public I2cOnBoard {
 protected:
     void SetUp() override {
         I2cOnBoard::SetUp();
+        // A Vornek that takes 5 ms to settle a block, longer than a few register transfers.
+        change_config([](json &c) { c["i2c"]["devices"][3]["write_us"] = 5000; });
         attach();
         bus0_ = open("/dev/i2c-0", O_RDWR);
         bus2_ = open("/dev/i2c-2", O_RDWR);
@@ -268,30 +299,87 @@ TEST_F(I2cModels, SerialEepromWrapsWithinThePageAndIsDeafDuringItsCycle) {
     EXPECT_EQ(page, counting(32, 2));
 }
 
+// One step of a sequence on the Vornek's registers: a register write ('w') or the data
+// message ('d') and the errno it meets, a status read ('s') and the status high it shows, or a
+// pause ('p', value in microseconds).
+struct RegisterStep {
+    char op;
+    uint16_t reg;
+    uint16_t value;
+    int expected;
+};
+
 TEST_F(I2cModels, RegisterBlockStoredOnlyWhenTheSequenceWasFollowed) {
-    std::vector<uint8_t> message = counting(64, 1, {0xF1, 0x00});
-    // Locked: the address and the data are refused.
-    EXPECT_EQ(set_register(0x70FE, 0x0040), EREMOTEIO);
-    EXPECT_EQ(rdwr(bus2_, {{0x0A, 0, 66, message.data()}}), EREMOTEIO);
-    EXPECT_EQ(set_register(0x1234, 0), EREMOTEIO); // no such register
-    // Unlocked without data: the lock stores nothing and never shows "stored".
-    EXPECT_TRUE(vornek_keys(0x5745, 0x5043));
-    EXPECT_EQ(vornek_status(), 0x1000);
-    EXPECT_EQ(set_register(0x70FE, 0x0040), 0);
-    EXPECT_TRUE(vornek_keys(0, 0));
-    usleep(10000);
-    EXPECT_EQ(vornek_status(), 0x0000);
-    EXPECT_TRUE(vornek_cells() == std::string(32768, '\xff'));
-    // The whole sequence: stored at the address, status shows the sum, then "stored".
-    EXPECT_TRUE(vornek_keys(0x5745, 0x5043));
-    EXPECT_EQ(set_register(0x70FE, 0x0040), 0);
-    EXPECT_EQ(rdwr(bus2_, {{0x0A, 0, 66, message.data()}}), 0);
-    EXPECT_EQ(vornek_status(), 0x1000 | (64 * 65 / 2 % 256));
-    EXPECT_TRUE(vornek_keys(0, 0));
-    usleep(1000);
-    EXPECT_EQ(vornek_status() >> 8, 0x01);
-    EXPECT_EQ(vornek_cells().substr(0x40, 65),
-              std::string(message.begin() + 2, message.end()) + '\xff'); // 0x40..0x7F only
+    using Steps = std::vector<RegisterStep>;
+    constexpr uint16_t kA = 0x70FA, kB = 0x70FC, kAddress = 0x70FE;
+    const Steps unlock = {{'w', kA, 0x5745, 0}, {'w', kB, 0x5043, 0}};
+    const Steps lock = {{'w', kA, 0, 0}, {'w', kB, 0, 0}};
+    const Steps address = {{'w', kAddress, 0x0040, 0}}, data = {{'d', 0, 0, 0}};
+    const Steps refused = {{'w', kAddress, 0x0040, EREMOTEIO}, {'d', 0, 0, EREMOTEIO}};
+    const Steps nothing_stored = {{'s', 0, 0, 0x00}};
+    auto steps = [](std::initializer_list<Steps> parts) {
+        Steps all;
+        for (const Steps &part : parts)
+            all.insert(all.end(), part.begin(), part.end());
+        return all;
+    };
+    const struct {
+        const char *what;
+        Steps steps;
+        bool stored;
+    } rows[] = {
+        // Stored at the address; both status bits while it settles, and during that the
+        // interface takes no key; then "stored" alone.
+        {"the whole sequence",
+         steps({unlock,
+                address,
+                data,
+                {{'s', 0, 0, 0x10}},
+                lock,
+                {{'s', 0, 0, 0x11}},
+                unlock,
+                {{'s', 0, 0, 0x11}, {'p', 0, 5000, 0}, {'s', 0, 0, 0x01}}}),
+         true},
+        {"locked: no address, no data", steps({refused, {{'w', 0x1234, 0, EREMOTEIO}}}), false},
+        {"unlocked without data", steps({unlock, address, lock, nothing_stored}), false},
+        {"keys in the wrong order",
+         steps({{{'w', kB, 0x5043, 0}, {'w', kA, 0x5745, 0}}, nothing_stored, refused, lock}),
+         false},
+        {"data before the address",
+         steps({unlock, {{'d', 0, 0, EREMOTEIO}}, address, lock, nothing_stored}), false},
+        {"locked in the wrong order",
+         steps({unlock, address, data, {{'w', kB, 0, 0}, {'w', kA, 0, 0}}, nothing_stored}), false},
+        {"the first key again begins a new block",
+         steps({unlock, address, data, unlock, lock, nothing_stored}), false},
+    };
+    uint8_t first = 1;
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        // Each row begins settled and locked.
+        usleep(5000);
+        ASSERT_TRUE(vornek_keys(0, 0));
+        const std::string before = vornek_cells();
+        std::vector<uint8_t> message = counting(64, first++, {0xF1, 0x00});
+        for (const RegisterStep &step : row.steps) {
+            if (step.op == 'w')
+                EXPECT_EQ(set_register(step.reg, step.value), step.expected) << step.reg;
+            else if (step.op == 'd')
+                EXPECT_EQ(rdwr(bus2_, {{0x0A, 0, 66, message.data()}}), step.expected);
+            else if (step.op == 's')
+                EXPECT_EQ(vornek_status() >> 8, step.expected);
+            else
+                usleep(step.value);
+        }
+        std::string block(message.begin() + 2, message.end());
+        EXPECT_EQ(vornek_cells() == before.substr(0, 0x40) + block + before.substr(0x80),
+                  row.stored);
+        if (row.stored) { // status low: the block's sum
+            EXPECT_EQ(vornek_status() & 0xFF,
+                      std::accumulate(block.begin(), block.end(), 0u, [](unsigned sum, char byte) {
+                          return (sum + uint8_t(byte)) % 256;
+                      }));
+        }
+    }
 }
 
 TEST_F(I2cModels, KolmaAnswersAfterResetReleaseAndOpensItsEepromAfterEnable) {
@@ -325,13 +413,17 @@ protected:
         cn_user_fd = -1;
         I2cOnBoard::TearDown();
     }
-    void fresh_board(const json &fault, int enable_type) {
+    // write_us: how long the TR5 takes to settle a stored block (0: as the board has it).
+    void fresh_board(const json &fault, int enable_type, int write_us = 0) {
         tvsim_detach();
         SetUp();
         for (const char *rom : {"spi_rom1.bin", "spi_rom2.bin"})
             std::ofstream(dir_ / rom) << std::string(16, '\xff') << "\xaa\x99\x55\x66";
-        change_config(
-            [&](json &c) { c["faults"] = fault.is_null() ? json::array() : json::array({fault}); });
+        change_config([&](json &c) {
+            c["faults"] = fault.is_null() ? json::array() : json::array({fault});
+            if (write_us != 0)
+                c["i2c"]["devices"][4]["write_us"] = write_us;
+        });
         attach();
         close(cn_user_fd);
         cn_user_fd = open("/dev/cn_user", O_RDWR);
@@ -374,6 +466,7 @@ TEST_F(FpgaEepromOnBoard, BlockSequencesAreJudgedByTheirLock) {
         std::string output;
         int result;
         bool stored;
+        int write_us = 0;
     };
     for (const Case &c : {
              Case{1, fault("register_wrong_sum", "fpga_tr5"), 32, "FPGA EEP Checksum ERROR!!\n", 0,
@@ -384,6 +477,11 @@ TEST_F(FpgaEepromOnBoard, BlockSequencesAreJudgedByTheirLock) {
                   "FPGA EEP Write ERROR! on xxx1xxx0 detection (0x00)\n" + timeouts(10), 2, false},
              Case{1, fault("register_status_missing", "fpga_tr5", {{"bits", 0x10}, {"skip", 1}}),
                   32, "FPGA EEP Write ERROR! on xxx1xxxx detection (0x00)\n", 0, true},
+             // Both status bits at the unlock: refused by a test of both, so nothing is sent.
+             Case{1, fault("register_status_extra", "fpga_tr5", {{"times", 1}}), 32,
+                  "FPGA EEP Write ERROR! on xxx1xxx0 detection (0x11)\n" + timeouts(10), 2, false},
+             // Still settling at the first read after the lock (20 ms after it): bits 4 and 0.
+             Case{1, json(), 32, timeouts(1), 0, true, 21000},
              Case{1, json(), 33,
                   "FPGA EEP Write ERROR! your specified size(33byte) exceed buffer(32byte).\n" +
                       timeouts(10),
@@ -399,7 +497,7 @@ TEST_F(FpgaEepromOnBoard, BlockSequencesAreJudgedByTheirLock) {
                   2, false},
          }) {
         SCOPED_TRACE(c.fault.dump());
-        fresh_board(c.fault, c.type);
+        fresh_board(c.fault, c.type, c.write_us);
         int result = -1;
         auto write = c.type == 1 ? WriteFPGAEeprom : WriteFPGAEeprom_TR6;
         EXPECT_EQ(printed([&] { result = write(0x40, data.data(), c.length); }), c.output);
@@ -412,6 +510,33 @@ TEST_F(FpgaEepromOnBoard, BlockSequencesAreJudgedByTheirLock) {
             EXPECT_EQ(back, counting(10, 5));
         }
     }
+}
+
+// The TR6 block's pauses on the board clock: 5 ms after each key and 9 microseconds after the
+// first data word, 4 after each other, each after the 20 ms that follow every register write.
+TEST_F(FpgaEepromOnBoard, Tr6BlockKeepsItsPausesOnTheBoardClock) {
+    fresh_board(json(), 2);
+    const size_t before = trace("i2c").size();
+    std::vector<uint8_t> data = counting(32, 1);
+    ASSERT_EQ(printed([&] { EXPECT_EQ(WriteFPGAEeprom_TR6(0x40, data.data(), 32), 0); }), "");
+    std::vector<json> block = trace("i2c");
+    block.erase(block.begin(), block.begin() + static_cast<long>(before));
+    std::vector<int64_t> pauses = testsupport::pauses_before(block);
+    std::vector<std::string> registers;
+    for (const json &transfer : block)
+        registers.push_back(testsupport::register_of(transfer));
+    // The block start's read, the keys, the status, the address, the words.
+    ASSERT_GE(registers.size(), 21u);
+    EXPECT_EQ(std::vector<std::string>(registers.begin(), registers.begin() + 5),
+              (std::vector<std::string>{"4804", "4874", "4876", "4872", "4878"}));
+    constexpr int64_t kAfterWrite = 20000000;
+    EXPECT_EQ(pauses[1], kAfterWrite + 5000000); // between the keys
+    EXPECT_EQ(pauses[2], kAfterWrite + 5000000); // the second key to the status
+    std::vector<int64_t> word_pauses(pauses.begin() + 4, pauses.begin() + 20);
+    std::vector<int64_t> expected(16, kAfterWrite + 4000);
+    expected[0] = kAfterWrite; // the address to the first word
+    expected[1] = kAfterWrite + 9000;
+    EXPECT_EQ(word_pauses, expected);
 }
 
 // Refused before anything reaches the FPGA: no PLL read, pin 95 left at 0.

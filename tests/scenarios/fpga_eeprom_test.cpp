@@ -58,6 +58,9 @@ TEST_F(FpgaEeproms, BothTypesHoldTheirFileAfterTheRun) {
     EXPECT_EQ(r.exit_status, 0);
     EXPECT_TRUE(board.read("i2c/fpga_tr5.bin") == written_cells(1));
     EXPECT_TRUE(board.read("i2c/fpga_tr6.bin") == written_cells(2));
+    // Every block went as the interfaces expect it.
+    EXPECT_TRUE(board.trace("register_key_ignored").empty());
+    EXPECT_TRUE(board.trace("register_block_refused").empty());
 }
 
 TEST_F(FpgaEeproms, FaultsShowInOutputAndResult) {

@@ -2,6 +2,7 @@
 // run, the Vornek EEPROM through its updater, each with the bus and device faults; and the
 // simulated buses cross-checked with i2c-tools.
 #include "scenarios/harness.h"
+#include "support/i2c_trace.h"
 
 namespace scenario {
 namespace {
@@ -21,6 +22,13 @@ std::string kolma_file() {
 std::string eeprom_with(size_t from, const std::string &bytes) {
     std::string cells(kEepromSize, '\xff');
     cells.replace(from, bytes.size(), bytes);
+    return cells;
+}
+
+// What the Pelto EEPROM holds after kPeltoFile.
+std::string pelto_cells() {
+    std::string cells = eeprom_with(0x10, "\x5a\xa5");
+    cells[0x200] = '\x3c';
     return cells;
 }
 
@@ -66,9 +74,7 @@ TEST_F(I2cEeproms, RunWritesPeltoAndBothKolmaDevices) {
                             kolma_device_lines(2) +
                             "KOLMA all EEPROM data updating is finished.\n" + run_epilogue());
     EXPECT_EQ(r.exit_status, 0);
-    std::string pelto = eeprom_with(0x10, "\x5a\xa5");
-    pelto[0x200] = '\x3c';
-    EXPECT_TRUE(board.read("i2c/pelto.bin") == pelto);
+    EXPECT_TRUE(board.read("i2c/pelto.bin") == pelto_cells());
     EXPECT_TRUE(board.read("i2c/kolma_1.bin") == kolma_cells());
     EXPECT_TRUE(board.read("i2c/kolma_2.bin") == kolma_cells());
     EXPECT_TRUE(board.read("i2c/vornek.bin") == std::string(kEepromSize, '\xff'));
@@ -81,6 +87,32 @@ TEST_F(I2cEeproms, RunWritesPeltoAndBothKolmaDevices) {
     json state = json::parse(board.read("state.json"));
     EXPECT_EQ(state["microcontroller"]["ports"]["1"], 4);
     EXPECT_EQ(board.trace("uart_reply").size(), 2u);
+    // The Pelto update sets the board clock to the epoch before its first transfer.
+    std::vector<json> events = board.trace();
+    auto first_of = [&](const char *kind) {
+        return std::ranges::find_if(events, [&](const json &e) { return e["ev"] == kind; });
+    };
+    ASSERT_NE(first_of("settimeofday"), events.end());
+    EXPECT_EQ((*first_of("settimeofday"))["sec"], 0);
+    EXPECT_EQ((*first_of("settimeofday"))["usec"], 0);
+    EXPECT_LT(first_of("settimeofday"), first_of("i2c"));
+    // Every block went as the KOLMA interface expects it.
+    EXPECT_TRUE(board.trace("register_key_ignored").empty());
+    EXPECT_TRUE(board.trace("register_block_refused").empty());
+    // 9 microseconds after a block's first data word, 4 after each other.
+    std::vector<json> transfers = board.trace("i2c");
+    std::vector<int64_t> pauses = testsupport::pauses_before(transfers), word_pauses;
+    for (size_t i = 1; i < transfers.size(); ++i) {
+        if (testsupport::register_of(transfers[i - 1]).starts_with("41") &&
+            testsupport::register_of(transfers[i]).starts_with("41"))
+            word_pauses.push_back(pauses[i - 1]);
+    }
+    std::vector<int64_t> per_block(31, 4000);
+    per_block[0] = 9000;
+    std::vector<int64_t> expected;
+    for (int block = 0; block < 2 * 3; ++block)
+        expected.insert(expected.end(), per_block.begin(), per_block.end());
+    EXPECT_EQ(word_pauses, expected);
     // Two 2 s pauses and 0.35 s of shorter ones per KOLMA device, and the transfers.
     EXPECT_GT(board.board_seconds(), 8.7);
     EXPECT_LT(board.board_seconds(), 9.5);
@@ -113,6 +145,9 @@ TEST_F(I2cEeproms, FaultsShowInOutputAndResult) {
              kolma1_failed},
         {"a byte reads back wrong", fault("i2c_read_differs", "pelto", {{"skip", 1}, {"times", 1}}),
          3, false, pelto_failed},
+        // The second line's read-back fails three times: it stays unverified, the third is done.
+        {"a read-back fails", fault("i2c_read_error", "pelto", {{"skip", 1}, {"times", 3}}), 3,
+         true, pelto_lines("Pelto Eeprom updating is finished.")},
         {"busy for 30 tries", fault("i2c_busy", "pelto", {{"times", 30}}), 3, true,
          pelto_lines("Pelto Eeprom updating is finished.")},
         {"busy forever", fault("i2c_busy", "pelto"), 3, false, pelto_failed},
@@ -134,6 +169,9 @@ TEST_F(I2cEeproms, FaultsShowInOutputAndResult) {
         const bool kolma_ok = c.kolma1_blocks == 3;
         EXPECT_NE(r.output.find(c.expected), std::string::npos) << r.output;
         EXPECT_EQ(r.exit_status, kolma_ok && c.pelto_ok ? 0 : 255);
+        if (c.pelto_ok && c.pelto_file == kPeltoFile) { // every line written
+            EXPECT_TRUE(board.read("i2c/pelto.bin") == pelto_cells());
+        }
         EXPECT_EQ(r.output.find("KOLMA all EEPROM data updating is finished.") != std::string::npos,
                   kolma_ok);
         EXPECT_EQ(r.output.find("KOLMA_2") != std::string::npos, kolma_ok);
@@ -202,6 +240,9 @@ TEST_F(VornekUpdater, FaultsEndTheWalk) {
         {fault("register_wrong_sum", "vornek"), "Checksum ERROR!!\n"},
         {fault("register_status_missing", "vornek", {{"bits", 0x10}}),
          "EEP Write ERROR! on xxx1xxx0 detection 0\n"},
+        // Both bits at the unlock: the test of both refuses it before anything is sent.
+        {fault("register_status_extra", "vornek", {{"times", 1}}),
+         "EEP Write ERROR! on xxx1xxx0 detection 0\n"},
         {fault("i2c_nak", "vornek"),
          "IIC_VornekEEP_Write() ERROR!\nIIC_VornekEEP_Write() ERROR!\nIIC_VornekEEP_Read() ERROR!\n"
          "EEP Write ERROR! on xxx1xxx0 detection 0\n"},
@@ -211,6 +252,22 @@ TEST_F(VornekUpdater, FaultsEndTheWalk) {
         EXPECT_EQ(call("0000 01\n0041 02\n"), head + c.lines + "\rresult 1\n") << c.fault.dump();
         EXPECT_TRUE(board.read("i2c/vornek.bin") == std::string(kEepromSize, '\xff'));
     }
+}
+
+// A Vornek that settles a block in 3 ms shows bits 4 and 0 at the first read after the lock:
+// the block waits for bit 0 alone before the next one unlocks (which a settling device ignores).
+TEST_F(VornekUpdater, SettlingBlockIsWaitedForBeforeTheNext) {
+    json config = board.config();
+    config["i2c"]["devices"][3]["write_us"] = 3000;
+    board.set_config(config);
+    EXPECT_EQ(call("0000 01\n0041 02\n"), head + "Timeout ERROR!!\n\r   0% completed"
+                                                 "Timeout ERROR!!\n\r  98% completed\r\r 100% "
+                                                 "completed\nresult 0\n");
+    std::string cells(kEepromSize, '\xff'); // both blocks written, unnamed bytes 0xFF
+    cells[0x00] = '\x01';
+    cells[0x41] = '\x02';
+    EXPECT_TRUE(board.read("i2c/vornek.bin") == cells);
+    EXPECT_TRUE(board.trace("register_key_ignored").empty());
 }
 
 TEST_F(VornekUpdater, LockConfirmedOnlyAtThe30thRead) {

@@ -11,6 +11,7 @@
 #include <mtd/mtd-user.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 namespace {
@@ -80,6 +81,31 @@ TEST_F(DeviceRules, RegisterWindowsMapOnlyAsTheControlDriverAllows) {
         close(fd);
     }
     EXPECT_NE(offset_seen, int64_t{phys}); // a tool that ignored the offset could not map
+}
+
+// The kernel refuses an open with EMFILE once the process holds as many descriptors as its
+// limit allows, and a board gives a process 1024.
+TEST_F(DeviceRules, DeviceOpensEndWithEmfileAtTheProcessLimit) {
+    attach();
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_LE(limit.rlim_cur, 1024u);
+    std::vector<int> opened;
+    int fd = 0;
+    while ((fd = open("/dev/i2c-0", O_RDWR)) >= 0)
+        opened.push_back(fd);
+    const int err = errno;
+    const int highest = opened.empty() ? -1 : *std::max_element(opened.begin(), opened.end());
+    for (int each : opened)
+        close(each);
+    EXPECT_EQ(err, EMFILE);
+    EXPECT_EQ(static_cast<rlim_t>(highest) + 1, limit.rlim_cur); // every descriptor was used
+    std::vector<json> opens = trace("open");
+    ASSERT_FALSE(opens.empty());
+    EXPECT_EQ(opens.back().value("errno", 0), EMFILE);
+    int again = open("/dev/i2c-0", O_RDWR); // descriptors closed are free again
+    EXPECT_GE(again, 0);
+    close(again);
 }
 
 TEST_F(DeviceRules, MtdDescriptorsDoOnlyWhatTheirOpenModeAllows) {
