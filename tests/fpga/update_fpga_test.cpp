@@ -66,7 +66,7 @@ TEST_F(UpdateFpgaOnBoard, PageProgramNeedsWriteEnableWrapsInItsPageAndClearsBits
     uint8_t status = 0;
     EXPECT_EQ(cmd_rom_read_status_register(spi_fd, &status), 0);
     EXPECT_EQ(status, 0x03); // busy, latch still shown
-    usleep(1000);
+    usleep(1050);            // the slowest page program a board draws
     EXPECT_EQ(cmd_rom_read_status_register(spi_fd, &status), 0);
     EXPECT_EQ(status, 0x00); // done, latch cleared
     std::string page = read_rom(0, 256);
@@ -74,7 +74,7 @@ TEST_F(UpdateFpgaOnBoard, PageProgramNeedsWriteEnableWrapsInItsPageAndClearsBits
     EXPECT_EQ(cmd_rom_page_program(spi_fd, 0xF0, over, 1), 0); // latch clear again: ignored
     EXPECT_EQ(cmd_rom_write_enable(spi_fd), 0);
     EXPECT_EQ(cmd_rom_page_program(spi_fd, 0xF0, over, 1), 0);
-    usleep(1000);
+    usleep(1050);
     std::string after = read_rom(0xF0, 1);
     detach();
     EXPECT_EQ(untouched, std::string(256, '\xff'));

@@ -54,8 +54,8 @@ protected:
         std::string error;
         tvsim::NewBoardOptions seeded = options; // the same device times on every run
         if (!seeded.seed)
-            seeded.seed = std::hash<std::string>{}(std::string(test->test_suite_name()) + "." +
-                                                   test->name());
+            seeded.seed =
+                std::hash<std::string>{}(std::string(test->test_suite_name()) + "." + test->name());
         ASSERT_TRUE(tvsim::create_board(dir_.string(), seeded, &error)) << error;
     }
     void TearDown() override {
