@@ -252,9 +252,12 @@ private:
         size_t count = mosi.size() - 4;
         size_t first = count > config_.page_size ? count - config_.page_size : 0;
         count = first + board_.done_before_power_cut(count - first);
-        for (size_t i = first; i < count; ++i) {
-            uint64_t at = page + (address - page + i) % config_.page_size;
-            contents_.program(at, &mosi[4 + i], 1);
+        for (size_t i = first; i < count;) {
+            uint64_t in_page = (address - page + i) % config_.page_size;
+            size_t run =
+                static_cast<size_t>(std::min<uint64_t>(count - i, config_.page_size - in_page));
+            contents_.program(page + in_page, &mosi[4 + i], run);
+            i += run;
         }
         bool stuck = board_.take_fault("spi_program_stuck", "rom" + std::to_string(n_)) != nullptr;
         state_["busy_until"] = stuck ? kForever : board_.now_ns() + config_.page_program_ns;
@@ -395,13 +398,15 @@ private:
         if (rx_len > 0)
             memcpy(t->rx_buf, rx.data(), rx_len);
         const int clocked = static_cast<int>(tx.size() + rx.size());
-        json event{{"op", name},
-                   {"roms", roms},
-                   {"tx", hex_prefix(tx.data(), tx.size(), 4)},
-                   {"len", tx.size()}};
+        std::string sent = hex_prefix(tx.data(), tx.size(), 4);
         if (then_read)
-            event["rx"] = hex_prefix(rx.data(), rx.size());
-        board_.trace("spi", event);
+            board_.trace("spi", {{"len", tx.size()},
+                                 {"op", name},
+                                 {"roms", roms},
+                                 {"rx", hex_prefix(rx.data(), rx.size())},
+                                 {"tx", sent}});
+        else
+            board_.trace("spi", {{"len", tx.size()}, {"op", name}, {"roms", roms}, {"tx", sent}});
         return clocked; // the driver's count of bytes on the bus
     }
 };
