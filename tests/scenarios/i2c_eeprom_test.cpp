@@ -68,12 +68,11 @@ protected:
 };
 
 TEST_F(I2cEeproms, RunWritesPeltoAndBothKolmaDevices) {
-    RunResult r = board.tvupdate({"M1"});
-    EXPECT_EQ(r.output, run_prologue("M1") + pelto_lines("Pelto Eeprom updating is finished.") +
-                            "Start updating KOLMA EEPROM data...\n" + kolma_device_lines(1) +
-                            kolma_device_lines(2) +
-                            "KOLMA all EEPROM data updating is finished.\n" + run_epilogue());
-    EXPECT_EQ(r.exit_status, 0);
+    expect_run(board.tvupdate({"M1"}), 0,
+               run_prologue("M1") + pelto_lines("Pelto Eeprom updating is finished.") +
+                   "Start updating KOLMA EEPROM data...\n" + kolma_device_lines(1) +
+                   kolma_device_lines(2) + "KOLMA all EEPROM data updating is finished.\n" +
+                   run_epilogue());
     EXPECT_TRUE(board.read("i2c/pelto.bin") == pelto_cells());
     EXPECT_TRUE(board.read("i2c/kolma_1.bin") == kolma_cells());
     EXPECT_TRUE(board.read("i2c/kolma_2.bin") == kolma_cells());
@@ -84,8 +83,7 @@ TEST_F(I2cEeproms, RunWritesPeltoAndBothKolmaDevices) {
         pelto_writes += e["device"] == "pelto" && e["count"] == 1;
     EXPECT_EQ(pelto_writes, 3);
     // Each KOLMA update first sets port 1 bit 4 of the microcontroller, which answers at once.
-    json state = json::parse(board.read("state.json"));
-    EXPECT_EQ(state["microcontroller"]["ports"]["1"], 4);
+    EXPECT_EQ(board.state()["microcontroller"]["ports"]["1"], 4);
     EXPECT_EQ(board.trace("uart_reply").size(), 2u);
     // The Pelto update sets the board clock to the epoch before its first transfer.
     std::vector<json> events = board.trace();
@@ -257,9 +255,7 @@ TEST_F(VornekUpdater, FaultsEndTheWalk) {
 // A Vornek that settles a block in 3 ms shows bits 4 and 0 at the first read after the lock:
 // the block waits for bit 0 alone before the next one unlocks (which a settling device ignores).
 TEST_F(VornekUpdater, SettlingBlockIsWaitedForBeforeTheNext) {
-    json config = board.config();
-    config["i2c"]["devices"][3]["write_us"] = 3000;
-    board.set_config(config);
+    board.change_config([](json &c) { c["i2c"]["devices"][3]["write_us"] = 3000; });
     EXPECT_EQ(call("0000 01\n0041 02\n"), head + "Timeout ERROR!!\n\r   0% completed"
                                                  "Timeout ERROR!!\n\r  98% completed\r\r 100% "
                                                  "completed\nresult 0\n");
