@@ -105,11 +105,9 @@ TEST_F(I2cEeproms, RunWritesPeltoAndBothKolmaDevices) {
             testsupport::register_of(transfers[i]).starts_with("41"))
             word_pauses.push_back(pauses[i - 1]);
     }
-    std::vector<int64_t> per_block(31, 4000);
-    per_block[0] = 9000;
-    std::vector<int64_t> expected;
-    for (int block = 0; block < 2 * 3; ++block)
-        expected.insert(expected.end(), per_block.begin(), per_block.end());
+    std::vector<int64_t> expected(2 * 3 * 31, 4000); // three blocks on each device
+    for (size_t block = 0; block < expected.size(); block += 31)
+        expected[block] = 9000;
     EXPECT_EQ(word_pauses, expected);
     // Two 2 s pauses and 0.35 s of shorter ones per KOLMA device, and the transfers.
     EXPECT_GT(board.board_seconds(), 8.7);
