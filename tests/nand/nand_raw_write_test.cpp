@@ -39,6 +39,8 @@ TEST(NandChecks, RangeThenAlignmentThenBlockSizeBeforeAnyDeviceAccess) {
     };
     auto erase = [](nand_dev *d, uint32_t, uint32_t o) { return nand_erase(d, o); };
     // (A read or erase past the end and a misaligned write: rows of the service tool's refusals.)
+    const char *past_end = "Error: offset + size exceeds the device size!\n"
+                           "(offset=917505, size=131072, device size=1048576)\n";
     const Case cases[] = {
         {"wrapping u32 sum", write, 0xFFFFFFFFu, E,
          "Error: offset + size exceeds the device size!\n"
@@ -50,12 +52,8 @@ TEST(NandChecks, RangeThenAlignmentThenBlockSizeBeforeAnyDeviceAccess) {
         {"a whole block", block, E, 0, "", NAND_ERR_DEVICE},
         {"erase misaligned", erase, 0, 2048, "Error: offset should be aligned by 131072 bytes.\n"},
         // Past the end and misaligned: the range is what is reported.
-        {"write past the end, misaligned", write, E, 7 * E + 1,
-         "Error: offset + size exceeds the device size!\n"
-         "(offset=917505, size=131072, device size=1048576)\n"},
-        {"block past the end, misaligned", block, E, 7 * E + 1,
-         "Error: offset + size exceeds the device size!\n"
-         "(offset=917505, size=131072, device size=1048576)\n"},
+        {"write past the end, misaligned", write, E, 7 * E + 1, past_end},
+        {"block past the end, misaligned", block, E, 7 * E + 1, past_end},
         {"erase past the end, misaligned", erase, 0, 7 * E + 1,
          "Error: offset + erase size exceeds the device size!\n"
          "(offset=917505, erase size=131072, device size=1048576)\n"},

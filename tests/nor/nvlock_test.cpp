@@ -74,22 +74,16 @@ TEST_F(NorChipOnBoard, ProgramAndEraseAnswerWithStatusThenArray) {
     };
     const struct {
         const char *name;
-        Cycles cycles;
-        uint32_t at;
+        Cycles cycles;    // the last one's address is read
         uint16_t busy[2]; // two reads at once
         uint16_t after;   // a read once the part's time is up
     } cases[] = {
-        {"program", with(program, 0x20000, 0x1234), 0x20000, {0xC0, 0x80}, 0x1234},
-        {"program a protected sector",
-         with(program, 0x10000, 0x1234),
-         0x10000,
-         {0xC0, 0x80},
-         0x5A5A},
-        {"sector erase", with(erase, 0x20000, 0x30), 0x20000, {0x4C, 0x08}, 0xFFFF},
-        {"erase a protected sector", with(erase, 0x10000, 0x30), 0x10000, {0x4C, 0x08}, 0x5A5A},
+        {"program", with(program, 0x20000, 0x1234), {0xC0, 0x80}, 0x1234},
+        {"program a protected sector", with(program, 0x10000, 0x1234), {0xC0, 0x80}, 0x5A5A},
+        {"sector erase", with(erase, 0x20000, 0x30), {0x4C, 0x08}, 0xFFFF},
+        {"erase a protected sector", with(erase, 0x10000, 0x30), {0x4C, 0x08}, 0x5A5A},
         {"program without its second unlock cycle",
          {{0xAAA, 0xAA}, {0xAAA, 0xA0}, {0x20000, 0}},
-         0x20000,
          {0xFFFF, 0xFFFF},
          0xFFFF},
     };
@@ -105,11 +99,12 @@ TEST_F(NorChipOnBoard, ProgramAndEraseAnswerWithStatusThenArray) {
     for (const auto &c : cases) {
         for (const auto &[at, value] : c.cycles)
             cycle(at, value);
-        uint16_t first = word(c.at);
+        const uint32_t at = c.cycles.back().first;
+        uint16_t first = word(at);
         EXPECT_EQ(first, c.busy[0]) << c.name;
-        EXPECT_EQ(word(c.at), c.busy[1]) << c.name;
+        EXPECT_EQ(word(at), c.busy[1]) << c.name;
         usleep(600000);
-        EXPECT_EQ(word(c.at), c.after) << c.name;
+        EXPECT_EQ(word(at), c.after) << c.name;
     }
     // Left in autoselect, the flash answers the partition's reads with its identification.
     for (const auto &[at, value] : Cycles{{0xAAA, 0xAA}, {0x554, 0x55}, {0xAAA, 0x90}})

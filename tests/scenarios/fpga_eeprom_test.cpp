@@ -44,7 +44,6 @@ protected:
 
 TEST_F(FpgaEeproms, BothTypesHoldTheirFileAfterTheRun) {
     make_board(json());
-    RunResult r = board.tvupdate({"M1"});
     std::string steps;
     for (const char *fpga : {"5)...\nReading from file : /tmp/M1/writedata/tr5_eep.txt \n "
                              "fpga_config_sum_tr5 done.\n",
@@ -54,8 +53,7 @@ TEST_F(FpgaEeproms, BothTypesHoldTheirFileAfterTheRun) {
                  "Start writing to FPGA EEPROM, please wait... \n\r   0% completed\r  45% "
                  "completed\r  90% completed\r\r 100% completed\n"
                  "FPGA EEPROM data updating is finished.\n";
-    EXPECT_EQ(r.output, run_prologue("M1") + steps + run_epilogue());
-    EXPECT_EQ(r.exit_status, 0);
+    expect_run(board.tvupdate({"M1"}), 0, run_prologue("M1") + steps + run_epilogue());
     EXPECT_TRUE(board.read("i2c/fpga_tr5.bin") == written_cells(1));
     EXPECT_TRUE(board.read("i2c/fpga_tr6.bin") == written_cells(2));
     // Every block went as the interfaces expect it.
@@ -93,8 +91,8 @@ TEST_F(FpgaEeproms, FaultsShowInOutputAndResult) {
         EXPECT_EQ(board.read("i2c/fpga_tr6.bin") == written_cells(2), c.tr6_ok) << c.fault;
         // Pin 95, the TR5 EEPROM's write enable, is left at 0 on every path (a board build
         // whose pins never changed has no latches in its state).
-        json state = json::parse(board.read("state.json"));
-        EXPECT_EQ(state.value(json::json_pointer("/soc/gpio_out/2"), 0u) >> 31, 0u) << c.fault;
+        EXPECT_EQ(board.state().value(json::json_pointer("/soc/gpio_out/2"), 0u) >> 31, 0u)
+            << c.fault;
     }
 }
 

@@ -78,7 +78,7 @@ protected:
 
     // The access lines at their idle levels: 83 high, 63 and 31 low.
     bool access_lines_idle() const {
-        json latches = json::parse(board.read("state.json"))["soc"]["gpio_out"];
+        json latches = board.state()["soc"]["gpio_out"];
         uint32_t bank0 = latches[0], bank1 = latches[1], bank2 = latches[2];
         return (bank2 >> 19 & 1) == 1 && (bank1 >> 31 & 1) == 0 && (bank0 >> 31 & 1) == 0;
     }
@@ -89,6 +89,12 @@ protected:
         for (const json &e : board.trace("spi"))
             seen.push_back(std::to_string(e.value("roms", 0)) + ":" + e.value("tx", ""));
         return seen;
+    }
+
+    // The waits of ns nanoseconds the run made.
+    long waits(long ns) const {
+        return std::ranges::count_if(board.trace("sleep"),
+                                     [&](const json &e) { return e.value("ns", 0L) == ns; });
     }
 };
 
@@ -123,8 +129,7 @@ TEST_F(ConfigRoms, EverySelectedRomIsWrittenPageByPageAndItsFpgaConfigured) {
             EXPECT_TRUE(rom(n) == rom_holding(n, data)) << n;
             with_image |= 1u << n;
         }
-        EXPECT_EQ(r.output, fpga_run(body + c.tail, c.ok));
-        EXPECT_EQ(r.exit_status, c.ok ? 0 : 255);
+        expect_run(r, c.ok ? 0 : 255, fpga_run(body + c.tail, c.ok));
         EXPECT_TRUE(access_lines_idle());
         std::string sent_programs;
         for (const json &e : board.trace("spi")) {
@@ -195,12 +200,10 @@ TEST_F(ConfigRoms, FaultsStopTheRunWithTheirMessage) {
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         make_board({0, 1}, {{0, data}, {1, image(300, 13)}}, c.fault);
-        json config = board.config();
         if (c.rom_setting.is_object())
-            config["spi"]["roms"][0].update(c.rom_setting);
-        board.set_config(config);
+            board.change_config(
+                [&](json &config) { config["spi"]["roms"][0].update(c.rom_setting); });
         board.write("spi_rom0.bin", old_rom);
-
         RunResult r = board.tvupdate({"M1"});
         EXPECT_THAT(r.output, HasSubstr(c.lines + "!!! Unable to update FPGA config data. !!!\n"));
         EXPECT_THAT(r.output, Not(HasSubstr("fpga_config_sum_tr5"))); // later ROMs not reached
@@ -210,25 +213,18 @@ TEST_F(ConfigRoms, FaultsStopTheRunWithTheirMessage) {
         EXPECT_TRUE(access_lines_idle());
         const std::vector<std::string> sent = commands();
         EXPECT_EQ(std::count(sent.begin(), sent.end(), "1:04") > 0, c.disables_writes);
-        auto waits = [&](long ns) {
-            std::vector<json> sleeps = board.trace("sleep");
-            return std::count_if(sleeps.begin(), sleeps.end(),
-                                 [&](const json &e) { return e.value("ns", 0L) == ns; });
-        };
-        if (c.erase_waits >= 0) {
-            EXPECT_EQ(waits(1000000000L), c.erase_waits);
+        for (auto [ns, expected] : {std::pair{1000000000L, c.erase_waits},
+                                    {100000000L, c.done_waits},
+                                    {5000000L, c.page_waits}}) {
+            if (expected >= 0) {
+                EXPECT_EQ(waits(ns), expected) << ns;
+            }
         }
-        if (c.done_waits >= 0) {
-            EXPECT_EQ(waits(100000000L), c.done_waits);
-        }
-        if (c.page_waits >= 0) {
-            EXPECT_EQ(waits(5000000L), c.page_waits);
-        }
-        const std::vector<json> requests = board.trace("spi");
-        EXPECT_EQ(std::count_if(requests.begin(), requests.end(),
-                                [](const json &e) {
-                                    return e["op"] == "write_then_read" && e.contains("errno");
-                                }),
+        EXPECT_EQ(std::ranges::count_if(board.trace("spi"),
+                                        [](const json &e) {
+                                            return e["op"] == "write_then_read" &&
+                                                   e.contains("errno");
+                                        }),
                   c.failed_reads);
     }
 }
@@ -258,10 +254,10 @@ TEST_F(ConfigRoms, EachRowWaitsWithinItsOwnBudgets) {
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         make_board({c.rom}, {{c.rom, data}});
-        json config = board.config();
-        config["spi"]["roms"][c.rom].update(
-            {{"bulk_erase_ms", c.erase_ms}, {"fpga_load_ms", c.load_ms}});
-        board.set_config(config);
+        board.change_config([&](json &config) {
+            config["spi"]["roms"][c.rom].update(
+                {{"bulk_erase_ms", c.erase_ms}, {"fpga_load_ms", c.load_ms}});
+        });
         RunResult r = board.tvupdate({"M1"});
         const std::string written = rom_output(kImageNames[c.rom], data.size());
         const std::string steps[] = {written + done_line(c.rom),
@@ -269,11 +265,6 @@ TEST_F(ConfigRoms, EachRowWaitsWithinItsOwnBudgets) {
                                          " Timeout RDSR(0x03)!\n",
                                      written + " Timeout Config Done!\n"};
         EXPECT_EQ(r.output, fpga_run(steps[c.stop], c.stop == None));
-        std::vector<json> sleeps = board.trace("sleep");
-        auto waits = [&](long ns) {
-            return std::count_if(sleeps.begin(), sleeps.end(),
-                                 [&](const json &e) { return e.value("ns", 0L) == ns; });
-        };
         EXPECT_EQ(waits(c.rom == 0 ? 1000000000L : 10000000000L), c.erase_waits);
         EXPECT_EQ(waits(100000000L), c.done_waits);
     }
@@ -308,13 +299,9 @@ TEST_F(ConfigRoms, TheDeviceNodeAndTheBusConnection) {
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         make_board({0}, {{0, data}}, c.fault);
-        json config = board.config();
-        config["spi"].update(c.spi);
-        board.set_config(config);
-        RunResult r = board.tvupdate({"M1"});
+        board.change_config([&](json &config) { config["spi"].update(c.spi); });
         const bool ok = !c.nodes.empty();
-        EXPECT_EQ(r.output, fpga_run(c.steps, ok));
-        EXPECT_EQ(r.exit_status, ok ? 0 : 255);
+        expect_run(board.tvupdate({"M1"}), ok ? 0 : 255, fpga_run(c.steps, ok));
         std::string nodes;
         for (const json &e : board.trace("mknod"))
             nodes += e.value("path", "") + " " + e["major"].dump() + "," + e["minor"].dump();

@@ -81,11 +81,16 @@ RunResult capture(const std::vector<std::string> &args) {
     return result;
 }
 
+// "Suite.Test" of the running test.
+std::string test_name() {
+    const testing::TestInfo *info = testing::UnitTest::GetInstance()->current_test_info();
+    return std::string(info->test_suite_name()) + "." + info->name();
+}
+
 } // namespace
 
 SimBoard::SimBoard() {
-    const testing::TestInfo *info = testing::UnitTest::GetInstance()->current_test_info();
-    std::string name = std::string(info->test_suite_name()) + "." + info->name();
+    std::string name = test_name();
     std::replace(name.begin(), name.end(), '/', '_');
     root_ = std::string(TVSIM_WORK_DIR) + "/" + name + "." + std::to_string(getpid());
     fs::remove_all(root_);
@@ -111,10 +116,8 @@ void SimBoard::make(const std::string &slot) {
     slot_ = slot;
     // Device times drawn from the test's name: each test's board has times of its own, the
     // same on every run.
-    const testing::TestInfo *test = testing::UnitTest::GetInstance()->current_test_info();
-    std::string name = std::string(test->test_suite_name()) + "." + test->name();
     std::vector<std::string> args = {TVSIM_CLI, "new", dir(), "--seed",
-                                     std::to_string(std::hash<std::string>{}(name))};
+                                     std::to_string(std::hash<std::string>{}(test_name()))};
     if (!slot.empty()) {
         args.push_back(slot);
         args.push_back(medium());
@@ -126,10 +129,7 @@ void SimBoard::make(const std::string &slot) {
 void SimBoard::remake(const json &sections) {
     fs::remove_all(dir());
     make(slot_);
-    json c = config();
-    for (const auto &[name, section] : sections.items())
-        c[name] = section;
-    set_config(c);
+    change_config([&](json &c) { c.update(sections); });
 }
 
 void SimBoard::reboot() const {
@@ -137,18 +137,10 @@ void SimBoard::reboot() const {
     ASSERT_EQ(r.exit_status, 0) << r.output;
 }
 
-json SimBoard::config() const {
-    return json::parse(slurp(path("board.json")));
-}
-
-void SimBoard::set_config(const json &config) const {
+void SimBoard::change_config(const std::function<void(json &)> &change) const {
+    json config = json::parse(slurp(path("board.json")));
+    change(config);
     write_text(path("board.json"), config.dump(2) + "\n");
-}
-
-void SimBoard::add_fault(const json &fault) const {
-    json c = config();
-    c["faults"].push_back(fault);
-    set_config(c);
 }
 
 RunResult SimBoard::run(const std::vector<std::string> &args) const {
@@ -162,16 +154,8 @@ RunResult SimBoard::run(const std::vector<std::string> &args) const {
     return result;
 }
 
-RunResult SimBoard::tvupdate(const std::vector<std::string> &args) const {
-    std::string tool = tool_binary();
-    std::vector<std::string> argv = {tool};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return run(argv);
-}
-
-RunResult SimBoard::tvservice(const std::vector<std::string> &args) const {
-    std::string tool = fs::path(tool_binary()).parent_path().string() + "/tvservice";
-    std::vector<std::string> argv = {tool};
+RunResult SimBoard::tool(const std::string &name, const std::vector<std::string> &args) const {
+    std::vector<std::string> argv = {fs::path(tool_binary()).replace_filename(name).string()};
     argv.insert(argv.end(), args.begin(), args.end());
     return run(argv);
 }
@@ -220,8 +204,7 @@ std::map<std::string, int> SimBoard::uart_frames() const {
 }
 
 double SimBoard::board_seconds() const {
-    json state = json::parse(slurp(path("state.json")));
-    return state.value("clock_ns", uint64_t{0}) / 1e9;
+    return state().value("clock_ns", uint64_t{0}) / 1e9;
 }
 
 void Scenario::SetUp() {
@@ -235,6 +218,13 @@ void Scenario::SetUp() {
 
 bool on_host() {
     return !armhf_variant();
+}
+
+void expect_run(const RunResult &run, int exit_status, const std::string &output,
+                std::source_location at) {
+    testing::ScopedTrace trace(at.file_name(), static_cast<int>(at.line()), "this run");
+    EXPECT_EQ(run.output, output);
+    EXPECT_EQ(run.exit_status, exit_status);
 }
 
 std::string format(const char *fmt, unsigned a, unsigned b) {

@@ -5,9 +5,11 @@
 #include "support/faults.h"
 
 #include <cstdint>
+#include <functional>
 #include <gtest/gtest.h>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <source_location>
 #include <string>
 #include <vector>
 
@@ -50,17 +52,22 @@ public:
     // Power-cycles the board, as the operator does after every update.
     void reboot() const;
 
-    // board.json: read, change, write back.
-    json config() const;
-    void set_config(const json &config) const;
+    // board.json: read, changed by change, written back.
+    void change_config(const std::function<void(json &)> &change) const;
     // Appends one fault to board.json.
-    void add_fault(const json &fault) const;
+    void add_fault(const json &fault) const {
+        change_config([&](json &c) { c["faults"].push_back(fault); });
+    }
 
     // Runs a program on the board; "tvupdate" names the tool under test.
     RunResult run(const std::vector<std::string> &args) const;
-    RunResult tvupdate(const std::vector<std::string> &args) const;
+    RunResult tvupdate(const std::vector<std::string> &args) const {
+        return tool("tvupdate", args);
+    }
     // Runs the service tool of the build under test.
-    RunResult tvservice(const std::vector<std::string> &args) const;
+    RunResult tvservice(const std::vector<std::string> &args) const {
+        return tool("tvservice", args);
+    }
 
     // The board's directory and its files.
     std::string dir() const { return root_ + "/board"; }
@@ -69,6 +76,8 @@ public:
     std::string read(const std::string &relative) const;
     // Writes a board file, creating folders on the way (the tool's files are below "fs/").
     void write(const std::string &relative, const std::string &bytes) const;
+    // The board's state.json.
+    json state() const { return json::parse(read("state.json")); }
     // Names in a board folder, sorted ("" for a missing folder).
     std::string listing(const std::string &relative) const;
     // The trace events of one kind, or all of them.
@@ -79,6 +88,8 @@ public:
     double board_seconds() const;
 
 private:
+    // Runs the named program of the build under test.
+    RunResult tool(const std::string &name, const std::vector<std::string> &args) const;
     std::string root_;
     std::string slot_;
 };
@@ -94,6 +105,10 @@ protected:
 // True when the tool under test is the host build (host programs such as the mtd-utils can
 // run beside it).
 bool on_host();
+
+// Checks a run's exit status and its whole output; a failure names the caller's line.
+void expect_run(const RunResult &run, int exit_status, const std::string &output,
+                std::source_location at = std::source_location::current());
 
 // The text printf makes of fmt with up to two unsigned values.
 std::string format(const char *fmt, unsigned a, unsigned b = 0);

@@ -68,12 +68,11 @@ protected:
 };
 
 TEST_F(I2cEeproms, RunWritesPeltoAndBothKolmaDevices) {
-    RunResult r = board.tvupdate({"M1"});
-    EXPECT_EQ(r.output, run_prologue("M1") + pelto_lines("Pelto Eeprom updating is finished.") +
-                            "Start updating KOLMA EEPROM data...\n" + kolma_device_lines(1) +
-                            kolma_device_lines(2) +
-                            "KOLMA all EEPROM data updating is finished.\n" + run_epilogue());
-    EXPECT_EQ(r.exit_status, 0);
+    expect_run(board.tvupdate({"M1"}), 0,
+               run_prologue("M1") + pelto_lines("Pelto Eeprom updating is finished.") +
+                   "Start updating KOLMA EEPROM data...\n" + kolma_device_lines(1) +
+                   kolma_device_lines(2) + "KOLMA all EEPROM data updating is finished.\n" +
+                   run_epilogue());
     EXPECT_TRUE(board.read("i2c/pelto.bin") == pelto_cells());
     EXPECT_TRUE(board.read("i2c/kolma_1.bin") == kolma_cells());
     EXPECT_TRUE(board.read("i2c/kolma_2.bin") == kolma_cells());
@@ -84,18 +83,17 @@ TEST_F(I2cEeproms, RunWritesPeltoAndBothKolmaDevices) {
         pelto_writes += e["device"] == "pelto" && e["count"] == 1;
     EXPECT_EQ(pelto_writes, 3);
     // Each KOLMA update first sets port 1 bit 4 of the microcontroller, which answers at once.
-    json state = json::parse(board.read("state.json"));
-    EXPECT_EQ(state["microcontroller"]["ports"]["1"], 4);
+    EXPECT_EQ(board.state()["microcontroller"]["ports"]["1"], 4);
     EXPECT_EQ(board.trace("uart_reply").size(), 2u);
     // The Pelto update sets the board clock to the epoch before its first transfer.
     std::vector<json> events = board.trace();
     auto first_of = [&](const char *kind) {
         return std::ranges::find_if(events, [&](const json &e) { return e["ev"] == kind; });
     };
-    ASSERT_NE(first_of("settimeofday"), events.end());
-    EXPECT_EQ((*first_of("settimeofday"))["sec"], 0);
-    EXPECT_EQ((*first_of("settimeofday"))["usec"], 0);
-    EXPECT_LT(first_of("settimeofday"), first_of("i2c"));
+    const auto set = first_of("settimeofday");
+    ASSERT_NE(set, events.end());
+    EXPECT_EQ(json({(*set)["sec"], (*set)["usec"]}), json({0, 0}));
+    EXPECT_LT(set, first_of("i2c"));
     // Every block went as the KOLMA interface expects it.
     EXPECT_TRUE(board.trace("register_key_ignored").empty());
     EXPECT_TRUE(board.trace("register_block_refused").empty());
@@ -107,11 +105,9 @@ TEST_F(I2cEeproms, RunWritesPeltoAndBothKolmaDevices) {
             testsupport::register_of(transfers[i]).starts_with("41"))
             word_pauses.push_back(pauses[i - 1]);
     }
-    std::vector<int64_t> per_block(31, 4000);
-    per_block[0] = 9000;
-    std::vector<int64_t> expected;
-    for (int block = 0; block < 2 * 3; ++block)
-        expected.insert(expected.end(), per_block.begin(), per_block.end());
+    std::vector<int64_t> expected(2 * 3 * 31, 4000); // three blocks on each device
+    for (size_t block = 0; block < expected.size(); block += 31)
+        expected[block] = 9000;
     EXPECT_EQ(word_pauses, expected);
     // Two 2 s pauses and 0.35 s of shorter ones per KOLMA device, and the transfers.
     EXPECT_GT(board.board_seconds(), 8.7);
@@ -257,9 +253,7 @@ TEST_F(VornekUpdater, FaultsEndTheWalk) {
 // A Vornek that settles a block in 3 ms shows bits 4 and 0 at the first read after the lock:
 // the block waits for bit 0 alone before the next one unlocks (which a settling device ignores).
 TEST_F(VornekUpdater, SettlingBlockIsWaitedForBeforeTheNext) {
-    json config = board.config();
-    config["i2c"]["devices"][3]["write_us"] = 3000;
-    board.set_config(config);
+    board.change_config([](json &c) { c["i2c"]["devices"][3]["write_us"] = 3000; });
     EXPECT_EQ(call("0000 01\n0041 02\n"), head + "Timeout ERROR!!\n\r   0% completed"
                                                  "Timeout ERROR!!\n\r  98% completed\r\r 100% "
                                                  "completed\nresult 0\n");

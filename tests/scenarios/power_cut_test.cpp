@@ -42,9 +42,7 @@ protected:
         board.make();
         board.write("tvm/bank1.bin", kOldBank1);
         board.write(kBootLoader, kOldBootLoader);
-        json c = board.config();
-        c["power_cut"] = power_cut;
-        board.set_config(c);
+        board.change_config([&](json &c) { c["power_cut"] = power_cut; });
     }
 
     // The memories a reboot keeps that these updates change.
@@ -83,7 +81,7 @@ TEST_F(PowerCut, TheBoardKeepsWhatTheHardwareWouldAndARerunRepairsIt) {
         make_board({{"after_events", point}, {"mid_write", cut.mid_write}});
 
         EXPECT_EQ(board.tvupdate({kModel}).exit_status, -1); // killed
-        json state = json::parse(board.read("state.json"));
+        json state = board.state();
         EXPECT_EQ(state["power_cut"]["cut"]["power_event"], point);
         EXPECT_EQ(state["microcontroller"].value("running_bank", 1), cut.running_bank);
         std::vector<std::string> after_cut = memories();

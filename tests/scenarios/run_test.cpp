@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <gmock/gmock.h>
 
 namespace scenario {
 namespace {
@@ -50,15 +51,13 @@ TEST_F(UpdateRun, EmptyListUpdatesNothingAndSucceeds) {
     board.medium_list("M1", "# nothing this time\n");
     board.make();
     RunResult r = board.tvupdate({"M1", "extra", "arguments"});
-    EXPECT_EQ(r.output, run_prologue("M1") + run_epilogue());
-    EXPECT_EQ(r.exit_status, 0);
+    expect_run(r, 0, run_prologue("M1") + run_epilogue());
     EXPECT_EQ(board.read("fs/tmp/boot/flashimg.lst"), "# nothing this time\n");
     // Without a reboot the stick is still mounted and the kernel refuses to mount it there
     // again: the run finds no medium, yet reads the list through the mount that is left.
-    RunResult again = board.tvupdate({"M1"});
-    EXPECT_EQ(again.output, "----- searching media cards -----\nUnable mount media\n" +
-                                r.output.substr(r.output.find("ln -s")));
-    EXPECT_EQ(again.exit_status, 0);
+    expect_run(board.tvupdate({"M1"}), 0,
+               "----- searching media cards -----\nUnable mount media\n" +
+                   r.output.substr(r.output.find("ln -s")));
     auto busy = [](const json &mount) { return mount.value("errno", 0) == EBUSY; };
     EXPECT_EQ(std::ranges::count_if(board.trace("mount"), busy), 5); // once a pass
 }
@@ -66,10 +65,9 @@ TEST_F(UpdateRun, EmptyListUpdatesNothingAndSucceeds) {
 TEST_F(UpdateRun, AListThatCannotBeReadIsNoList) {
     board.medium_file("M1/flashimg.lst/qvxbin", "a folder named like the list\n");
     board.make();
-    RunResult r = board.tvupdate({"M1"});
-    EXPECT_EQ(r.output, "----- searching media cards -----\n"
-                        "Unable to find flashimg.lst file on MediaCard.\n");
-    EXPECT_EQ(r.exit_status, 255);
+    expect_run(
+        board.tvupdate({"M1"}), 255,
+        "----- searching media cards -----\nUnable to find flashimg.lst file on MediaCard.\n");
 }
 
 TEST_F(UpdateRun, MediumDiscovery) {
@@ -128,16 +126,13 @@ TEST_F(UpdateRun, MediumDiscovery) {
         EXPECT_EQ(mounted, c.mounted);
         EXPECT_EQ(board.trace("rescan").size(), c.rescans);
         EXPECT_DOUBLE_EQ(board.board_seconds(), c.seconds);
-        if (*c.mounted != '\0') {
-            EXPECT_EQ(r.output, run_prologue("M1") + run_epilogue());
-            EXPECT_EQ(r.exit_status, 0);
-        } else {
-            EXPECT_EQ(r.output, "----- searching media cards -----\n"
-                                "Unable mount media\n"
-                                "cp: cannot stat '/tmp/usb/M1/*': No such file or directory\n"
-                                "Unable to find flashimg.lst file on MediaCard.\n");
-            EXPECT_EQ(r.exit_status, 255);
-        }
+        if (*c.mounted != '\0')
+            expect_run(r, 0, run_prologue("M1") + run_epilogue());
+        else
+            expect_run(r, 255,
+                       "----- searching media cards -----\nUnable mount media\n"
+                       "cp: cannot stat '/tmp/usb/M1/*': No such file or directory\n"
+                       "Unable to find flashimg.lst file on MediaCard.\n");
     }
 }
 
@@ -145,18 +140,16 @@ TEST_F(UpdateRun, StepsFollowTheFixedOrderAndKeepOldFiles) {
     make_board_with_sources("other\nbitmap\njpeg_factory\njpeg_user\nmodel_data\n"
                             "app_data/factory\napp_data\nqvxbin\n");
     old_file("ubi4_1/old.dat");
-    RunResult r = board.tvupdate({"M1"});
-    EXPECT_EQ(r.output,
-              run_prologue("M1") +
-                  "Start updating Application binary...\n"
-                  "update_tool: application installed\n"
-                  "Binary image updating is finished.\n" +
-                  copy_step("App data", "app_data/dpdc") +
-                  copy_step("Factory data", "app_data/factory") +
-                  copy_step("Model data", "model_data") + copy_step("Jpeg User", "jpeg_user") +
-                  copy_step("Jpeg Factory", "jpeg_factory") + copy_step("Bitmap", "bitmap") +
-                  copy_step("Other", "other") + run_epilogue());
-    EXPECT_EQ(r.exit_status, 0);
+    expect_run(board.tvupdate({"M1"}), 0,
+               run_prologue("M1") +
+                   "Start updating Application binary...\n"
+                   "update_tool: application installed\n"
+                   "Binary image updating is finished.\n" +
+                   copy_step("App data", "app_data/dpdc") +
+                   copy_step("Factory data", "app_data/factory") +
+                   copy_step("Model data", "model_data") + copy_step("Jpeg User", "jpeg_user") +
+                   copy_step("Jpeg Factory", "jpeg_factory") + copy_step("Bitmap", "bitmap") +
+                   copy_step("Other", "other") + run_epilogue());
     EXPECT_EQ(board.listing("flash/ubi4_0"), "dpdc factory");
     EXPECT_EQ(board.read("flash/ubi4_0/factory/new.dat"), "app_data/factory");
     EXPECT_EQ(board.listing("flash/ubi4_1"), "new.dat old.dat");
@@ -175,10 +168,9 @@ TEST_F(UpdateRun, EraseFirstEmptiesTheDirectoryBeforeCopying) {
     old_file("ubi5_0/old.dat");
     RunResult r = board.tvupdate({"M1"});
     EXPECT_EQ(r.exit_status, 0);
-    EXPECT_NE(r.output.find("Erasing all of files on /mnt/flash/app_data/dpdc...\n" +
-                            copying("app_data/dpdc")),
-              std::string::npos)
-        << r.output;
+    EXPECT_THAT(r.output,
+                testing::HasSubstr("Erasing all of files on /mnt/flash/app_data/dpdc...\n" +
+                                   copying("app_data/dpdc")));
     // The app_data subfolder is removed and copied anew as a whole; its sibling stays.
     EXPECT_EQ(board.listing("flash/ubi4_0/dpdc"), "new.dat");
     EXPECT_EQ(board.listing("flash/ubi4_0/factory"), "old.dat");
@@ -194,27 +186,24 @@ TEST_F(UpdateRun, FailedStepsAreReportedAndTheRunGoesOn) {
     board.make();
     board.add_fault(fault("command", "", {{"match", "rm -rf /mnt/flash/model_data"}, {"exit", 1}}));
     board.add_fault(fault("mount", "", {{"match", "/mnt/flash/bitmap"}, {"errno", "EIO"}}));
-    RunResult r = board.tvupdate({"M1"});
-    EXPECT_EQ(r.output,
-              run_prologue("M1") +
-                  data_step("Model data",
-                            "Erasing all of files on /mnt/flash/model_data...\n"
-                            "!!! Unable to erase all of files from /mnt/flash/model_data. !!!\n",
-                            false) +
-                  data_step("Jpeg User",
-                            copying("jpeg_user") +
-                                "cp: cannot stat '/tmp/M1/writedata/jpeg_user/*': No such file "
-                                "or directory\n"
-                                "!!! Unable to copy /tmp/M1/writedata/jpeg_user to "
-                                "/mnt/flash/jpeg_user. !!!\n",
-                            false) +
-                  data_step("Bitmap", "Unable to mount ubi4_4 on /mnt/flash/bitmap.\n", false) +
-                  copy_step("Other", "other") + run_epilogue());
-    EXPECT_EQ(r.exit_status, 255);
+    expect_run(board.tvupdate({"M1"}), 255,
+               run_prologue("M1") +
+                   data_step("Model data",
+                             "Erasing all of files on /mnt/flash/model_data...\n"
+                             "!!! Unable to erase all of files from /mnt/flash/model_data. !!!\n",
+                             false) +
+                   data_step("Jpeg User",
+                             copying("jpeg_user") +
+                                 "cp: cannot stat '/tmp/M1/writedata/jpeg_user/*': No such file "
+                                 "or directory\n"
+                                 "!!! Unable to copy /tmp/M1/writedata/jpeg_user to "
+                                 "/mnt/flash/jpeg_user. !!!\n",
+                             false) +
+                   data_step("Bitmap", "Unable to mount ubi4_4 on /mnt/flash/bitmap.\n", false) +
+                   copy_step("Other", "other") + run_epilogue());
     EXPECT_EQ(board.read("flash/ubi5_0/new.dat"), "other");
     // Volumes that were mounted are unmounted again on the failure paths.
-    json state = json::parse(board.read("state.json"));
-    EXPECT_EQ(state["mounts"].size(), 1u) << state["mounts"]; // only the medium
+    EXPECT_EQ(board.state()["mounts"].size(), 1u) << board.state()["mounts"]; // only the medium
 }
 
 TEST_F(UpdateRun, ApplicationScriptStatusDecidesTheStep) {
@@ -234,13 +223,11 @@ TEST_F(UpdateRun, ApplicationScriptStatusDecidesTheStep) {
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
         board.remake({{"faults", c.fault.is_null() ? json::array() : json::array({c.fault})}});
-        RunResult r = board.tvupdate({"M1"});
-        EXPECT_EQ(r.output, run_prologue("M1") + "Start updating Application binary...\n" +
-                                c.script_output +
-                                (c.succeeds ? "Binary image updating is finished.\n"
-                                            : "!!! Unable to update Binary Image. !!!\n") +
-                                run_epilogue());
-        EXPECT_EQ(r.exit_status, c.succeeds ? 0 : 255);
+        expect_run(board.tvupdate({"M1"}), c.succeeds ? 0 : 255,
+                   run_prologue("M1") + "Start updating Application binary...\n" + c.script_output +
+                       (c.succeeds ? "Binary image updating is finished.\n"
+                                   : "!!! Unable to update Binary Image. !!!\n") +
+                       run_epilogue());
     }
 }
 
@@ -288,9 +275,7 @@ TEST_F(UpdateRun, WithoutTheControlDriverNothingRuns) {
     board.medium_list("M1", "qvxbin\n");
     board.make();
     board.add_fault(fault("open", "/dev/cn_user"));
-    RunResult r = board.tvupdate({"M1"});
-    EXPECT_EQ(r.output, "Cannot open /dev/cn_user, errno=19\n");
-    EXPECT_EQ(r.exit_status, 255);
+    expect_run(board.tvupdate({"M1"}), 255, "Cannot open /dev/cn_user, errno=19\n");
     EXPECT_TRUE(board.trace("mount").empty());
 }
 
@@ -316,19 +301,14 @@ TEST_F(UpdateRun, UnusableModelNamesAreRefusedBeforeAnything) {
         board.medium_list(name, "");
     board.medium_list("M1", "qvxbin\n");
     board.make();
-    for (const Case &c : cases) {
-        RunResult r = board.tvupdate(c.args);
-        EXPECT_EQ(r.output, c.output);
-        EXPECT_EQ(r.exit_status, 255);
-    }
+    for (const Case &c : cases)
+        expect_run(board.tvupdate(c.args), 255, c.output);
     EXPECT_TRUE(board.trace("mount").empty());
     EXPECT_TRUE(board.trace("shell").empty());
     EXPECT_EQ(board.listing("fs/tmp"), "");
     for (const char *name : usable) {
         board.reboot(); // the medium of the run before is mounted no longer
-        RunResult r = board.tvupdate({name});
-        EXPECT_EQ(r.output, run_prologue(name) + run_epilogue());
-        EXPECT_EQ(r.exit_status, 0);
+        expect_run(board.tvupdate({name}), 0, run_prologue(name) + run_epilogue());
     }
 }
 

@@ -44,9 +44,7 @@ protected:
         board.medium_file("M1/writedata/tvm.mot", firmware_file(version_line, id_line));
         std::filesystem::remove_all(board.dir());
         board.make();
-        json c = board.config();
-        c["microcontroller"].update(micro);
-        board.set_config(c);
+        board.change_config([&](json &c) { c["microcontroller"].update(micro); });
     }
 
     // How many frames of each of these commands the microcontroller took, as in "1 5".
@@ -114,9 +112,7 @@ protected:
 
 TEST_F(Microcontroller, FirmwareGoesToTheBankThatIsNotRunningAndIsChecked) {
     make_board("VERSION=21", {{"running_bank", 2}, {"software_version", 0x20}});
-    RunResult r = board.tvupdate({"M1"});
-    EXPECT_EQ(r.output, hex_run(1, progress() + checksums(1), true));
-    EXPECT_EQ(r.exit_status, 0);
+    expect_run(board.tvupdate({"M1"}), 0, hex_run(1, progress() + checksums(1), true));
     EXPECT_TRUE(board.read("tvm/bank1.bin") == programmed(1));
     // The bank's checksum is asked for no sooner than 3 s after the last block was acknowledged.
     int64_t last_block = 0, checksum_query = 0;
@@ -139,11 +135,8 @@ TEST_F(Microcontroller, FirmwareGoesToTheBankThatIsNotRunningAndIsChecked) {
     // There a checksum that differs fails the update and leaves writing mode open.
     board.reboot();
     board.add_fault(fault("checksum_differs", "", {{"delta", 2}}));
-    r = board.tvupdate({"M1"});
-    EXPECT_EQ(r.output, hex_run(2, progress() + checksums(2, 2), false));
-    EXPECT_EQ(r.exit_status, 255);
-    EXPECT_TRUE(
-        json::parse(board.read("state.json"))["microcontroller"].value("writing_mode", false));
+    expect_run(board.tvupdate({"M1"}), 255, hex_run(2, progress() + checksums(2, 2), false));
+    EXPECT_TRUE(board.state()["microcontroller"].value("writing_mode", false));
 }
 
 // The microcontroller reports the version of the firmware it runs: board.json's for the one the
@@ -198,9 +191,7 @@ TEST_F(Microcontroller, VersionAndIdDecideWhetherToProgram) {
     for (const Case &c : cases) {
         SCOPED_TRACE(c.version_line + " " + c.id_line);
         make_board(c.version_line, {{"software_version", c.running_version}}, c.id_line);
-        RunResult r = board.tvupdate({"M1"});
-        EXPECT_EQ(r.output, hex_run(2, c.lines, c.ok));
-        EXPECT_EQ(r.exit_status, c.ok ? 0 : 255);
+        expect_run(board.tvupdate({"M1"}), c.ok ? 0 : 255, hex_run(2, c.lines, c.ok));
         EXPECT_EQ(frames({"erase"}), "0");
     }
 }
@@ -228,8 +219,7 @@ TEST_F(Microcontroller, FirmwareSurvivesLinkFaults) {
                         "Uart Not Return Cmd = 3a 03 c2,0\n" + checksums(2);
     lines.insert(lines.find('\r') + 100 * format("\r %3d%% completed", 0).size(),
                  "Uart Ack **ERROR** Cmd = 3a 45 c0, resp try = 0\n");
-    EXPECT_EQ(r.output, hex_run(2, lines, true));
-    EXPECT_EQ(r.exit_status, 0);
+    expect_run(r, 0, hex_run(2, lines, true));
     EXPECT_TRUE(board.read("tvm/bank2.bin") == programmed(2));
     // The refused erase was sent again; the late reply was read, its block not sent again.
     EXPECT_EQ(frames({"erase", "write_flash"}), "2 1536");
@@ -241,12 +231,10 @@ TEST_F(Microcontroller, WrongLinkRateGetsNoAnswer) {
     board.medium_file("DUNLY-55/writedata/TVM_DATA.txt", "Version 7\n0000 01\n");
     board.medium_file("DUNLY-55/writedata/tvm.mot", "TVM_BANK2\n");
     board.make();
-    RunResult r = board.tvupdate({"DUNLY-55"});
-    EXPECT_EQ(r.output,
-              eeprom_run("DUNLY-55", "TVM_DATA.txt",
-                         "!!! Unable to update TVM Eeprom. !!!\nStart updating TVM Hex...\n"
-                         "!!! Unable to update TVM HEX. !!!\n"));
-    EXPECT_EQ(r.exit_status, 255);
+    expect_run(board.tvupdate({"DUNLY-55"}), 255,
+               eeprom_run("DUNLY-55", "TVM_DATA.txt",
+                          "!!! Unable to update TVM Eeprom. !!!\nStart updating TVM Hex...\n"
+                          "!!! Unable to update TVM HEX. !!!\n"));
     EXPECT_EQ(board.trace("uart_garbled").size(), 20u);
     EXPECT_EQ(board.trace("uart_rate").at(0).value("rate", 0), 208333);
 }
@@ -261,37 +249,33 @@ TEST_F(Microcontroller, EepromFromTheTextFile) {
     board.make();
     board.add_fault(fault("eeprom_write_status", "", {{"replies", 2}, {"times", 1}}));
     board.add_fault(fault("uart_bad_checksum", "eeprom_read", {{"times", 1}}));
-    RunResult r = board.tvupdate({"M1"});
     // The busy EEPROM reports twice; the other reads of that send get nothing.
     std::string busy =
         "EEP_WriteData Data0 = 1 : retrying 0\nEEP_WriteData Data0 = 1 : retrying 1\n";
     for (unsigned read = 2; read < 10; ++read)
         busy += format("Uart Ack **ERROR** Cmd = b7, resp try = %x\n", read);
-    EXPECT_EQ(r.output,
-              eeprom_run("M1", "tvm_data_v7.txt",
-                         "EEP file version 7\nStart writing to EEPROM, please wait... \n" + busy +
-                             "Uart Not Return **ERROR** Cmd = b7, write try = 0\n"
-                             "Uart Not Return Cmd = b8,0\n"
-                             "\r   0% completed\r  32% completed\r  64% completed\r  97% completed"
-                             "\rTVM Eeprom updating is finished.\n"));
-    EXPECT_EQ(r.exit_status, 0);
+    expect_run(board.tvupdate({"M1"}), 0,
+               eeprom_run("M1", "tvm_data_v7.txt",
+                          "EEP file version 7\nStart writing to EEPROM, please wait... \n" + busy +
+                              "Uart Not Return **ERROR** Cmd = b7, write try = 0\n"
+                              "Uart Not Return Cmd = b8,0\n"
+                              "\r   0% completed\r  32% completed\r  64% completed\r  97% completed"
+                              "\rTVM Eeprom updating is finished.\n"));
     // 0x0100 is in the image but its block starts past the end address 0x00C5.
     EXPECT_TRUE(board.read("tvm/eeprom.bin") ==
                 eeprom_with({{0, 0x5a}, {0x41, 0xa5}, {0xC5, 0xc3}}));
     EXPECT_EQ(frames({"eeprom_write", "eeprom_read"}), "5 5");
-    EXPECT_EQ(json::parse(board.read("state.json"))["wall_clock"].value("set_to_s", -1), 0);
+    EXPECT_EQ(board.state()["wall_clock"].value("set_to_s", -1), 0);
 }
 
 TEST_F(Microcontroller, EepromFileWithAnIncompleteLineWritesNothing) {
     board.medium_list("M1", "tvm_eeprom\n");
     board.medium_file("M1/writedata/TVM_DATA.txt", "Version 7\n0000 5A\n0041\n0042 01\n");
     board.make();
-    RunResult r = board.tvupdate({"M1"});
-    EXPECT_EQ(r.output, eeprom_run("M1", "TVM_DATA.txt",
-                                   "EEP file Version 7\n"
-                                   "**ERROR** EEP data line without a data byte: 0041\n"
-                                   "!!! Unable to update TVM Eeprom. !!!\n"));
-    EXPECT_EQ(r.exit_status, 255);
+    expect_run(board.tvupdate({"M1"}), 255,
+               eeprom_run("M1", "TVM_DATA.txt",
+                          "EEP file Version 7\n**ERROR** EEP data line without a data byte: 0041\n"
+                          "!!! Unable to update TVM Eeprom. !!!\n"));
     EXPECT_EQ(frames({"eeprom_write"}), "0");
 }
 

@@ -30,9 +30,7 @@ class NandService : public Scenario {
 protected:
     void make_with_bad_blocks(const json &bad) {
         board.make("");
-        json c = board.config();
-        c["mtd"][kPartIndex]["bad_blocks"] = bad;
-        board.set_config(c);
+        board.change_config([&](json &c) { c["mtd"][kPartIndex]["bad_blocks"] = bad; });
     }
     std::string block(size_t physical) const { return board.read(kFlash).substr(physical * E, E); }
     RunResult write(size_t length, const std::string &image) {
@@ -73,9 +71,7 @@ TEST_P(NandAroundBadBlocks, WritesSkipBadBlocksAndReadBackAtTheSameLogicalOffset
     const std::string old = pattern(8 * E, 5); // every block must be erased before it is written
     board.write(kFlash, old);
 
-    RunResult w = write(length, image);
-    EXPECT_EQ(w.output, c.output);
-    EXPECT_EQ(w.exit_status, c.output == kWritten ? 0 : 1);
+    expect_run(write(length, image), c.output == kWritten ? 0 : 1, c.output);
     for (size_t L = 0; L < c.placement.size(); ++L) {
         size_t n = std::min(E, length - L * E);
         EXPECT_EQ(block(c.placement[L]), image.substr(L * E, n) + std::string(E - n, '\xFF'))
@@ -126,9 +122,7 @@ TEST_P(ServiceMessages, EveryRefusalSaysWhyAndExitsWithItsStatus) {
     const MessageCase &c = GetParam();
     make_with_bad_blocks(json::array());
     board.write("fs/tmp/in.bin", std::string(16, 'x'));
-    RunResult r = board.tvservice(words(c.command));
-    EXPECT_EQ(r.output, c.output);
-    EXPECT_EQ(r.exit_status, c.output.ends_with(kTry) ? 2 : 1);
+    expect_run(board.tvservice(words(c.command)), c.output.ends_with(kTry) ? 2 : 1, c.output);
     EXPECT_TRUE(board.trace("mtd_erase").empty());
     EXPECT_TRUE(board.trace("mtd_write").empty());
 }
@@ -192,11 +186,8 @@ TEST_F(NandService, ImageListIsShownWithoutTouchingAnyVolume) {
                                  "app_data         update erase-first\n"
                                  "bitmap           update erase-first\n"
                                  "tvm_hex          update\n";
-    RunResult usb = board.tvservice({"list", "/tmp/flashimg.lst"});
-    EXPECT_EQ(usb.output, recreated + selected +
-                              "zoran_update     update\n"
-                              "fpga_sam_2       update\n");
-    EXPECT_EQ(usb.exit_status, 0);
+    expect_run(board.tvservice({"list", "/tmp/flashimg.lst"}), 0,
+               recreated + selected + "zoran_update     update\nfpga_sam_2       update\n");
     RunResult sd = board.tvservice({"list", "/tmp/flashimg.lst", "--sd"});
     EXPECT_EQ(sd.output, recreated + "Cannot update zoran from SD card\n" + selected +
                              "fpga_sam_2       update\n");
@@ -204,46 +195,49 @@ TEST_F(NandService, ImageListIsShownWithoutTouchingAnyVolume) {
     EXPECT_TRUE(board.trace("mount").empty());
 }
 
-// The updater's own lines are pinned where it is called directly; here, what the tool adds.
-TEST_F(NandService, FerundEepromIsRewrittenFromTheTextFile) {
+// The updaters' own lines are pinned where they are called directly; here, what the tool adds.
+TEST_F(NandService, EepromsAreRewrittenFromTheirTextFiles) {
+    const struct {
+        const char *what, *file, *text, *command;
+        std::string output;
+        const char *cells; // the image file, and its bytes 0, 1, 0x40, 0x41 and 0x50
+        std::string bytes;
+    } cases[] = {
+        // The lower-case name is the one read.
+        {"vornek", "vornek_eep.txt", "0000 01\n0041 02\n0050 03\n",
+         "eeprom vornek /tmp/M1/writedata",
+         "Start writing to Vornek EEPROM, please wait... \n"
+         "\r   0% completed\r  80% completed\r\r 100% completed\neeprom vornek: updated\n",
+         "i2c/vornek.bin", "\x01\xFF\xFF\x02\x03"},
+        {"ferund", "TVM_DATA.txt", "Version 3\n0000 11\n0041 22\n",
+         "eeprom ferund /tmp/M1/writedata PHQD2WK1",
+         "EEP file Version 3\nStart writing to EEPROM, please wait... \n"
+         "\r   0% completed\r  98% completed\reeprom ferund: updated\n",
+         "tvm/ferund.bin", "\x11\xFF\xFF\x22\xFF"},
+    };
     board.make("");
-    board.write("fs/tmp/M1/writedata/TVM_DATA.txt", "Version 3\n0000 11\n0041 22\n");
-    RunResult r = board.tvservice({"eeprom", "ferund", "/tmp/M1/writedata", "PHQD2WK1"});
-    EXPECT_EQ(r.output, "Reading from file : /tmp/M1/writedata/TVM_DATA.txt \n"
-                        "EEP file Version 3\n"
-                        "Start writing to EEPROM, please wait... \n"
-                        "\r   0% completed\r  98% completed\reeprom ferund: updated\n");
-    EXPECT_EQ(r.exit_status, 0);
-    std::string cells = board.read("tvm/ferund.bin");
-    EXPECT_EQ(cells.substr(0, 1) + cells.substr(0x40, 3), "\x11\xFF\x22\xFF");
+    board.write("fs/tmp/M1/writedata/VORNEK_EEP.TXT", "unused\n");
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        board.write(std::string("fs/tmp/M1/writedata/") + c.file, c.text);
+        expect_run(board.tvservice(words(c.command)), 0,
+                   "Reading from file : /tmp/M1/writedata/" + std::string(c.file) + " \n" +
+                       c.output);
+        std::string image = board.read(c.cells);
+        ASSERT_EQ(image.size(), 32768u);
+        EXPECT_EQ(image.substr(0, 2) + image.substr(0x40, 2) + image.substr(0x50, 1), c.bytes);
+    }
     // The television is switched on, its picture muted (a second after each mute) and switched
-    // off again; a Ferund block is not read back.
+    // off again around the Ferund update; its blocks are not read back.
     EXPECT_EQ(board.uart_frames(), (std::map<std::string, int>{{"eeprom_write", 2},
                                                                {"guard_dog", 1},
                                                                {"picture_mute", 5},
                                                                {"power_off", 1},
                                                                {"power_on", 1}}));
     EXPECT_GE(board.board_seconds(), 5.0);
-
     RunResult refused = board.tvservice({"eeprom", "ferund", "/tmp/M1/writedata", "ABC123"});
     EXPECT_THAT(refused.output, testing::EndsWith("FERUND EEP\neeprom ferund: FAILED\n"));
     EXPECT_EQ(refused.exit_status, 1);
-}
-
-TEST_F(NandService, VornekEepromIsRewrittenFromItsTextFile) {
-    board.make("");
-    board.write("fs/tmp/M1/writedata/VORNEK_EEP.TXT", "unused\n");
-    board.write("fs/tmp/M1/writedata/vornek_eep.txt", "0000 01\n0041 02\n0050 03\n");
-    RunResult r = board.tvservice({"eeprom", "vornek", "/tmp/M1/writedata"});
-    EXPECT_EQ(r.output, "Reading from file : /tmp/M1/writedata/vornek_eep.txt \n"
-                        "Start writing to Vornek EEPROM, please wait... \n"
-                        "\r   0% completed\r  80% completed\r\r 100% completed\n"
-                        "eeprom vornek: updated\n");
-    EXPECT_EQ(r.exit_status, 0);
-    std::string image = board.read("i2c/vornek.bin");
-    ASSERT_EQ(image.size(), 32768u);
-    EXPECT_EQ(image.substr(0, 2) + image.substr(0x41, 1) + image.substr(0x50, 1),
-              "\x01\xFF\x02\x03");
 }
 
 // --- NOR sector protection through /dev/udirect -----------------------------------------------
@@ -252,10 +246,7 @@ class NorService : public Scenario {
 protected:
     void make(const json &nor, const json &faults = json::array()) {
         board.make("");
-        json c = board.config();
-        c["nor"] = nor;
-        c["faults"] = faults;
-        board.set_config(c);
+        board.change_config([&](json &c) { c.update({{"nor", nor}, {"faults", faults}}); });
     }
     // The status lines of sectors first..last, with the locked ones marked.
     static std::string listing(unsigned first, unsigned last, std::set<unsigned> locked) {
@@ -270,27 +261,22 @@ protected:
         return out;
     }
     json protected_sectors() const {
-        json nor = json::parse(board.read("state.json")).value("nor", json::object());
-        return nor.value("protected", json::array());
+        return board.state().value("nor", json::object()).value("protected", json::array());
     }
 };
 
 TEST_F(NorService, StatusListsTheSectorsOfTheRangeAsTheFlashReportsThem) {
     make({{"protected", {0, 4, 18}}});
-    RunResult r = board.tvservice({"nor", "status", "0", "0x10001"});
-    EXPECT_EQ(r.output, listing(0, 4, {0, 4}));
-    EXPECT_EQ(r.exit_status, 0);
+    expect_run(board.tvservice({"nor", "status", "0", "0x10001"}), 0, listing(0, 4, {0, 4}));
     EXPECT_EQ(board.tvservice({"nor", "status", "0xF0000", "1"}).output, listing(18, 18, {18}));
     // Every bus cycle is seen, 16 bits wide: the three autoselect cycles come first.
     std::vector<json> reg = board.trace("reg");
     ASSERT_GE(reg.size(), 4u);
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(reg[i]["width"], 2);
-        EXPECT_EQ(reg[i]["op"], "write");
-    }
-    EXPECT_EQ(reg[0]["addr"], "0x01fc0aaa");
-    EXPECT_EQ(reg[1]["addr"], "0x01fc0554");
-    EXPECT_EQ(reg[2]["value"], "0x00000090");
+    for (const auto &[i, addr, value] : {std::tuple{0, "0x01fc0aaa", "0x000000aa"},
+                                         {1, "0x01fc0554", "0x00000055"},
+                                         {2, "0x01fc0aaa", "0x00000090"}})
+        EXPECT_EQ(json({reg[i]["addr"], reg[i]["value"], reg[i]["width"], reg[i]["op"]}),
+                  json({addr, value, 2, "write"}));
 }
 
 struct NorCase {
@@ -311,9 +297,7 @@ TEST_P(NorCommand, LeavesTheSectorsAsItReportsWithVidOff) {
     const NorCase &c = GetParam();
     make(c.before.is_null() ? json{{"driver", false}} : json{{"protected", c.before}},
          c.fault.is_null() ? json::array() : json::array({c.fault}));
-    RunResult r = board.tvservice(words(c.command));
-    EXPECT_EQ(r.output, c.output);
-    EXPECT_EQ(r.exit_status, c.exit_status);
+    expect_run(board.tvservice(words(c.command)), c.exit_status, c.output);
     EXPECT_EQ(protected_sectors(), c.after);
     EXPECT_EQ(board.trace(c.counted).size(), c.count) << c.counted;
     std::vector<json> vid = board.trace("vid");
@@ -363,38 +347,40 @@ TEST_F(NandService, MtdUtilsAndTheServiceToolAgreeOnBadBlocks) {
     const std::string image = pattern(length, 3);
 
     ASSERT_EQ(write(length, image).exit_status, 0);
-    RunResult dump = board.run({"nanddump", "-q", "--bb=skipbad", "-l", std::to_string(length),
-                                "-f", "/tmp/dump.bin", "/dev/mtd1"});
-    EXPECT_EQ(dump.exit_status, 0) << dump.output;
+    // A host program run on the board: its output, a failure reported.
+    auto ran = [&](const std::vector<std::string> &args) {
+        RunResult r = board.run(args);
+        EXPECT_EQ(r.exit_status, 0) << r.output;
+        return r.output;
+    };
+    const std::string l = std::to_string(length);
+    ran({"nanddump", "-q", "--bb=skipbad", "-l", l, "-f", "/tmp/dump.bin", "/dev/mtd1"});
     EXPECT_EQ(board.read("fs/tmp/dump.bin"), image);
 
-    RunResult erase = board.run({"flash_erase", "/dev/mtd1", "0", "0"});
-    EXPECT_EQ(erase.exit_status, 0) << erase.output;
-    EXPECT_NE(erase.output.find("Skipping bad block at 00020000"), std::string::npos);
-    EXPECT_NE(erase.output.find("Skipping bad block at 00080000"), std::string::npos);
+    const std::string erase = ran({"flash_erase", "/dev/mtd1", "0", "0"});
+    EXPECT_THAT(erase, testing::HasSubstr("Skipping bad block at 00020000"));
+    EXPECT_THAT(erase, testing::HasSubstr("Skipping bad block at 00080000"));
     // Its whole-chip attempt meets the bad blocks and is refused; then block by block, the bad
     // blocks are never erased.
     for (const json &e : board.trace("mtd_erase")) {
-        if (e["length"] != E)
-            continue;
-        EXPECT_TRUE(e["start"] != E && e["start"] != 4 * E && !e.contains("errno")) << e.dump();
+        if (e["length"] == E) {
+            EXPECT_TRUE(e["start"] != E && e["start"] != 4 * E && !e.contains("errno")) << e;
+        }
     }
     EXPECT_EQ(board.read(kFlash), std::string(8 * E, '\xFF'));
 
     const std::string other = pattern(length, 8);
     board.write("fs/tmp/nw.bin", other);
-    RunResult nw = board.run({"nandwrite", "-q", "/dev/mtd1", "/tmp/nw.bin"});
-    EXPECT_EQ(nw.exit_status, 0) << nw.output;
+    ran({"nandwrite", "-q", "/dev/mtd1", "/tmp/nw.bin"});
     EXPECT_EQ(block(2), other.substr(E, E)); // logical 1 in physical 2
     EXPECT_EQ(read_back(length), other);
 
     // The out-of-band area: the bad-block marker of block 1, the ECC of a written page.
-    RunResult oob = board.run({"nanddump", "-q", "--oob", "--bb=dumpbad", "-s", "0x20000", "-l",
-                               "2048", "-f", "/tmp/oob.bin", "/dev/mtd1"});
-    EXPECT_EQ(oob.exit_status, 0) << oob.output;
+    ran({"nanddump", "-q", "--oob", "--bb=dumpbad", "-s", "0x20000", "-l", "2048", "-f",
+         "/tmp/oob.bin", "/dev/mtd1"});
     EXPECT_EQ(board.read("fs/tmp/oob.bin"),
               std::string(2048, '\xFF') + std::string(2, '\0') + std::string(62, '\xFF'));
-    board.run({"nanddump", "-q", "--oob", "-l", "2048", "-f", "/tmp/oob.bin", "/dev/mtd1"});
+    ran({"nanddump", "-q", "--oob", "-l", "2048", "-f", "/tmp/oob.bin", "/dev/mtd1"});
     const std::string page = board.read("fs/tmp/oob.bin");
     EXPECT_EQ(page.substr(0, 2048 + 40), other.substr(0, 2048) + std::string(40, '\xFF'));
     EXPECT_NE(page.substr(2048 + 40), std::string(24, '\xFF')) << "no ECC written";
@@ -402,11 +388,9 @@ TEST_F(NandService, MtdUtilsAndTheServiceToolAgreeOnBadBlocks) {
     // Written again without an erase, a page holds both writes and ECC that fits neither: the
     // data comes back as it is, and the ECC counts report it.
     board.write("fs/tmp/nw.bin", image.substr(0, 2048));
-    ASSERT_EQ(board.run({"nandwrite", "-q", "/dev/mtd1", "/tmp/nw.bin"}).exit_status, 0);
-    RunResult dump2 = board.run({"nanddump", "-l", "2048", "-f", "/tmp/dump.bin", "/dev/mtd1"});
-    EXPECT_EQ(dump2.exit_status, 0);
-    EXPECT_THAT(dump2.output, testing::HasSubstr("ECC: 1 uncorrectable bitflip(s) at offset "
-                                                 "0x00000000"));
+    ran({"nandwrite", "-q", "/dev/mtd1", "/tmp/nw.bin"});
+    EXPECT_THAT(ran({"nanddump", "-l", "2048", "-f", "/tmp/dump.bin", "/dev/mtd1"}),
+                testing::HasSubstr("ECC: 1 uncorrectable bitflip(s) at offset 0x00000000"));
     std::string both = other.substr(0, 2048);
     for (size_t i = 0; i < both.size(); ++i)
         both[i] = static_cast<char>(both[i] & image[i]);

@@ -41,10 +41,9 @@ size_t differs_at(const std::string &flash, size_t offset, const std::string &ex
 }
 
 void set_soc(const SimBoard &board, const std::string &revision, const std::string &boot_config) {
-    json c = board.config();
-    c["soc"]["revision"] = revision;
-    c["soc"]["boot_config"] = boot_config;
-    board.set_config(c);
+    board.change_config([&](json &c) {
+        c["soc"].update({{"revision", revision}, {"boot_config", boot_config}});
+    });
 }
 
 // A medium that selects only the boot loader, with image at writedata/name.
@@ -76,13 +75,10 @@ TEST_P(UbootBootSource, WritesTheImageOfTheBootSourceIntoItsRegion) {
     set_soc(board, c.revision, c.boot_config);
     board.write(partition, std::string(kPartition, '\0')); // an old boot loader
 
-    RunResult r = board.tvupdate({c.model});
-
     std::string printed_image = c.es1 ? "" : "boot-" + c.model + ".bin\n";
-    EXPECT_EQ(r.output, run_prologue(c.model) + kStart + printed_image + (c.es1 ? "mtd6" : "mtd7") +
-                            " \nNeed to update... " + progress(length, kBlock) + kDone +
-                            run_epilogue());
-    EXPECT_EQ(r.exit_status, 0);
+    expect_run(board.tvupdate({c.model}), 0,
+               run_prologue(c.model) + kStart + printed_image + (c.es1 ? "mtd6" : "mtd7") +
+                   " \nNeed to update... " + progress(length, kBlock) + kDone + run_epilogue());
     // The whole region is erased, the image written at its start, the rest left alone.
     std::string flash = board.read(partition);
     ASSERT_EQ(flash.size(), kPartition);
@@ -128,10 +124,8 @@ TEST_P(UbootRefused, RefusesWithItsMessageBeforeLoadingAnyDriver) {
     if (!c.fault.is_null())
         board.add_fault(c.fault);
 
-    RunResult r = board.tvupdate({"M1"});
-
-    EXPECT_EQ(r.output, run_prologue("M1") + kStart + c.message + kFailed + run_epilogue());
-    EXPECT_EQ(r.exit_status, 255);
+    expect_run(board.tvupdate({"M1"}), 255,
+               run_prologue("M1") + kStart + c.message + kFailed + run_epilogue());
     EXPECT_TRUE(board.trace("insmod").empty());
     EXPECT_EQ(board.listing("mtd"), "");
     // A window is never kept: whatever was mapped is unmapped again.
@@ -189,20 +183,14 @@ TEST_P(UbootPartition, TakesTheFirstNameFoundInItsOrderOfNames) {
     board.medium_file("M1/writedata/boot-M1_S1.bin", image);
     board.make();
     set_soc(board, c.revision, "0x00000100");
-    json config = board.config();
-    config["mtd"] = c.partitions;
-    board.set_config(config);
+    board.change_config([&](json &config) { config["mtd"] = c.partitions; });
     if (c.removed_module[0] != '\0')
         std::remove(board.path("fs/modules/" + std::string(c.removed_module)).c_str());
-
-    RunResult r = board.tvupdate({"M1"});
-
     std::string image_line = std::string(c.revision) == "0" ? "boot-M1.bin\n" : "";
     std::string rest = c.written[0] != '\0' ? "Need to update... " + progress(1000, kBlock) + kDone
                                             : "uboot partition nothing?\n" + kFailed;
-    EXPECT_EQ(r.output,
-              run_prologue("M1") + kStart + image_line + c.device + " \n" + rest + run_epilogue());
-    EXPECT_EQ(r.exit_status, c.written[0] != '\0' ? 0 : 255);
+    expect_run(board.tvupdate({"M1"}), c.written[0] != '\0' ? 0 : 255,
+               run_prologue("M1") + kStart + image_line + c.device + " \n" + rest + run_epilogue());
     EXPECT_EQ(board.listing("mtd"), c.written);
     EXPECT_EQ(board.trace("insmod").empty(), c.removed_module[0] != '\0'); // it is not loaded
 }
@@ -257,10 +245,8 @@ TEST_P(UbootWrite, WritesOnlyWhereTheFlashDiffersAndVerifies) {
         board.add_fault(fault);
     }
 
-    RunResult r = board.tvupdate({"M1"});
-
-    EXPECT_EQ(r.output, run_prologue("M1") + kStart + "mtd6 \n" + c.line + run_epilogue());
-    EXPECT_EQ(r.exit_status, c.line.ends_with(kFailed) ? 255 : 0);
+    expect_run(board.tvupdate({"M1"}), c.line.ends_with(kFailed) ? 255 : 0,
+               run_prologue("M1") + kStart + "mtd6 \n" + c.line + run_epilogue());
     EXPECT_EQ(board.trace("mtd_erase").size(), c.erases);
     EXPECT_EQ(differs_at(board.read("mtd/uboot-nor.bin"), 0, c.flash_after), kSame);
     // Every retry waits three seconds of board time.
@@ -312,9 +298,7 @@ TEST_F(UbootDriver, AProtectedSectorFailsTheUpdateUntilItIsUnlocked) {
     boot_loader_medium(board, "M1", "boot-M1_S1.bin", kImage);
     board.make();
     set_soc(board, kEs1, "0x00000100");
-    json c = board.config();
-    c["nor"]["protected"] = {1}; // 0x4000..0x5FFF, after sector 0
-    board.set_config(c);
+    board.change_config([](json &c) { c["nor"]["protected"] = {1}; }); // 0x4000..0x5FFF
     board.write("mtd/uboot-nor.bin", std::string(kPartition, '\0'));
     EXPECT_EQ(board.tvupdate({"M1"}).output,
               run_prologue("M1") + kStart + "mtd6 \n" + kEraseFailed + run_epilogue());
@@ -340,10 +324,10 @@ TEST_F(MtdTools, EraseCopyAndInfoBehaveAsOnTheBoard) {
     board.write("mtd/uboot-spi.bin", std::string(kPartition, '\0'));
     const std::string image = pattern(70000, 9);
     board.write("fs/tmp/image.bin", image);
-    json config = board.config();
-    for (json &p : config["mtd"])
-        p["drivers"] = json::array(); // present without loading a driver first
-    board.set_config(config);
+    board.change_config([](json &config) {
+        for (json &p : config["mtd"])
+            p["drivers"] = json::array(); // present without loading a driver first
+    });
 
     RunResult info = board.run({"/usr/sbin/mtd_debug", "info", "/dev/mtd7"});
     EXPECT_EQ(info.output, "mtd.type = MTD_NORFLASH\nmtd.flags = MTD_CAP_NORFLASH\n"

@@ -257,13 +257,10 @@ TEST_F(DeviceRules, TheMicrocontrollerAnswersOnlyWhatItIsSent) {
     close(nonblocking);
     detach();
     testing::internal::GetCapturedStdout();
-    EXPECT_EQ(unpadded, -1);
-    EXPECT_EQ(read_result, 0);
-    EXPECT_EQ(refusal, 0x31);
-    EXPECT_EQ(close_outside, -1);
-    EXPECT_EQ(close_first, 0);
-    EXPECT_EQ(close_again, 0);
-    EXPECT_EQ(early, EAGAIN);
+    // In the order of the calls above.
+    EXPECT_EQ((std::vector<int>{read_result, refusal, close_outside, close_first, close_again,
+                                unpadded, early}),
+              (std::vector<int>{0, 0x31, -1, 0, 0, -1, EAGAIN}));
 }
 
 TEST_F(DeviceRules, TheGuardDogEndsWritingModeUnlessItIsStopped) {
