@@ -63,6 +63,10 @@ TEST_F(UpdateFpgaOnBoard, PageProgramNeedsWriteEnableWrapsInItsPageAndClearsBits
     std::string untouched = read_rom(0, 256);
     EXPECT_EQ(cmd_rom_write_enable(spi_fd), 0);
     EXPECT_EQ(cmd_rom_page_program(spi_fd, 0xF0, bytes, 32), 0);
+    // The 36 bytes of the program took their wire time at 10 MHz.
+    std::vector<json> spi = trace("spi");
+    EXPECT_EQ(spi.back()["t"].get<uint64_t>() - spi[spi.size() - 2]["t"].get<uint64_t>(),
+              36 * 800u);
     uint8_t status = 0;
     EXPECT_EQ(cmd_rom_read_status_register(spi_fd, &status), 0);
     EXPECT_EQ(status, 0x03); // busy, latch still shown

@@ -326,7 +326,8 @@ TEST_F(MtdTools, EraseCopyAndInfoBehaveAsOnTheBoard) {
     board.write("fs/tmp/image.bin", image);
     board.change_config([](json &config) {
         for (json &p : config["mtd"])
-            p["drivers"] = json::array(); // present without loading a driver first
+            p["drivers"] = json::array();    // present without loading a driver first
+        config["nor"]["protected"] = {5, 6}; // the NOR flash's sectors: nothing to the SPI flash
     });
 
     RunResult info = board.run({"/usr/sbin/mtd_debug", "info", "/dev/mtd7"});
