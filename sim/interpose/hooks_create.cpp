@@ -75,6 +75,17 @@ template <typename Fn> int creating_both(Fn fn, const char *from, const char *to
     return fn(host_from.c_str(), host_to.c_str());
 }
 
+// A *at call with two names: taken to the board when both name themselves.
+template <typename Real, typename... Extra>
+int two_names_at(Real real, int fromfd, const char *from, int tofd, const char *to,
+                 Extra... extra) {
+    if (!names_by_itself(fromfd, from) || !names_by_itself(tofd, to))
+        return real(fromfd, from, tofd, to, extra...);
+    return creating_both(
+        [=](const char *f, const char *t) { return real(AT_FDCWD, f, AT_FDCWD, t, extra...); },
+        from, to);
+}
+
 // mkstemp and its kin fill in the template's last X's (before a suffix) in place: they run on
 // the template's host path and copy the chosen letters back.
 template <typename Fn> int make_temporary(Fn fn, char *name, int suffix_length) {
@@ -219,13 +230,7 @@ int link(const char *from, const char *to) {
                          to);
 }
 int linkat(int fromfd, const char *from, int tofd, const char *to, int flags) {
-    if (!names_by_itself(fromfd, from) || !names_by_itself(tofd, to))
-        return TVSIM_REAL(linkat)(fromfd, from, tofd, to, flags);
-    return creating_both(
-        [=](const char *f, const char *t) {
-            return TVSIM_REAL(linkat)(AT_FDCWD, f, AT_FDCWD, t, flags);
-        },
-        from, to);
+    return two_names_at(TVSIM_REAL(linkat), fromfd, from, tofd, to, flags);
 }
 // A link to an absolute board path points where that path lands, as `ln -s` in a shell
 // command does, so that following it stays on the board.
@@ -254,18 +259,10 @@ int rename(const char *from, const char *to) {
                          from, to);
 }
 int renameat(int fromfd, const char *from, int tofd, const char *to) {
-    if (!names_by_itself(fromfd, from) || !names_by_itself(tofd, to))
-        return TVSIM_REAL(renameat)(fromfd, from, tofd, to);
-    return rename(from, to);
+    return two_names_at(TVSIM_REAL(renameat), fromfd, from, tofd, to);
 }
 int renameat2(int fromfd, const char *from, int tofd, const char *to, unsigned flags) {
-    if (!names_by_itself(fromfd, from) || !names_by_itself(tofd, to))
-        return TVSIM_REAL(renameat2)(fromfd, from, tofd, to, flags);
-    return creating_both(
-        [=](const char *f, const char *t) {
-            return TVSIM_REAL(renameat2)(AT_FDCWD, f, AT_FDCWD, t, flags);
-        },
-        from, to);
+    return two_names_at(TVSIM_REAL(renameat2), fromfd, from, tofd, to, flags);
 }
 
 } // extern "C"
