@@ -41,34 +41,30 @@ HostPath resolve_for_access(const Hook &hook, const char *path) {
     return hook.board().resolve(path);
 }
 
-// Gives a board device a real descriptor of its own.
+// Gives a board device a real descriptor of its own. As in the kernel, the descriptor comes
+// first: with none left the open fails with EMFILE before any driver is asked.
 int open_board_device(Hook &hook, const std::string &normal, int flags, bool *handled) {
-    int err = 0;
-    std::unique_ptr<tvsim::Device> device = hook.board().open_device(normal, flags, &err);
-    // A node made with mknod is a device whether or not a driver answers for its number.
-    *handled = device != nullptr || normal.rfind("/dev/", 0) == 0 || err != ENOENT;
-    if (device == nullptr) {
-        if (*handled) {
-            hook.board().trace("open", {{"path", normal}, {"errno", err}});
-            errno = err;
-        }
-        return -1;
-    }
-    // One descriptor, as the kernel's open takes: EMFILE once the process has no more.
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    err = errno;
-    if (fd >= 0 && !tvsim::interpose::attach_device(fd, std::move(device))) {
-        close(fd);
-        fd = -1;
-        err = EMFILE;
+    int err = fd < 0 ? errno : 0;
+    std::unique_ptr<tvsim::Device> device;
+    if (fd >= 0)
+        device = hook.board().open_device(normal, flags, &err);
+    // A node made with mknod is a device whether or not a driver answers for its number.
+    *handled = device != nullptr || normal.rfind("/dev/", 0) == 0 || (fd >= 0 && err != ENOENT);
+    if (device != nullptr) {
+        if (tvsim::interpose::attach_device(fd, std::move(device))) {
+            hook.board().trace("open", {{"path", normal}, {"fd", fd}, {"flags", flags}});
+            return fd;
+        }
+        err = EMFILE; // past the descriptors the simulator keeps devices for
     }
-    if (fd < 0) {
+    if (fd >= 0)
+        close(fd);
+    if (*handled) {
         hook.board().trace("open", {{"path", normal}, {"errno", err}});
         errno = err;
-        return -1;
     }
-    hook.board().trace("open", {{"path", normal}, {"fd", fd}, {"flags", flags}});
-    return fd;
+    return -1;
 }
 
 template <typename RealOpen>
