@@ -94,18 +94,26 @@ ssize_t write(int fd, const void *buf, size_t count) {
 }
 
 int close(int fd) {
+    std::unique_ptr<tvsim::Device> device;
     if (tvsim::interpose::any_device_open()) {
         Hook hook;
-        if (program_device(hook, fd) != nullptr) {
-            std::unique_ptr<tvsim::Device> device = tvsim::interpose::detach_device(fd);
-            try {
-                device->close();
-                hook.board().trace("close", {{"fd", fd}});
-            } catch (...) {
-            }
-        }
+        if (program_device(hook, fd) != nullptr)
+            device = tvsim::interpose::detach_device(fd);
     }
-    return TVSIM_REAL(close)(fd);
+    // The descriptor is free before the driver releases the device, as in the kernel.
+    int result = TVSIM_REAL(close)(fd);
+    if (device != nullptr) {
+        int saved = errno;
+        Hook hook;
+        try {
+            device->close();
+            hook.board().trace("close", {{"fd", fd}});
+        } catch (...) {
+        }
+        device.reset();
+        errno = saved;
+    }
+    return result;
 }
 
 int ioctl(int fd, unsigned long request, ...) {
