@@ -330,6 +330,16 @@ INSTANTIATE_TEST_SUITE_P(
                     // The fault hits every attempt on sector 2.
                     NorCase{"SectorNeverVerifies", json::array(), fault("nor_verify", "2"),
                             "nor lock 0x4000 0x6000", "FAILED\n", 1, json({1}), "fault", 25},
+                    // An unlock gives up after its thousand pulses.
+                    NorCase{"UnlockGivesUpAfterItsPulses", json({2}), fault("nor_verify", "2"),
+                            "nor unlock 0x6000 1",
+                            [] {
+                                std::string retries;
+                                for (int i = 0; i < 1000; ++i)
+                                    retries += "Retrying\n";
+                                return retries + "FAILED\n";
+                            }(),
+                            1, json({2}), "nor_pulse", 1000},
                     NorCase{"VidDoesNotSwitchOn", json::array(), fault("nor_vid", "on"),
                             "nor lock 0x4000 0x6000", "FAILED\n", 1, json::array(), "fault", 1},
                     NorCase{"WithoutTheDirectAccessDriverNothingIsTouched", nullptr, nullptr,
