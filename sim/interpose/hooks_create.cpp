@@ -103,10 +103,6 @@ template <typename Fn> int make_temporary(Fn fn, char *name, int suffix_length) 
     return result;
 }
 
-mode_t mode_argument(int flags, va_list ap) {
-    return (flags & (O_CREAT | O_TMPFILE)) != 0 ? static_cast<mode_t>(va_arg(ap, int)) : 0;
-}
-
 // An unnamed file in the board's /tmp, as the C library makes one in its own.
 FILE *temporary_file(const Hook &hook) {
     std::string host;
@@ -137,7 +133,7 @@ int creat64(const char *path, mode_t mode) {
 int openat(int dirfd, const char *path, int flags, ...) {
     va_list ap;
     va_start(ap, flags);
-    mode_t mode = mode_argument(flags, ap);
+    mode_t mode = tvsim::interpose::mode_argument(flags, ap);
     va_end(ap);
     return names_by_itself(dirfd, path) ? open(path, flags, mode)
                                         : TVSIM_REAL(openat)(dirfd, path, flags, mode);
@@ -145,7 +141,7 @@ int openat(int dirfd, const char *path, int flags, ...) {
 int openat64(int dirfd, const char *path, int flags, ...) {
     va_list ap;
     va_start(ap, flags);
-    mode_t mode = mode_argument(flags, ap);
+    mode_t mode = tvsim::interpose::mode_argument(flags, ap);
     va_end(ap);
     return names_by_itself(dirfd, path) ? open64(path, flags, mode)
                                         : TVSIM_REAL(openat64)(dirfd, path, flags, mode);

@@ -95,10 +95,6 @@ int open_on_board(RealOpen real, const char *path, int flags, mode_t mode) {
     }
 }
 
-mode_t mode_argument(int flags, va_list ap) {
-    return (flags & (O_CREAT | O_TMPFILE)) != 0 ? static_cast<mode_t>(va_arg(ap, int)) : 0;
-}
-
 int real_open(const char *p, int f, mode_t m) {
     return TVSIM_REAL(open)(p, f, m);
 }
@@ -156,7 +152,7 @@ extern "C" {
 int open(const char *path, int flags, ...) {
     va_list ap;
     va_start(ap, flags);
-    mode_t mode = mode_argument(flags, ap);
+    mode_t mode = tvsim::interpose::mode_argument(flags, ap);
     va_end(ap);
     return open_on_board(real_open, path, flags, mode);
 }
@@ -164,7 +160,7 @@ int open(const char *path, int flags, ...) {
 int open64(const char *path, int flags, ...) {
     va_list ap;
     va_start(ap, flags);
-    mode_t mode = mode_argument(flags, ap);
+    mode_t mode = tvsim::interpose::mode_argument(flags, ap);
     va_end(ap);
     return open_on_board(real_open64, path, flags, mode);
 }

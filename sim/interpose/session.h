@@ -6,7 +6,9 @@
 #include "board/device.h"
 
 #include <cerrno>
+#include <cstdarg>
 #include <dlfcn.h>
+#include <fcntl.h>
 
 namespace tvsim::interpose {
 
@@ -36,6 +38,11 @@ private:
     Board *board_ = nullptr;
     int saved_errno_;
 };
+
+// open's mode argument, read only where the flags say one was passed.
+inline mode_t mode_argument(int flags, va_list ap) {
+    return (flags & (O_CREAT | O_TMPFILE)) != 0 ? static_cast<mode_t>(va_arg(ap, int)) : 0;
+}
 
 // Board devices behind descriptors.
 Device *device_at(int fd);
