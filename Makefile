@@ -1,7 +1,8 @@
 # The two commands of the README, and the board build.
 #   make demo    builds, makes a sample board and medium, runs tvupdate on it
-#   make check   builds (host, asan, armhf) and runs every test
-#   make armhf   builds tvupdate and libtvsim.so for the board
+#   make check   builds (host, asan, armhf, armel) and runs every test
+#   make armhf   builds tvupdate, tvservice and libtvsim.so for hard-float boards
+#   make armel   the same for soft-float boards
 #   make vm-check runs the board binary on Debian's armhf kernel under qemu-system-arm and
 #                compares it with tvsim (make check does too when the machine can)
 #   make fuzz    builds the fuzz targets (clang) and runs each for a few seconds
@@ -9,10 +10,10 @@
 
 JOBS ?= $(shell nproc)
 DEB_PACKAGES := cmake make g++ libgtest-dev libgmock-dev nlohmann-json3-dev \
-	g++-arm-linux-gnueabihf qemu-user srecord mtd-utils clang-format i2c-tools flashrom \
+	g++-arm-linux-gnueabihf g++-arm-linux-gnueabi qemu-user srecord mtd-utils clang-format i2c-tools flashrom \
 	qemu-system-arm mtools dosfstools cpio clang libclang-rt-14-dev
 
-.PHONY: all demo check vm-check armhf host asan fuzz deps clean
+.PHONY: all demo check vm-check armhf armel host asan fuzz deps clean
 
 all: host
 
@@ -41,6 +42,10 @@ armhf: deps
 	cmake --preset armhf >/dev/null
 	cmake --build --preset armhf -j $(JOBS)
 
+armel: deps
+	cmake --preset armel >/dev/null
+	cmake --build --preset armel -j $(JOBS)
+
 # Skipped, with a line saying so, where clang or its fuzzer runtime is missing.
 fuzz: deps
 	@if echo 'extern "C" int LLVMFuzzerTestOneInput(const char *, long) { return 0; }' | \
@@ -49,8 +54,8 @@ fuzz: deps
 		ctest --preset fuzz -j $(JOBS); \
 	else echo "fuzz targets skipped: no clang with libFuzzer"; fi
 
-check: armhf host asan
-	TVSIM_REQUIRE_ARMHF=1 ctest --preset host -j $(JOBS)
+check: armhf armel host asan
+	TVSIM_REQUIRE_BOARD_BUILDS=1 ctest --preset host -j $(JOBS)
 	ctest --preset asan -j $(JOBS)
 	$(MAKE) --no-print-directory fuzz
 	vm/check.sh --if-possible build/host build/armhf

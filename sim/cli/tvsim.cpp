@@ -14,6 +14,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -31,7 +32,6 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char *kQemu = "qemu-arm";
-constexpr const char *kArmSysroot = "/usr/arm-linux-gnueabihf";
 
 int usage() {
     fprintf(stderr, "usage: tvsim new DIR [--usb MEDIUM_DIR | --sd MEDIUM_DIR] [--seed N]\n"
@@ -72,17 +72,22 @@ std::string find_program(const std::string &name) {
     return name;
 }
 
-// True for a 32-bit ARM ELF executable, which runs under qemu-arm.
-bool is_arm_program(const std::string &path) {
-    unsigned char header[20] = {};
+// For a 32-bit ARM ELF executable, which runs under qemu-arm, the C library it runs with: Debian's
+// cross C library of its float ABI. "" for any other program.
+std::string arm_sysroot(const std::string &path) {
+    unsigned char header[40] = {};
     int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0)
-        return false;
+        return "";
     ssize_t n = read(fd, header, sizeof header);
     close(fd);
     constexpr unsigned kMachineArm = 40;
-    return n == static_cast<ssize_t>(sizeof header) && memcmp(header, "\177ELF", 4) == 0 &&
-           header[4] == 1 && (header[18] | header[19] << 8) == kMachineArm;
+    constexpr uint32_t kHardFloat = 0x400; // EF_ARM_ABI_FLOAT_HARD in e_flags
+    if (n != static_cast<ssize_t>(sizeof header) || memcmp(header, "\177ELF", 4) != 0 ||
+        header[4] != 1 || (header[18] | header[19] << 8) != kMachineArm)
+        return "";
+    uint32_t flags = header[36] | header[37] << 8 | header[38] << 16 | uint32_t{header[39]} << 24;
+    return (flags & kHardFloat) != 0 ? "/usr/arm-linux-gnueabihf" : "/usr/arm-linux-gnueabi";
 }
 
 bool write_proc_file(const char *path, const std::string &text) {
@@ -135,8 +140,8 @@ int run_program(const std::string &board_dir, std::string preload, char **progra
                   "verify_asan_link_order=0");
 
     std::vector<std::string> args;
-    if (is_arm_program(program)) {
-        args = {kQemu, "-L", kArmSysroot, "-E", "LD_PRELOAD=" + preload, program};
+    if (std::string sysroot = arm_sysroot(program); !sysroot.empty()) {
+        args = {kQemu, "-L", sysroot, "-E", "LD_PRELOAD=" + preload, program};
     } else {
         args = {program};
         env.push_back("LD_PRELOAD=" + preload);

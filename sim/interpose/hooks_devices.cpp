@@ -11,7 +11,6 @@ using tvsim::interpose::Hook;
 
 extern "C" {
 ssize_t __read_chk(int fd, void *buf, size_t count, size_t buflen);
-int __ioctl_time64(int fd, unsigned long request, ...);
 off64_t lseek64(int fd, off64_t offset, int whence);
 }
 
@@ -123,17 +122,6 @@ int ioctl(int fd, unsigned long request, ...) {
     va_end(ap);
     return ioctl_on_board(TVSIM_REAL(ioctl), fd, request, arg);
 }
-
-#if defined(__arm__)
-// 32-bit builds with 64-bit time call this name for every ioctl.
-int __ioctl_time64(int fd, unsigned long request, ...) {
-    va_list ap;
-    va_start(ap, request);
-    uintptr_t arg = third_argument(ap);
-    va_end(ap);
-    return ioctl_on_board(TVSIM_REAL(__ioctl_time64), fd, request, arg);
-}
-#endif
 
 off_t lseek(int fd, off_t offset, int whence) {
     return lseek_on_board(TVSIM_REAL(lseek), fd, offset, whence);

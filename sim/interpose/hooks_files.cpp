@@ -227,6 +227,18 @@ int mknod(const char *path, mode_t mode, dev_t number) {
     }
 }
 
+#if defined(__arm__)
+// mknod of C libraries before 2.33, which the board programs call: the number by address, after
+// the version of the call, which 32-bit ARM's C library requires to be 1.
+int __xmknod(int version, const char *path, mode_t mode, dev_t *number) {
+    if (version != 1) {
+        errno = EINVAL;
+        return -1;
+    }
+    return mknod(path, mode, *number);
+}
+#endif
+
 int unlink(const char *path) {
     Hook hook;
     if (!hook.active())

@@ -12,9 +12,9 @@ using tvsim::interpose::Hook;
 
 extern "C" {
 #if defined(__arm__)
-// 32-bit builds with 64-bit time: the record is the C library's own, passed on untouched.
-int __stat64_time64(const char *path, void *buf);
-int __fstat64_time64(int fd, void *buf);
+// The names of stat64 and fstat64 in C libraries before 2.33, which the board programs call.
+int __xstat64(int version, const char *path, struct stat64 *buf);
+int __fxstat64(int version, int fd, struct stat64 *buf);
 #endif
 }
 
@@ -117,23 +117,18 @@ int access(const char *path, int mode) {
 }
 
 #if defined(__arm__)
-// The tool asks only for the size of files it opened; a board device's descriptor is refused,
-// as this build cannot describe it in the 64-bit-time record.
-int __fstat64_time64(int fd, void *buf) {
-    if (tvsim::interpose::any_device_open()) {
-        Hook hook;
-        if (hook.active() && tvsim::interpose::device_at(fd) != nullptr) {
-            errno = EBADF;
-            return -1;
-        }
-        hook.restore_errno();
-    }
-    return TVSIM_REAL(__fstat64_time64)(fd, buf);
+int __xstat64(int version, const char *path, struct stat64 *buf) {
+    auto real = [version](const char *p, struct stat64 *b) {
+        return TVSIM_REAL(__xstat64)(version, p, b);
+    };
+    return stat_on_board(real, path, buf);
 }
 
-int __stat64_time64(const char *path, void *buf) {
-    return on_resolved_path(path,
-                            [&](const char *p) { return TVSIM_REAL(__stat64_time64)(p, buf); });
+int __fxstat64(int version, int fd, struct stat64 *buf) {
+    auto real = [version](int f, struct stat64 *b) {
+        return TVSIM_REAL(__fxstat64)(version, f, b);
+    };
+    return fstat_on_board(real, fd, buf);
 }
 #endif
 

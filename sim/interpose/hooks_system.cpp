@@ -18,22 +18,6 @@
 
 extern char **environ;
 
-#if defined(__arm__)
-// 64-bit time records of 32-bit builds.
-struct timespec64 {
-    int64_t tv_sec;
-    int32_t tv_nsec;
-    int32_t pad;
-};
-struct timeval64 {
-    int64_t tv_sec;
-    int64_t tv_usec;
-};
-extern "C" int __nanosleep64(const struct timespec64 *req, struct timespec64 *rem);
-extern "C" int __clock_nanosleep_time64(clockid_t clock, int flags, const struct timespec64 *req,
-                                        struct timespec64 *rem);
-#endif
-
 using tvsim::json;
 using tvsim::interpose::Hook;
 
@@ -219,28 +203,6 @@ int settimeofday(const struct timeval *tv, const struct timezone *) {
         return on_board_only([](tvsim::Board &) { return 0; });
     return set_board_time(tv->tv_sec, tv->tv_usec);
 }
-
-#if defined(__arm__)
-int __nanosleep64(const timespec64 *req, timespec64 *rem) {
-    if (!on_board())
-        return TVSIM_REAL(__nanosleep64)(req, rem);
-    advance_clock(span_ns(req->tv_sec, req->tv_nsec), "nanosleep");
-    return 0;
-}
-
-int __clock_nanosleep_time64(clockid_t clock, int flags, const timespec64 *req, timespec64 *rem) {
-    if (!on_board() || flags != 0)
-        return TVSIM_REAL(__clock_nanosleep_time64)(clock, flags, req, rem);
-    advance_clock(span_ns(req->tv_sec, req->tv_nsec), "clock_nanosleep");
-    return 0;
-}
-
-int __settimeofday64(const timeval64 *tv, const void *) {
-    if (tv == nullptr)
-        return on_board_only([](tvsim::Board &) { return 0; });
-    return set_board_time(tv->tv_sec, tv->tv_usec);
-}
-#endif
 
 // The board's flash is written through at once; nothing to flush.
 void sync() {

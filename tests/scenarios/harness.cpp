@@ -19,18 +19,26 @@ namespace scenario {
 
 namespace {
 
-bool armhf_variant() {
+// The board build under test (TVSIM_VARIANT armhf or armel), or "" for the host build.
+std::string board_build_dir() {
     const char *v = getenv("TVSIM_VARIANT");
-    return v != nullptr && std::string(v) == "armhf";
+    std::string variant = v != nullptr ? v : "";
+    if (variant == "armhf")
+        return TVSIM_ARMHF_DIR;
+    if (variant == "armel")
+        return TVSIM_ARMEL_DIR;
+    return "";
 }
 
 // The tool under test and the simulator library for its architecture.
 std::string tool_binary() {
-    return armhf_variant() ? std::string(TVSIM_ARMHF_DIR) + "/tvupdate" : TVSIM_HOST_TOOL;
+    std::string board = board_build_dir();
+    return board.empty() ? TVSIM_HOST_TOOL : board + "/tvupdate";
 }
 
 std::string preload_library() {
-    return armhf_variant() ? std::string(TVSIM_ARMHF_DIR) + "/libtvsim.so" : TVSIM_HOST_PRELOAD;
+    std::string board = board_build_dir();
+    return board.empty() ? TVSIM_HOST_PRELOAD : board + "/libtvsim.so";
 }
 
 std::string slurp(const std::string &path) {
@@ -211,13 +219,13 @@ void Scenario::SetUp() {
     std::string tool = tool_binary();
     if (fs::exists(tool))
         return;
-    if (getenv("TVSIM_REQUIRE_ARMHF") != nullptr)
+    if (getenv("TVSIM_REQUIRE_BOARD_BUILDS") != nullptr)
         FAIL() << "no tvupdate binary at " << tool;
-    GTEST_SKIP() << "no board build at " << tool << " (make armhf builds it)";
+    GTEST_SKIP() << "no board build at " << tool << " (make armhf or make armel builds it)";
 }
 
 bool on_host() {
-    return !armhf_variant();
+    return board_build_dir().empty();
 }
 
 void expect_run(const RunResult &run, int exit_status, const std::string &output,
