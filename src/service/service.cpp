@@ -37,12 +37,12 @@ constexpr const char *kUsage =
     "Exit status: 0 success, 1 the operation failed, 2 usage error.\n";
 
 int __attribute__((format(printf, 1, 2))) usage_error(const char *fmt, ...) {
-    fprintf(stderr, "%s: ", kProgram);
+    char reason[512]; // what the operator typed is echoed, shortened only past this
     va_list args;
     va_start(args, fmt);
-    vfprintf(stderr, fmt, args);
+    vsnprintf(reason, sizeof reason, fmt, args);
     va_end(args);
-    fprintf(stderr, "\nTry '%s --help' for more information.\n", kProgram);
+    fprintf(stderr, "%s: %s\nTry '%s --help' for more information.\n", kProgram, reason, kProgram);
     return SERVICE_USAGE;
 }
 
