@@ -157,13 +157,13 @@ bool program_rom(int fd, const char *dir, int fpga_type, uint8_t *status) {
     printf("Reading from file : %s \n", path);
     {
         UniqueFile image(fopen(path, "rb"));
-        if (!image) {
+        struct stat st;
+        // A directory opens too, and would fail only at its first read, after the erase.
+        if (!image || fstat(fileno(image.get()), &st) != 0 || !S_ISREG(st.st_mode)) {
             printf("**ERROR** fail to open file %s \n", path);
             return false;
         }
-        struct stat st;
-        uint32_t size =
-            fstat(fileno(image.get()), &st) == 0 ? static_cast<uint32_t>(st.st_size) : 0;
+        uint32_t size = static_cast<uint32_t>(st.st_size);
         set_pio_wren_default();
         set_pio_wren(fpga_type);
         if (!erase_rom(fd, row, status) || !write_image(fd, image.get(), size, status))

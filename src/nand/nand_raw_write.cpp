@@ -180,32 +180,60 @@ int erase_good_block(const nand_dev *ctx, uint64_t *phys) {
     }
 }
 
-// Writes one block's data for logical block L from *phys on, retiring a block whose page
+// Writes one block's data from *phys on, retiring a block whose page
 // write fails and writing the data again from its first page on the next good block.
-int write_logical_block(nand_dev *ctx, uint32_t L, const uint8_t *data, uint64_t *phys) {
+int write_logical_block(nand_dev *ctx, const uint8_t *data, uint64_t *phys) {
     if (int r = erase_good_block(ctx, phys))
         return r;
-    ctx->block_map[L] = *phys;
     while (!block_io(ctx, *phys, const_cast<uint8_t *>(data), true)) {
         if (mark_bad(ctx, *phys) < 0)
             return NAND_ERR_DEVICE;
         *phys += ctx->info.erasesize;
         if (int r = erase_good_block(ctx, phys))
             return r;
-        ctx->block_map[L] = *phys;
     }
     return 0;
 }
 
-int read_logical_block(nand_dev *ctx, uint32_t L, uint8_t *data, uint64_t *phys) {
+int read_logical_block(nand_dev *ctx, uint8_t *data, uint64_t *phys) {
     if (int r = skip_bad(ctx, phys))
         return r;
-    ctx->block_map[L] = *phys;
     if (!block_io(ctx, *phys, data, false)) {
         printf("Error: nand_read_mtd!\n");
         return NAND_ERR_READ;
     }
     return 0;
+}
+
+// Logical blocks from first on follow one another over the good blocks from phys on: each is
+// the next good block after the one before, as the seeding at open makes them, so that data
+// written by skipping bad blocks (by this module or by nandwrite) is found again in this open
+// and after a reopen. Entries past the last good block are cleared. False when a query fails.
+bool map_good_blocks(nand_dev *ctx, uint32_t first, uint64_t phys) {
+    const uint32_t blocks = ctx->info.size / ctx->info.erasesize;
+    uint32_t logical = first;
+    for (; phys < ctx->info.size && logical < blocks; phys += ctx->info.erasesize) {
+        int bad = query_bad(ctx, phys);
+        if (bad < 0) {
+            report_error("MEMGETBADBLOCK");
+            return false;
+        }
+        if (bad == 0)
+            ctx->block_map[logical++] = phys;
+    }
+    for (; logical < blocks; ++logical)
+        ctx->block_map[logical] = 0;
+    return true;
+}
+
+// Records that logical block L now lives at phys. When it moved (a block was retired or
+// skipped on the way), the blocks after it are placed again behind it: their seeded entries
+// still name the blocks before the move, and one of them is now L's.
+int place_block(nand_dev *ctx, uint32_t L, uint64_t planned, uint64_t phys) {
+    ctx->block_map[L] = phys;
+    if (phys == planned)
+        return 0;
+    return map_good_blocks(ctx, L + 1, phys + ctx->info.erasesize) ? 0 : NAND_ERR_DEVICE;
 }
 
 // The argument checks shared by the transfers, in their order.
@@ -253,8 +281,11 @@ int transfer(nand_dev *ctx, uint8_t *buf, uint32_t size, uint32_t offset, bool w
         uint8_t *data = buf;
         if (n < E && (data = stage(staging, E, write ? buf : nullptr, n)) == nullptr)
             return NAND_ERR_ARG;
-        int r = write ? write_logical_block(ctx, L, data, &phys)
-                      : read_logical_block(ctx, L, data, &phys);
+        const uint64_t planned = phys;
+        int r =
+            write ? write_logical_block(ctx, data, &phys) : read_logical_block(ctx, data, &phys);
+        if (r == 0)
+            r = place_block(ctx, L, planned, phys);
         if (r != 0)
             return r;
         if (!write && n < E)
@@ -292,22 +323,6 @@ int init_mtd_driver(nand_dev *ctx, const char *path) {
     return 0;
 }
 
-// Logical block L is the L-th good block of the device, so that data written by skipping bad
-// blocks (by this module or by nandwrite) is found again after a reopen.
-bool seed_block_map(nand_dev *ctx) {
-    uint32_t logical = 0;
-    for (uint64_t phys = 0; phys < ctx->info.size; phys += ctx->info.erasesize) {
-        int bad = query_bad(ctx, phys);
-        if (bad < 0) {
-            report_error("MEMGETBADBLOCK");
-            return false;
-        }
-        if (bad == 0)
-            ctx->block_map[logical++] = phys;
-    }
-    return true;
-}
-
 } // namespace
 
 uint64_t get_physical_page(const nand_dev *ctx, uint32_t offset) {
@@ -331,7 +346,7 @@ nand_dev *nand_open(const char *path, int /*flags*/) {
     }
     size_t blocks = ctx->info.size / ctx->info.erasesize;
     ctx->block_map = static_cast<uint64_t *>(calloc(blocks, sizeof(uint64_t)));
-    if (ctx->block_map == nullptr || !seed_block_map(ctx)) {
+    if (ctx->block_map == nullptr || !map_good_blocks(ctx, 0, 0)) {
         close(ctx->fd);
         free(ctx->block_map);
         free(ctx);
@@ -374,9 +389,12 @@ int nand_write_block(nand_dev *ctx, const void *buf, uint32_t size, uint32_t off
     if (size < E && (data = stage(staging, E, data, size)) == nullptr)
         return NAND_ERR_ARG;
     uint64_t phys = get_physical_page(ctx, offset);
-    if (!block_io(ctx, phys, data, true))
-        return mark_bad(ctx, phys) < 0 ? NAND_ERR_DEVICE : NAND_ERR_WRITE;
-    return static_cast<int>(size);
+    if (block_io(ctx, phys, data, true))
+        return static_cast<int>(size);
+    // The retired block no longer holds the logical one: it and those after it move on.
+    if (mark_bad(ctx, phys) < 0 || !map_good_blocks(ctx, offset / E, phys + E))
+        return NAND_ERR_DEVICE;
+    return NAND_ERR_WRITE;
 }
 
 int nand_erase(nand_dev *ctx, uint32_t offset) {
@@ -393,11 +411,24 @@ int nand_erase(nand_dev *ctx, uint32_t offset) {
         printf("Error: offset should be aligned by %d bytes.\n", static_cast<int>(E));
         return NAND_ERR_ARG;
     }
-    uint64_t phys = get_physical_page(ctx, offset);
+    const uint64_t planned = get_physical_page(ctx, offset);
+    uint64_t phys = planned;
     if (int r = erase_good_block(ctx, &phys))
         return r;
-    ctx->block_map[offset / E] = phys;
-    return 0;
+    return place_block(ctx, offset / E, planned, phys);
+}
+
+int nand_good_blocks(nand_dev *ctx) {
+    if (is_null(ctx))
+        return NAND_ERR_ARG;
+    int good = 0;
+    for (uint64_t phys = 0; phys < ctx->info.size; phys += ctx->info.erasesize) {
+        int bad = query_bad(ctx, phys);
+        if (bad < 0)
+            return NAND_ERR_DEVICE;
+        good += bad == 0 ? 1 : 0;
+    }
+    return good;
 }
 
 uint32_t nand_get_blk_size(nand_dev *ctx) {

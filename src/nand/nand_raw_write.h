@@ -49,7 +49,9 @@ constexpr int NAND_ERR_DEVICE = -7;  // -E2BIG: geometry, bad-block query or mar
 constexpr int NAND_ERR_NO_GOOD = -8; // -ENOEXEC: no good block left before the end
 
 // Opens the partition at path (flags ignored) and seeds the block map from the device's bad
-// blocks: logical block L is the L-th good block. The context, or NAND_OPEN_FAILED.
+// blocks: logical block L is the L-th good block. A block retired while the device is open
+// moves its logical block, and every one after it, to the next good block after the one
+// before, as a reopen would find them. The context, or NAND_OPEN_FAILED.
 nand_dev *nand_open(const char *path, int flags);
 // Closes the device and frees the context: 0, or -1 for a null context.
 int nand_close(nand_dev *ctx);
@@ -63,6 +65,9 @@ int nand_write(nand_dev *ctx, const void *buf, uint32_t size, uint32_t offset);
 int nand_write_block(nand_dev *ctx, const void *buf, uint32_t size, uint32_t offset);
 // Erases the good block that holds logical offset, retiring blocks that fail: 0 or a code.
 int nand_erase(nand_dev *ctx, uint32_t offset);
+// The number of blocks MEMGETBADBLOCK reports good: the partition's logical blocks. -1 for a
+// null context, -7 when a query fails.
+int nand_good_blocks(nand_dev *ctx);
 // The erase block size, or 0xFFFFFFFF for a null context.
 uint32_t nand_get_blk_size(nand_dev *ctx);
 

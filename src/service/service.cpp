@@ -7,10 +7,13 @@
 #include "nor/nvlock.h"
 #include "run/flashimg.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sys/stat.h>
 
 namespace {
 
@@ -33,17 +36,23 @@ constexpr const char *kUsage =
     "operations are logical: bad blocks are skipped. Numbers are decimal or 0x hexadecimal.\n"
     "Exit status: 0 success, 1 the operation failed, 2 usage error.\n";
 
-int usage_error(const char *fmt, const char *what) {
-    fprintf(stderr, "%s: ", kProgram);
-    fprintf(stderr, fmt, what);
-    fprintf(stderr, "\nTry '%s --help' for more information.\n", kProgram);
+int __attribute__((format(printf, 1, 2))) usage_error(const char *fmt, ...) {
+    char reason[512]; // what the operator typed is echoed, shortened only past this
+    va_list args;
+    va_start(args, fmt);
+    vsnprintf(reason, sizeof reason, fmt, args);
+    va_end(args);
+    fprintf(stderr, "%s: %s\nTry '%s --help' for more information.\n", kProgram, reason, kProgram);
     return SERVICE_USAGE;
 }
 
 // --- NAND ----------------------------------------------------------------------------------
 
 struct NandArgs {
+    const char *op;
     char device[32];
+    const char *offset_text; // as typed, for the messages
+    const char *length_text;
     uint32_t offset;
     uint32_t length;
     const char *file;
@@ -52,13 +61,17 @@ struct NandArgs {
 int nand_usage_args(int argc, char **argv, bool with_file, NandArgs *a) {
     int wanted = with_file ? 4 : 3;
     if (argc != wanted)
-        return usage_error("nand %s: wrong number of arguments", argv[-1]);
+        return usage_error("nand %s: wrong number of arguments", a->op);
     if (!partition_device(argv[0], a->device, sizeof a->device))
         return usage_error("no MTD partition '%s'", argv[0]);
     if (!parse_u32(argv[1], &a->offset))
         return usage_error("invalid offset '%s'", argv[1]);
     if (!parse_u32(argv[2], &a->length))
         return usage_error("invalid length '%s'", argv[2]);
+    if (a->length == 0)
+        return usage_error("length '%s' is zero: nothing to do", argv[2]);
+    a->offset_text = argv[1];
+    a->length_text = argv[2];
     a->file = with_file ? argv[3] : nullptr;
     return SERVICE_OK;
 }
@@ -77,86 +90,153 @@ private:
     nand_dev *ctx_;
 };
 
-int report_nand(const char *what, const NandArgs &a, int result) {
-    if (result < 0) {
-        printf("nand %s: failed at %s (result %d)\n", what, a.device, result);
+// What the partition can take, checked before anything is read, erased or written: a NAND
+// partition, an offset on an erase block, and whole blocks up to the request's end among its
+// good blocks (logical blocks are good blocks, so a bad block shortens the partition).
+int check_nand_request(const NandArgs &a, nand_dev *nand) {
+    const mtd_info_user &info = nand->info;
+    if (info.type != MTD_NANDFLASH && info.type != MTD_MLCNANDFLASH) {
+        printf("nand %s: %s is not a NAND partition (MTD type %u)\n", a.op, a.device, info.type);
         return SERVICE_FAILED;
     }
-    printf("nand %s: %u bytes at 0x%08X of %s\n", what, a.length, a.offset, a.device);
+    const uint32_t E = info.erasesize;
+    if (a.offset % E != 0) {
+        printf("nand %s: offset %s is not a multiple of the erase block (0x%X bytes)\n", a.op,
+               a.offset_text, E);
+        return SERVICE_FAILED;
+    }
+    int good = nand_good_blocks(nand);
+    if (good < 0) {
+        printf("nand %s: failed at %s (result %d)\n", a.op, a.device, good);
+        return SERVICE_FAILED;
+    }
+    uint64_t end = static_cast<uint64_t>(a.offset) + a.length;
+    uint64_t capacity = static_cast<uint64_t>(good) * E;
+    if ((end + E - 1) / E * E > capacity) {
+        printf("nand %s: offset %s and length %s pass the end of the good blocks of %s: "
+               "0x%llX bytes (%d good blocks of 0x%X bytes)\n",
+               a.op, a.offset_text, a.length_text, a.device,
+               static_cast<unsigned long long>(capacity), good, E);
+        return SERVICE_FAILED;
+    }
     return SERVICE_OK;
 }
 
-int nand_read_cmd(const NandArgs &a, NandHolder &nand) {
-    HeapBuffer data(a.length > 0 ? a.length : 1);
-    if (!data) {
-        printf("nand read: cannot allocate %u bytes\n", a.length);
+// The closing line: what was done, or where it stopped and how much was done before.
+int report_nand(const NandArgs &a, uint32_t done, int result) {
+    if (result < 0) {
+        printf("nand %s: failed at %s after %u bytes (result %d)\n", a.op, a.device, done, result);
         return SERVICE_FAILED;
     }
-    int r = nand_read(nand.get(), data.get(), a.length, a.offset);
-    if (r < 0)
-        return report_nand("read", a, r);
+    printf("nand %s: %u bytes at 0x%08X of %s\n", a.op, a.length, a.offset, a.device);
+    return SERVICE_OK;
+}
+
+// Reads and writes go one erase block at a time through one block of memory, so a partition
+// of any size is copied in bounded memory and a failure is reported to the byte.
+int nand_read_cmd(const NandArgs &a, nand_dev *nand) {
     UniqueFile out(fopen(a.file, "wb"));
-    if (!out || fwrite(data.get(), 1, a.length, out.get()) != a.length) {
+    if (!out) {
         report_error(a.file);
         return SERVICE_FAILED;
     }
-    return report_nand("read", a, r);
-}
-
-int nand_write_cmd(const NandArgs &a, NandHolder &nand) {
-    HeapBuffer data(a.length > 0 ? a.length : 1);
-    if (!data) {
-        printf("nand write: cannot allocate %u bytes\n", a.length);
+    const uint32_t E = nand_get_blk_size(nand);
+    HeapBuffer block(E);
+    if (!block) {
+        printf("nand read: cannot allocate %u bytes\n", E);
         return SERVICE_FAILED;
     }
+    for (uint32_t done = 0; done < a.length;) {
+        uint32_t n = std::min(E, a.length - done);
+        int r = nand_read(nand, block.get(), n, a.offset + done);
+        if (r < 0)
+            return report_nand(a, done, r);
+        if (fwrite(block.get(), 1, n, out.get()) != n) {
+            report_error(a.file);
+            return report_nand(a, done, NAND_ERR_ARG);
+        }
+        done += n;
+    }
+    if (fflush(out.get()) != 0) {
+        report_error(a.file);
+        return SERVICE_FAILED;
+    }
+    return report_nand(a, a.length, 0);
+}
+
+int nand_write_cmd(const NandArgs &a, nand_dev *nand) {
     UniqueFile in(fopen(a.file, "rb"));
     if (!in) {
         report_error(a.file);
         return SERVICE_FAILED;
     }
-    if (fread(data.get(), 1, a.length, in.get()) != a.length) {
+    // The whole input is known to be there before the first block is erased.
+    struct stat st {};
+    if (fstat(fileno(in.get()), &st) != 0 || !S_ISREG(st.st_mode) ||
+        static_cast<uint64_t>(st.st_size) < a.length) {
         printf("nand write: %s holds fewer than %u bytes\n", a.file, a.length);
         return SERVICE_FAILED;
     }
-    return report_nand("write", a, nand_write(nand.get(), data.get(), a.length, a.offset));
+    const uint32_t E = nand_get_blk_size(nand);
+    HeapBuffer block(E);
+    if (!block) {
+        printf("nand write: cannot allocate %u bytes\n", E);
+        return SERVICE_FAILED;
+    }
+    for (uint32_t done = 0; done < a.length;) {
+        uint32_t n = std::min(E, a.length - done);
+        if (fread(block.get(), 1, n, in.get()) != n) {
+            printf("nand write: %s holds fewer than %u bytes\n", a.file, a.length);
+            return report_nand(a, done, NAND_ERR_ARG);
+        }
+        int r = nand_write(nand, block.get(), n, a.offset + done);
+        if (r < 0)
+            return report_nand(a, done, r);
+        done += n;
+    }
+    return report_nand(a, a.length, 0);
 }
 
-int nand_erase_cmd(const NandArgs &a, NandHolder &nand) {
-    uint32_t block = nand_get_blk_size(nand.get());
-    uint64_t end = static_cast<uint64_t>(a.offset) + a.length;
-    int r = 0;
-    for (uint64_t at = a.offset; r == 0 && at < end; at += block)
-        r = nand_erase(nand.get(), static_cast<uint32_t>(at));
-    return report_nand("erase", a, r);
+int nand_erase_cmd(const NandArgs &a, nand_dev *nand) {
+    const uint32_t E = nand_get_blk_size(nand);
+    for (uint32_t done = 0; done < a.length;) {
+        int r = nand_erase(nand, a.offset + done);
+        if (r < 0)
+            return report_nand(a, done, r);
+        done += std::min(E, a.length - done);
+    }
+    return report_nand(a, a.length, 0);
 }
 
 int nand_cmd(int argc, char **argv) {
     if (argc < 1)
-        return usage_error("nand: missing operation%s", "");
-    const char *op = argv[0];
-    bool with_file = strcmp(op, "erase") != 0;
-    if (strcmp(op, "read") != 0 && strcmp(op, "write") != 0 && with_file)
-        return usage_error("nand: unknown operation '%s'", op);
+        return usage_error("nand: missing operation");
     NandArgs a{};
+    a.op = argv[0];
+    bool with_file = strcmp(a.op, "erase") != 0;
+    if (strcmp(a.op, "read") != 0 && strcmp(a.op, "write") != 0 && with_file)
+        return usage_error("nand: unknown operation '%s'", a.op);
     if (int r = nand_usage_args(argc - 1, argv + 1, with_file, &a))
         return r;
     NandHolder nand(a.device);
     if (!nand.open()) {
-        printf("nand %s: cannot open %s\n", op, a.device);
+        printf("nand %s: cannot open %s\n", a.op, a.device);
         return SERVICE_FAILED;
     }
-    if (strcmp(op, "read") == 0)
-        return nand_read_cmd(a, nand);
-    if (strcmp(op, "write") == 0)
-        return nand_write_cmd(a, nand);
-    return nand_erase_cmd(a, nand);
+    if (int r = check_nand_request(a, nand.get()))
+        return r;
+    if (strcmp(a.op, "read") == 0)
+        return nand_read_cmd(a, nand.get());
+    if (strcmp(a.op, "write") == 0)
+        return nand_write_cmd(a, nand.get());
+    return nand_erase_cmd(a, nand.get());
 }
 
 // --- NOR -----------------------------------------------------------------------------------
 
 int nor_cmd(int argc, char **argv) {
     if (argc != 3)
-        return usage_error("nor: expected status|lock|unlock OFFSET LENGTH%s", "");
+        return usage_error("nor: expected status|lock|unlock OFFSET LENGTH");
     int mode = strcmp(argv[0], "lock") == 0     ? NVLOCK_PROTECT
                : strcmp(argv[0], "unlock") == 0 ? NVLOCK_UNPROTECT
                : strcmp(argv[0], "status") == 0 ? -1
@@ -169,6 +249,13 @@ int nor_cmd(int argc, char **argv) {
         return usage_error("invalid offset '%s'", argv[1]);
     if (!parse_u32(argv[2], &length))
         return usage_error("invalid length '%s'", argv[2]);
+    // nvLock takes a zero length, or one past the flash's end, as "up to the last sector".
+    if (length == 0)
+        return usage_error("length '%s' is zero: nothing to do", argv[2]);
+    if (offset<NOR_FLASH_SIZE &&static_cast<uint64_t>(offset) + length> NOR_FLASH_SIZE) {
+        return usage_error("offset %s and length %s pass the end of the NOR flash (0x%X bytes)",
+                           argv[1], argv[2], NOR_FLASH_SIZE);
+    }
     return nvLock(offset, length, mode) == 0 ? SERVICE_OK : SERVICE_FAILED;
 }
 
@@ -195,7 +282,7 @@ constexpr EepromUpdater kEepromUpdaters[] = {
 
 int eeprom_cmd(int argc, char **argv) {
     if (argc < 2 || argc > 3)
-        return usage_error("eeprom: expected NAME DIR [MODEL]%s", "");
+        return usage_error("eeprom: expected NAME DIR [MODEL]");
     for (const EepromUpdater &u : kEepromUpdaters) {
         if (strcmp(argv[0], u.name) == 0) {
             int r = u.update(argv[1], argc == 3 ? argv[2] : nullptr);
@@ -211,7 +298,7 @@ int eeprom_cmd(int argc, char **argv) {
 int list_cmd(int argc, char **argv) {
     bool sd = argc == 2 && strcmp(argv[1], "--sd") == 0;
     if (argc < 1 || argc > 2 || (argc == 2 && !sd))
-        return usage_error("list: expected FILE [--sd]%s", "");
+        return usage_error("list: expected FILE [--sd]");
     UniqueFile list(fopen(argv[0], "r"));
     if (!list) {
         report_error(argv[0]);
@@ -238,11 +325,17 @@ constexpr Command kCommands[] = {
 } // namespace
 
 bool parse_u32(const char *text, uint32_t *value) {
-    if (text == nullptr || text[0] < '0' || text[0] > '9')
+    if (text == nullptr)
+        return false;
+    // A leading 0 is a decimal digit like any other (not octal): "010" is ten.
+    bool hex = text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+    const char *digits = hex ? text + 2 : text;
+    if (strspn(digits, hex ? "0123456789abcdefABCDEF" : "0123456789") != strlen(digits) ||
+        digits[0] == '\0')
         return false;
     errno = 0;
     char *end = nullptr;
-    unsigned long long v = strtoull(text, &end, 0);
+    unsigned long long v = strtoull(digits, &end, hex ? 16 : 10);
     if (errno != 0 || *end != '\0' || v > 0xFFFFFFFFull)
         return false;
     *value = static_cast<uint32_t>(v);
@@ -267,7 +360,7 @@ int service_main(int argc, char **argv) {
         }
     }
     if (argc < 2)
-        return usage_error("missing command%s", "");
+        return usage_error("missing command");
     for (const Command &c : kCommands) {
         if (strcmp(argv[1], c.name) == 0) {
             int r = c.run(argc - 2, argv + 2);

@@ -109,4 +109,38 @@ TEST_F(NandBlockOnBoard, WritesAndRetiresThePhysicalBlockOfTheOffset) {
     nand_close(ctx);
 }
 
+// A block retired inside one open moves its logical block and every one after it to the next
+// good block after the one before: a write of logical block 1 in the same open lands in
+// physical block 2, where a reopen finds it, not in block 1, which now holds logical block 0.
+TEST_F(NandBlockOnBoard, RetirementMovesTheLaterBlocksWithinOneOpen) {
+    const struct {
+        const char *name;
+        const char *fault;                             // fails on physical block 0
+        int (*first)(nand_dev *, const std::string &); // on logical block 0
+    } cases[] = {
+        {"a write whose erase fails", "nand_erase_fail",
+         [](nand_dev *d, const std::string &b) { return nand_write(d, b.data(), E, 0); }},
+        {"an erase that fails", "nand_erase_fail",
+         [](nand_dev *d, const std::string &) { return nand_erase(d, 0); }},
+        {"a single-block write whose page fails", "nand_write_fail",
+         [](nand_dev *d, const std::string &b) { return nand_write_block(d, b.data(), E, 0); }},
+    };
+    const std::string first(E, 'a'), second(E, 'b');
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        make_board();
+        add_fault(testsupport::fault(c.fault, "uboot_env:0"));
+        attach();
+        nand_dev *ctx = nand_open("/dev/mtd1", 0);
+        ASSERT_NE(ctx, NAND_OPEN_FAILED);
+        c.first(ctx, first);
+        EXPECT_EQ(nand_write(ctx, second.data(), E, E), static_cast<int>(E));
+        nand_close(ctx);
+        detach();
+        const std::string flash = read_file("mtd/uboot_env.bin");
+        EXPECT_EQ(flash.substr(2 * E, E), second);
+        EXPECT_NE(flash.substr(E, E), second) << "logical block 0 overwritten";
+    }
+}
+
 } // namespace

@@ -60,7 +60,7 @@ protected:
     // A new board whose medium selects these ROMs and holds only these images (by ROM number), with
     // this fault (null: none).
     void make_board(std::initializer_list<int> selected, const std::map<int, std::string> &images,
-                    const json &fault = json()) {
+                    const json &fault = json(), const char *folder = nullptr) {
         std::string list;
         for (int n : selected)
             list += std::string(kListLines[n]) + "\n";
@@ -68,6 +68,8 @@ protected:
         board.medium_list("M1", list);
         for (const auto &[n, data] : images)
             board.medium_file("M1/writedata/" + std::string(kImageNames[n]), data);
+        if (folder != nullptr)
+            board.medium_file("M1/writedata/" + std::string(folder) + "/image.bin", "x");
         std::filesystem::remove_all(board.dir());
         board.make();
         if (!fault.is_null())
@@ -172,11 +174,17 @@ TEST_F(ConfigRoms, FaultsStopTheRunWithTheirMessage) {
         std::string lines; // part of the output
         Left left;
         bool disables_writes = false;
-        long erase_waits = -1; // 1 s waits for the bulk erase, where counted
-        long done_waits = -1;  // 100 ms waits for configuration done, where counted
-        long page_waits = -1;  // 5 ms waits for page programs, where counted
-        long failed_reads = 0; // status requests that failed
+        long erase_waits = -1;        // 1 s waits for the bulk erase, where counted
+        long done_waits = -1;         // 100 ms waits for configuration done, where counted
+        long page_waits = -1;         // 5 ms waits for page programs, where counted
+        long failed_reads = 0;        // status requests that failed
+        const char *folder = nullptr; // a folder named with ROM 0's prefix, in place of its image
     } cases[] = {
+        // A folder opens like a file but fails its first read: refused before the erase.
+        {"image is a folder", json(), json(),
+         "Reading from file : /tmp/M1/writedata/fpga_config_sum_tr1_v2 \n"
+         "**ERROR** fail to open file /tmp/M1/writedata/fpga_config_sum_tr1_v2 \n",
+         Untouched, false, -1, -1, -1, 0, "fpga_config_sum_tr1_v2"},
         {"protection bits", {{"protect", "0x1C"}}, json(), " Timeout RDSR(0x1c)!\n", Untouched},
         {"stuck busy", json(), fault("spi_status", "rom0", {{"value", 1}}),
          " Timeout RDSR(0x01)!\n", Untouched},
@@ -199,7 +207,10 @@ TEST_F(ConfigRoms, FaultsStopTheRunWithTheirMessage) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
-        make_board({0, 1}, {{0, data}, {1, image(300, 13)}}, c.fault);
+        std::map<int, std::string> images{{1, image(300, 13)}};
+        if (c.folder == nullptr)
+            images[0] = data;
+        make_board({0, 1}, images, c.fault, c.folder);
         if (c.rom_setting.is_object())
             board.change_config(
                 [&](json &config) { config["spi"]["roms"][0].update(c.rom_setting); });

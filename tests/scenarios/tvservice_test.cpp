@@ -3,6 +3,7 @@
 // commands.
 #include "scenarios/harness.h"
 
+#include <filesystem>
 #include <gmock/gmock.h>
 #include <set>
 #include <sstream>
@@ -47,7 +48,9 @@ protected:
 };
 
 const std::string kWritten = "nand write: 851968 bytes at 0x00000000 of /dev/mtd1\n";
-const std::string kNoGoodBlockLeft = "nand write: failed at /dev/mtd1 (result -8)\n";
+const std::string kBeyondGoodBlocks = "nand write: offset 0 and length 851968 pass the end of "
+                                      "the good blocks of /dev/mtd1: 0xA0000 bytes (5 good "
+                                      "blocks of 0x20000 bytes)\n";
 
 struct BadBlockCase {
     const char *name;
@@ -79,6 +82,10 @@ TEST_P(NandAroundBadBlocks, WritesSkipBadBlocksAndReadBackAtTheSameLogicalOffset
     }
     for (size_t b : c.bad)
         EXPECT_EQ(block(b), old.substr(b * E, E)) << "bad block " << b << " was touched";
+    if (c.placement.empty()) {
+        EXPECT_EQ(board.read(kFlash), old);
+        return;
+    }
     std::vector<size_t> retired;
     for (const json &m : board.trace("mtd_markbad"))
         retired.push_back(m["block"]);
@@ -104,14 +111,53 @@ INSTANTIATE_TEST_SUITE_P(
         {"None", {}, nullptr, {0, 1, 2, 3, 4, 5, 6}, {}, kWritten},
         {"WriteFailure", {}, "nand_write_fail", {0, 1, 3, 4, 5, 6, 7}, {2}, kWritten, true},
         {"EraseFailure", {}, "nand_erase_fail", {1, 2, 3, 4, 5, 6, 7}, {0}, kWritten},
-        // What was written before stays (partial results are not undone).
-        {"NoGoodBlockLeft", {5, 6, 7}, nullptr, {0, 1, 2, 3, 4}, {}, kNoGoodBlockLeft}}),
+        // Refused before the first erase: nothing is written.
+        {"BeyondTheGoodBlocks", {5, 6, 7}, nullptr, {}, {}, kBeyondGoodBlocks}}),
     RowName());
+
+// A block retired inside one run moves the logical blocks after it on to the next good block
+// after the one before, as a later run finds them: each block of the range is reached once.
+TEST_F(NandService, ARetiredBlockMovesTheBlocksAfterItWithinOneRun) {
+    const struct {
+        const char *name;
+        size_t failing;             // the physical block whose erase fails
+        const char *command;        // the tool's arguments, separated by spaces
+        std::vector<size_t> placed; // physical block of each logical block of the range
+    } cases[] = {
+        {"erase, its first block retired", 0, "nand erase 1 0 0x40000", {1, 2}},
+        {"erase, a middle block retired", 1, "nand erase 1 0 0x60000", {0, 2, 3}},
+        {"write, its first block retired", 0, "nand write 1 0 0x40000 /tmp/in.bin", {1, 2}},
+    };
+    const std::string old = pattern(8 * E, 5), image = pattern(3 * E, 9);
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        std::filesystem::remove_all(board.dir());
+        make_with_bad_blocks(json::array());
+        board.add_fault(
+            fault("nand_erase_fail", ("uboot_env:" + std::to_string(c.failing)).c_str()));
+        board.write(kFlash, old);
+        board.write("fs/tmp/in.bin", image);
+        std::vector<std::string> args = words(c.command);
+        const bool erase = args[1] == "erase";
+        expect_run(board.tvservice(args), 0,
+                   "nand " + args[1] + ": " + std::to_string(c.placed.size() * E) +
+                       " bytes at 0x00000000 of /dev/mtd1\n");
+        std::vector<std::string> expected(8); // the retired block too keeps what it held
+        for (size_t b = 0; b < 8; ++b)
+            expected[b] = old.substr(b * E, E);
+        for (size_t L = 0; L < c.placed.size(); ++L)
+            expected[c.placed[L]] = erase ? std::string(E, '\xFF') : image.substr(L * E, E);
+        for (size_t b = 0; b < 8; ++b)
+            EXPECT_TRUE(block(b) == expected[b]) << "physical block " << b;
+        EXPECT_EQ(board.trace("mtd_markbad").size(), 1u);
+    }
+}
 
 struct MessageCase {
     const char *name;
-    const char *command; // the tool's arguments, separated by spaces
-    std::string output;  // a usage error ends with the hint and exits 2, any other failure 1
+    const char *command;      // the tool's arguments, separated by spaces
+    std::string output;       // a usage error ends with the hint and exits 2, any other failure 1
+    json bad = json::array(); // factory-marked blocks of uboot_env
 };
 
 const std::string kTry = "Try 'tvservice --help' for more information.\n";
@@ -120,29 +166,62 @@ class ServiceMessages : public NandService, public testing::WithParamInterface<M
 
 TEST_P(ServiceMessages, EveryRefusalSaysWhyAndExitsWithItsStatus) {
     const MessageCase &c = GetParam();
-    make_with_bad_blocks(json::array());
-    board.write("fs/tmp/in.bin", std::string(16, 'x'));
+    make_with_bad_blocks(c.bad);
+    // The NOR boot partition is there from power-on (its driver built in), as mtd6.
+    board.change_config([](json &config) { config["mtd"][6]["drivers"] = json::array(); });
+    board.write("fs/tmp/in.bin", std::string(0x80000, 'x'));
     expect_run(board.tvservice(words(c.command)), c.output.ends_with(kTry) ? 2 : 1, c.output);
     EXPECT_TRUE(board.trace("mtd_erase").empty());
     EXPECT_TRUE(board.trace("mtd_write").empty());
+    EXPECT_TRUE(board.trace("reg").empty()); // the NOR flash is not driven either
+    EXPECT_FALSE(board.exists("fs/tmp/o")) << "a refused read made its file";
 }
+
+const std::string kOneBadBlock = "pass the end of the good blocks of /dev/mtd1: 0xE0000 bytes "
+                                 "(7 good blocks of 0x20000 bytes)\n";
 
 INSTANTIATE_TEST_SUITE_P(
     Service, ServiceMessages,
     testing::Values(
+        // Every range is checked, as typed, before the first block is touched.
         MessageCase{"Misaligned", "nand write uboot_env 0x20001 16 /tmp/in.bin",
-                    "Error: offset should be aligned by 131072 bytes.\n"
-                    "nand write: failed at /dev/mtd1 (result -1)\n"},
+                    "nand write: offset 0x20001 is not a multiple of the erase block (0x20000 "
+                    "bytes)\n"},
         MessageCase{"PastTheEnd", "nand read 1 0xE0000 0x40000 /tmp/o",
-                    "Error: offset + size exceeds the device size!\n"
-                    "(offset=917504, size=262144, device size=1048576)\n"
-                    "nand read: failed at /dev/mtd1 (result -1)\n"},
-        MessageCase{"ErasePastTheEnd", "nand erase 1 0x100000 1",
-                    "Error: offset + erase size exceeds the device size!\n"
-                    "(offset=1048576, erase size=131072, device size=1048576)\n"
-                    "nand erase: failed at /dev/mtd1 (result -1)\n"},
-        MessageCase{"ShortInput", "nand write 1 0 17 /tmp/in.bin",
-                    "nand write: /tmp/in.bin holds fewer than 17 bytes\n"},
+                    "nand read: offset 0xE0000 and length 0x40000 pass the end of the good "
+                    "blocks of /dev/mtd1: 0x100000 bytes (8 good blocks of 0x20000 bytes)\n"},
+        MessageCase{"ErasePastTheEnd", "nand erase 1 0xC0000 0x60000",
+                    "nand erase: offset 0xC0000 and length 0x60000 pass the end of the good "
+                    "blocks of /dev/mtd1: 0x100000 bytes (8 good blocks of 0x20000 bytes)\n"},
+        MessageCase{"ErasePartOfABlockPastTheEnd", "nand erase 1 0xE0000 0x20001",
+                    "nand erase: offset 0xE0000 and length 0x20001 pass the end of the good "
+                    "blocks of /dev/mtd1: 0x100000 bytes (8 good blocks of 0x20000 bytes)\n"},
+        // A bad block makes the partition one block shorter: a whole-partition request is
+        // refused up front instead of failing at its last block.
+        MessageCase{"WholeReadWithABadBlock",
+                    "nand read 1 0 0x100000 /tmp/o",
+                    "nand read: offset 0 and length 0x100000 " + kOneBadBlock,
+                    {3}},
+        MessageCase{"WholeWriteWithABadBlock",
+                    "nand write 1 0 1048576 /tmp/in.bin",
+                    "nand write: offset 0 and length 1048576 " + kOneBadBlock,
+                    {3}},
+        MessageCase{"WholeEraseWithABadBlock",
+                    "nand erase uboot_env 0 0x100000",
+                    "nand erase: offset 0 and length 0x100000 " + kOneBadBlock,
+                    {7}},
+        MessageCase{"NorPartition", "nand write 6 0 4096 /tmp/in.bin",
+                    "nand write: /dev/mtd6 is not a NAND partition (MTD type 3)\n"},
+        MessageCase{"NorPartitionByName", "nand erase uboot-nor 0 0x10000",
+                    "nand erase: /dev/mtd6 is not a NAND partition (MTD type 3)\n"},
+        MessageCase{"ZeroLength", "nand erase 1 0x20001 0",
+                    "tvservice: length '0' is zero: nothing to do\n" + kTry},
+        MessageCase{"ZeroLengthRead", "nand read 1 0 0x0 /tmp/o",
+                    "tvservice: length '0x0' is zero: nothing to do\n" + kTry},
+        MessageCase{"ShortInput", "nand write 1 0 0x80001 /tmp/in.bin",
+                    "nand write: /tmp/in.bin holds fewer than 524289 bytes\n"},
+        MessageCase{"InputNotAFile", "nand write 1 0 16 /tmp",
+                    "nand write: /tmp holds fewer than 16 bytes\n"},
         MessageCase{"NoSuchDevice", "nand read 42 0 1 /tmp/o",
                     "open: No such file or directory\nnand read: cannot open /dev/mtd42\n"},
         MessageCase{"NameMustMatchWhole", "nand read uboot 0 1 /tmp/o",
@@ -162,6 +241,13 @@ INSTANTIATE_TEST_SUITE_P(
                     "tvservice: eeprom: unknown EEPROM 'pelto'\n" + kTry},
         MessageCase{"NorStartBeyondTheFlash", "nor status 0x100000 4",
                     "error: 0x100000 exceeds device size\n"},
+        // nvLock reads a zero length, or an end past the flash, as "to the last sector".
+        MessageCase{"NorZeroLength", "nor lock 0 0",
+                    "tvservice: length '0' is zero: nothing to do\n" + kTry},
+        MessageCase{"NorPastTheEnd", "nor unlock 0x8000 0x200000",
+                    "tvservice: offset 0x8000 and length 0x200000 pass the end of the NOR flash "
+                    "(0x100000 bytes)\n" +
+                        kTry},
         MessageCase{"MissingList", "list /tmp/none.lst",
                     "/tmp/none.lst: No such file or directory\n"}),
     RowName());

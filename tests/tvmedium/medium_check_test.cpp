@@ -88,6 +88,7 @@ std::string dump(const CheckReport &r) {
 }
 
 const std::string kLongComment = "#" + std::string(254, 'x');
+const std::string kSync = "\xAA\x99\x55\x66"; // begins a configuration stream
 
 TEST(MediumCheck, EveryTrapIsReportedWithFileAndLine) {
     using enum Severity;
@@ -155,8 +156,29 @@ TEST(MediumCheck, EveryTrapIsReportedWithFileAndLine) {
         {"fpga_rom_missing", "fpga_sam_2\n", Files{{"fpga_config_sum_tr1.bin", "rom"}}, Error,
          "writedata:0", "begins with fpga_config_sum_tr5"},
         {"fpga_rom_found_by_prefix_in_any_case", "fpga_sam_3\n",
-         Files{{"FPGA_CONFIG_LGD_TR6_V2.BIN", "rom"}}, Note, "FPGA_CONFIG_LGD_TR6_V2.BIN:0",
-         "3 bytes for the 16777216-byte"},
+         Files{{"FPGA_CONFIG_LGD_TR6_V2.BIN", std::string(252, '\xFF') + kSync}}, Note,
+         "FPGA_CONFIG_LGD_TR6_V2.BIN:0", "256 bytes for the 8388608-byte"},
+        {"fpga_rom_without_sync_word", "fpga_sam_3\n",
+         Files{{"fpga_config_lgd_tr6.bin", std::string(253, '\xFF') + kSync}}, Error,
+         "fpga_config_lgd_tr6.bin:0", "no sync word AA 99 55 66 in the first 256 bytes"},
+        // A 16-Mbit ROM: 4 KiB more wraps round onto its first pages.
+        {"fpga_rom_larger_than_the_rom", "fpga_sam_1\n",
+         Files{{"fpga_config_sum_tr1.bin", kSync + std::string(0x201000 - 4, 'r')}}, Error,
+         "fpga_config_sum_tr1.bin:0", "2101248 bytes: larger than the 2097152-byte"},
+        {"fpga_rom_prefix_on_a_folder", "fpga_sam_2\n", Files{{"fpga_config_sum_tr5_old/", ""}},
+         Error, "fpga_config_sum_tr5_old:0", "is not a file"},
+        {"eeprom_prefix_on_a_folder", "kolma_eeprom\n", Files{{"kolma_eep/", ""}}, Error,
+         "kolma_eep:0", "is not a file"},
+        {"eeprom_mac_line_ends", "fpga_eeprom\n", Files{{"tr5_eep.txt", "0000 01\r0001 02\r"}},
+         Error, "tr5_eep.txt:1", "CR alone"},
+        {"selects_nothing", "# nothing yet\n", Files(), Error, "flashimg.lst:0",
+         "the list selects nothing"},
+        {"component_listed_twice", "model_data N\nmodel_data\n", Files{{"model_data/a", "x"}},
+         Error, "flashimg.lst:2",
+         "listed again (first on line 1): the board takes the option "
+         "letters of both lines together ('N')"},
+        {"component_listed_twice_alike", "bitmap\nbitmap\n", Files{{"bitmap/a", "x"}}, Warning,
+         "flashimg.lst:2", "'bitmap' is listed again (first on line 1)"},
         {"missing_source_folder", "bitmap\n", Files(), Error, "writedata/bitmap:0",
          "source folder missing"},
         {"empty_source_folder", "jpeg_user\n", Files{{"jpeg_user/", ""}}, Error,
@@ -192,7 +214,7 @@ TEST(MediumCheck, JsonCarriesStatusAndFindings) {
     nlohmann::json doc = nlohmann::json::parse(testing::internal::GetCapturedStdout());
     EXPECT_EQ(doc["status"], 2);
     EXPECT_EQ(doc["model"], "M");
-    ASSERT_EQ(doc["findings"].size(), 1u);
+    ASSERT_EQ(doc["findings"].size(), 2u); // the ignored line, and a list that selects nothing
     const nlohmann::json &f = doc["findings"][0];
     EXPECT_EQ(nlohmann::json({f["severity"], f["file"], f["line"]}),
               nlohmann::json({"error", "M/flashimg.lst", 1}));
@@ -211,6 +233,36 @@ TEST(MediumBuild, RefusesWhatCannotLoad) {
         std::ofstream(dir / "desc.txt") << description;
         EXPECT_EQ(build_medium((dir / "desc.txt").string(), (dir / "out").string()), -1)
             << description;
+    }
+}
+
+// An EEPROM binary is built only when the board writes every byte of it: the block walk ends
+// at the last line's address, so a size one more than a multiple of the block loses its last
+// byte, and the FPGA EEPROM's walk must end inside its 2047-byte image.
+TEST(MediumBuild, WritesOnlyWhatItsCheckAccepts) {
+    const struct {
+        const char *component;
+        size_t size;
+        bool built;
+    } cases[] = {
+        {"tvm_eeprom", 64, true},     {"tvm_eeprom", 65, false},    {"tvm_eeprom", 1, false},
+        {"kolma_eeprom", 128, true},  {"kolma_eeprom", 129, false}, {"fpga_eeprom", 33, false},
+        {"fpga_eeprom", 34, true},    {"fpga_eeprom", 2016, true},  {"fpga_eeprom", 2017, false},
+        {"fpga_eeprom", 2018, false}, {"fpga_eeprom", 2047, false}, {"pelto_eeprom", 0x8000, true},
+    };
+    fs::path dir = make_medium("build-sizes", {{"unused", ""}});
+    for (const auto &c : cases) {
+        SCOPED_TRACE(format("%s, %zu bytes", c.component, c.size));
+        std::ofstream(dir / "eep.bin", std::ios::binary) << std::string(c.size, '\x5A');
+        std::ofstream(dir / "desc.txt")
+            << format("model M\nlist %s\neeprom %s eep.bin 1\n", c.component, c.component);
+        fs::remove_all(dir / "out");
+        int built = build_medium((dir / "desc.txt").string(), (dir / "out").string());
+        EXPECT_EQ(built == 0, c.built);
+        if (built == 0) {
+            CheckReport report = check_medium((dir / "out").string(), "M");
+            EXPECT_LT(report.exit_status(), 2) << dump(report);
+        }
     }
 }
 

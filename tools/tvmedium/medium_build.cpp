@@ -188,6 +188,14 @@ bool write_firmware(const Description &d, const fs::path &path) {
     return true;
 }
 
+// The largest binary the board writes whole.
+size_t largest_eeprom_image(const EepromKind &kind) {
+    size_t n = kind.image_size;
+    while (n > 0 && n > eeprom_written_end(kind, static_cast<uint32_t>(n - 1)))
+        --n;
+    return n;
+}
+
 // Every address in ascending order, so that the last line is the highest address and the
 // block walk covers the whole image.
 bool write_eeprom(const EepromSource &e, const fs::path &dir) {
@@ -197,6 +205,13 @@ bool write_eeprom(const EepromSource &e, const fs::path &dir) {
     if (bytes.empty() || bytes.size() > e.kind->image_size)
         return fail(format("%s: %zu bytes, the %s image holds 1 to %zu", e.file.c_str(),
                            bytes.size(), e.kind->component, e.kind->image_size));
+    // The last line's address ends the board's block walk: every byte must lie before the end
+    // of the walk's last block.
+    if (bytes.size() > eeprom_written_end(*e.kind, static_cast<uint32_t>(bytes.size() - 1)))
+        return fail(format("%s: %zu bytes, not all of which the %s update writes: it writes "
+                           "up to %zu bytes, never one more than a multiple of %zu",
+                           e.file.c_str(), bytes.size(), e.kind->component,
+                           largest_eeprom_image(*e.kind), e.kind->block_size));
     fs::path path = dir / (std::string(e.kind->prefix) + ".txt");
     UniqueFile out(fopen(path.c_str(), "w"));
     if (!out)

@@ -27,19 +27,34 @@ const size_t kEepromKindCount = std::size(kEepromKinds);
 
 namespace {
 
-// An FPGA configuration ROM image: found by prefix, streamed whole into the ROM, whose address
-// is 24 bits wide.
+// An FPGA configuration ROM image: found by prefix, streamed whole into the ROM from address 0.
+// The board's ROMs are a 16-Mbit part for FPGA 0 and 64-Mbit parts for FPGAs 1 and 2; a larger
+// image wraps round and overwrites the ROM's first pages.
 struct RomKind {
     const char *component;
     uint32_t select_bit; // in word 1
     const char *prefix;
     uintmax_t rom_size;
 };
+constexpr uintmax_t kMiB = 1024 * 1024;
 constexpr RomKind kRomKinds[] = {
-    {"fpga_sam_1", FLAG1_FPGA_SAM_1, "fpga_config_sum_tr1", 1u << 24},
-    {"fpga_sam_2", FLAG1_FPGA_SAM_2, "fpga_config_sum_tr5", 1u << 24},
-    {"fpga_sam_3", FLAG1_FPGA_SAM_3, "fpga_config_lgd_tr6", 1u << 24},
+    {.component = "fpga_sam_1",
+     .select_bit = FLAG1_FPGA_SAM_1,
+     .prefix = "fpga_config_sum_tr1",
+     .rom_size = 2 * kMiB},
+    {.component = "fpga_sam_2",
+     .select_bit = FLAG1_FPGA_SAM_2,
+     .prefix = "fpga_config_sum_tr5",
+     .rom_size = 8 * kMiB},
+    {.component = "fpga_sam_3",
+     .select_bit = FLAG1_FPGA_SAM_3,
+     .prefix = "fpga_config_lgd_tr6",
+     .rom_size = 8 * kMiB},
 };
+
+// The configuration stream's sync word; an FPGA looks for it near the start of its ROM.
+constexpr uint8_t kSyncWord[] = {0xAA, 0x99, 0x55, 0x66};
+constexpr size_t kSyncWindow = 256;
 
 // Components refreshing a data directory, by their selection bit in word 0.
 struct DataComponent {
@@ -105,11 +120,12 @@ struct ListCheck {
     std::string file;
     MediaFound media{true, false};
     uint32_t flags[4] = {0, 0, 0, 0};
-    int line = 1;                // line of the next piece
-    bool at_line_start = true;   // the previous piece ended its line
-    bool in_comment = false;     // the current line began with '#'
-    int app_volume_line = 0;     // line that recreates the app_data volume
-    int select_line[2][32] = {}; // line that selected each bit
+    int line = 1;                        // line of the next piece
+    bool at_line_start = true;           // the previous piece ended its line
+    bool in_comment = false;             // the current line began with '#'
+    int app_volume_line = 0;             // line that recreates the app_data volume
+    int select_line[2][32] = {};         // line that selected each bit
+    uint32_t select_letters[2][32] = {}; // its option letters
 };
 
 int bit_index(uint32_t bit) {
@@ -184,8 +200,25 @@ void record_effect(ListCheck &c, const ListLineEffect &effect) {
     if (effect.zoran_refused)
         c.report->add(Severity::Warning, "list", c.file, c.line,
                       "zoran_update is refused from an SD card");
-    if (effect.select_bit != 0)
-        c.select_line[effect.word][bit_index(effect.select_bit)] = c.line;
+    if (effect.select_bit != 0) {
+        int bit = bit_index(effect.select_bit);
+        int &first = c.select_line[effect.word][bit];
+        uint32_t &letters = c.select_letters[effect.word][bit];
+        if (first != 0) {
+            // The board ORs the lines together: the letters of both apply.
+            bool differ = letters != effect.letters;
+            c.report->add(differ ? Severity::Error : Severity::Warning, effect.keyword, c.file,
+                          c.line,
+                          format("'%s' is listed again (first on line %d)%s", effect.keyword, first,
+                                 differ ? format(": the board takes the option letters of both "
+                                                 "lines together ('%s')",
+                                                 letters_text(letters | effect.letters).c_str())
+                                              .c_str()
+                                        : ""));
+        }
+        first = first != 0 ? first : c.line;
+        letters |= effect.letters;
+    }
     c.flags[effect.word] |= effect.select_bit | effect.erase_bit;
     if (effect.recreated_volume != nullptr &&
         strcmp(effect.recreated_volume->name, "app_data") == 0)
@@ -232,6 +265,14 @@ void check_piece(ListCheck &c, const char *piece) {
     size_t length = strlen(piece);
     c.line += line_ends_in(piece, length);
     c.at_line_start = length > 0 && piece[length - 1] == '\n';
+}
+
+bool selects_anything(const ListCheck &c) {
+    for (const auto &word : c.select_line)
+        for (int line : word)
+            if (line != 0)
+                return true;
+    return false;
 }
 
 // A data folder refresh after its volume was recreated copies into a folder that is gone,
@@ -424,9 +465,17 @@ void check_firmware(MediumContext &m) {
 // Reads an EEPROM text file with its updater's line buffer and reports what it writes.
 void check_eeprom_file(MediumContext &m, const EepromKind &kind, const fs::path &path) {
     std::string file = m.relative(path);
+    std::string text;
     UniqueFile f(fopen(path.c_str(), "r"));
-    if (!f) {
+    if (!f || !read_whole(path, &text)) {
         m.report->add(Severity::Error, kind.component, file, 0, "cannot be opened");
+        return;
+    }
+    if (has_lone_cr(text.c_str())) {
+        m.report->add(Severity::Error, kind.component, file, 1,
+                      "lines end with CR alone (Mac line ends): the board reads the file as one "
+                      "line, cut into pieces of its line buffer, and the update fails or writes "
+                      "what no line says");
         return;
     }
     char line[64];
@@ -480,14 +529,13 @@ void check_eeprom_file(MediumContext &m, const EepromKind &kind, const fs::path 
                       format("each line written as read, highest address 0x%04X", highest));
         return;
     }
-    EepImage image{nullptr, kind.image_size, kind.block_size};
-    if (!eep_walk_fits(image, end)) {
+    size_t written_end = eeprom_written_end(kind, end);
+    if (written_end == 0 && end != 0) {
         m.report->add(Severity::Error, kind.component, file, end_line,
                       format("end address 0x%04X: its last block would pass the image end", end));
         return;
     }
-    size_t blocks = (end + kind.block_size - 1) / kind.block_size;
-    size_t written_end = blocks * kind.block_size;
+    size_t blocks = written_end / kind.block_size;
     if (highest >= written_end)
         m.report->add(Severity::Error, kind.component, file, end_line,
                       format("the last data line (address 0x%04X) ends the write: blocks up to "
@@ -502,10 +550,18 @@ void check_eeprom_file(MediumContext &m, const EepromKind &kind, const fs::path 
 // The file of write_dir whose name begins with prefix, found as the tool finds it, into path
 // (kEepPathSize bytes); false, reported, when there is none.
 bool find_by_prefix(MediumContext &m, const char *component, const char *prefix, char *path) {
-    if (find_eep_text_file(m.write_dir.c_str(), prefix, path, kEepPathSize) == EEP_FILE_FOUND)
+    if (find_eep_text_file(m.write_dir.c_str(), prefix, path, kEepPathSize) != EEP_FILE_FOUND) {
+        m.report->add(Severity::Error, component, m.relative(m.write_dir), 0,
+                      format("no file whose name begins with %s", prefix));
+        return false;
+    }
+    std::error_code ec;
+    if (fs::is_regular_file(path, ec))
         return true;
-    m.report->add(Severity::Error, component, m.relative(m.write_dir), 0,
-                  format("no file whose name begins with %s", prefix));
+    m.report->add(Severity::Error, component, m.relative(path), 0,
+                  format("the first entry whose name begins with %s is not a file: the board "
+                         "takes it and the update fails",
+                         prefix));
     return false;
 }
 
@@ -554,13 +610,29 @@ void check_boot_loader(MediumContext &m) {
                              m.model.c_str(), m.model.c_str()));
 }
 
+void check_rom_image(MediumContext &m, const RomKind &rom, const fs::path &path) {
+    check_sized_image(m, rom.component, path, rom.rom_size, "configuration ROM");
+    std::string head;
+    UniqueFile f(fopen(path.c_str(), "rb"));
+    if (f) {
+        char bytes[kSyncWindow];
+        head.assign(bytes, fread(bytes, 1, sizeof bytes, f.get()));
+    }
+    std::string_view sync(reinterpret_cast<const char *>(kSyncWord), sizeof kSyncWord);
+    if (!head.empty() && head.find(sync) == std::string::npos)
+        m.report->add(Severity::Error, rom.component, m.relative(path), 0,
+                      format("no sync word AA 99 55 66 in the first %zu bytes: not a "
+                             "configuration image, the FPGA does not configure from it",
+                             kSyncWindow));
+}
+
 void check_roms(MediumContext &m) {
     for (const RomKind &rom : kRomKinds) {
         if (!m.selected(1, rom.select_bit))
             continue;
         char path[kEepPathSize];
         if (find_by_prefix(m, rom.component, rom.prefix, path))
-            check_sized_image(m, rom.component, path, rom.rom_size, "configuration ROM");
+            check_rom_image(m, rom, path);
     }
 }
 
@@ -583,6 +655,9 @@ void check_model(CheckReport &report, const fs::path &medium, const std::string 
         },
         &c);
     check_recreated_app_volume(c);
+    if (!selects_anything(c))
+        report.add(Severity::Error, "list", c.file, 0,
+                   "the list selects nothing: the board updates nothing and reports success");
     std::copy(std::begin(c.flags), std::end(c.flags), m.flags);
     std::error_code ec;
     if (m.selected(0, FLAG_QVXBIN) && !fs::exists(m.model_dir / kModeFile, ec))
@@ -618,6 +693,15 @@ int CheckReport::exit_status() const {
                                   : f.severity == Severity::Warning ? 1
                                                                     : 0);
     return status;
+}
+
+size_t eeprom_written_end(const EepromKind &kind, uint32_t end) {
+    if (kind.block_size == 0)
+        return kind.image_size;
+    EepImage image{nullptr, kind.image_size, kind.block_size};
+    if (!eep_walk_fits(image, end))
+        return 0;
+    return (end + kind.block_size - 1) / kind.block_size * kind.block_size;
 }
 
 const EepromKind *find_eeprom_kind(const char *component) {

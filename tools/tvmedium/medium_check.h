@@ -45,6 +45,10 @@ struct EepromKind {
 extern const EepromKind kEepromKinds[];
 extern const size_t kEepromKindCount;
 const EepromKind *find_eeprom_kind(const char *component);
+// How many bytes from address 0 the board writes from a file whose last data line has address
+// end (the block walk stops before end when end starts a block); 0 when the walk's last block
+// would pass the image end. Every line is written for a kind without a block walk.
+size_t eeprom_written_end(const EepromKind &kind, uint32_t end);
 
 // Checks the model's folder of the medium; with no model, every folder holding an image list.
 CheckReport check_medium(const std::string &medium_dir, const std::string &model);
