@@ -3,8 +3,8 @@
 #   make check   builds (host, asan, armhf, armel) and runs every test
 #   make armhf   builds tvupdate, tvservice and libtvsim.so for hard-float boards
 #   make armel   the same for soft-float boards
-#   make vm-check runs the board binary on Debian's armhf kernel under qemu-system-arm and
-#                compares it with tvsim (make check does too when the machine can)
+#   make vm-check runs both board builds on Debian's armmp kernel under qemu-system-arm and
+#                compares them with tvsim (make check does too when the machine can)
 #   make fuzz    builds the fuzz targets (clang) and runs each for a few seconds
 # Missing Debian packages are installed first when run as root.
 
@@ -58,10 +58,10 @@ check: armhf armel host asan
 	TVSIM_REQUIRE_BOARD_BUILDS=1 ctest --preset host -j $(JOBS)
 	ctest --preset asan -j $(JOBS)
 	$(MAKE) --no-print-directory fuzz
-	vm/check.sh --if-possible build/host build/armhf
+	vm/check.sh --if-possible build/host build/armhf build/armel
 
-vm-check: armhf host
-	vm/check.sh build/host build/armhf
+vm-check: armhf armel host
+	vm/check.sh build/host build/armhf build/armel
 
 demo: host
 	tools/demo.sh build/host

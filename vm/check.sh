@@ -1,7 +1,8 @@
 #!/bin/sh
 # The VM rung: prepares the VM (downloads from Debian once, under build/vm) and runs every
-# scenario on tvsim and on Debian's armhf kernel, comparing the two.
-# Usage: check.sh [--if-possible] HOST_BUILD ARMHF_BUILD [SCENARIO...]
+# scenario on tvsim and on Debian's armmp kernel with each board build (hard-float, then
+# soft-float with Debian's armel C library), comparing each with tvsim.
+# Usage: check.sh [--if-possible] HOST_BUILD ARMHF_BUILD ARMEL_BUILD [SCENARIO...]
 #   --if-possible: skip (exit 0, with a message) when qemu-system-arm or the downloads are
 #   not available, instead of failing.
 set -eu
@@ -13,7 +14,8 @@ if [ "${1:-}" = --if-possible ]; then
 fi
 host_build=$(cd "$1" && pwd)
 armhf_build=$(cd "$2" && pwd)
-shift 2
+armel_build=$(cd "$3" && pwd)
+shift 3
 vm="$here/../build/vm"
 skip() {
     if [ "$optional" = 1 ]; then
@@ -30,4 +32,4 @@ if ! "$here/fetch.sh" "$vm/fetch"; then
     skip "the Debian packages could not be downloaded"
 fi
 "$here/prepare.sh" "$vm" "$host_build" "$armhf_build"
-exec python3 "$here/rung.py" --host-build "$host_build" --vm-dir "$vm" "$@"
+exec python3 "$here/rung.py" --host-build "$host_build" --vm-dir "$vm" --armel-build "$armel_build" "$@"

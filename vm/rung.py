@@ -1,9 +1,11 @@
 #!/usr/bin/env python3
 """Runs each scenario of vm/scenarios.json on tvsim and on Debian's armhf kernel under
 qemu-system-arm, and compares what the tool printed and what the flash and the TV
-microcontroller hold afterwards.
+microcontroller hold afterwards. The VM runs the hard-float board build (in the initramfs);
+with --armel-build, each scenario runs on the VM a second time with the soft-float build and
+Debian's armel C library in its place.
 
-Usage: rung.py --host-build build/host --armhf-build build/armhf --vm-dir build/vm [NAME...]
+Usage: rung.py --host-build build/host --vm-dir build/vm [--armel-build build/armel] [NAME...]
 Exit status 0 when every scenario agrees on both rungs (after the differences listed in
 vm/known-differences.json, each explained in docs/board.md), 1 otherwise.
 """
@@ -98,7 +100,7 @@ def tvsim_rung(work, scenario, medium, host_build):
         json.dump(config, f, indent=2)
     if "microcontroller" in config:
         # The VM serves the microcontroller from the same board, as it is before the runs.
-        vm_board = os.path.join(work, "scenario", "tvboard")
+        vm_board = os.path.join(work, "tvboard")
         shutil.copytree(os.path.join(board, "tvm"), os.path.join(vm_board, "tvm"))
         for name in ("board.json", "state.json"):
             if os.path.exists(os.path.join(board, name)):
@@ -182,10 +184,20 @@ def stick_image(work, medium, kind):
     return image
 
 
-def scenario_cpio(work, scenario, config):
-    """A second initramfs archive holding /scenario.sh, /commands and, when the board has a
-    microcontroller, its board directory /tvboard (put there by tvsim_rung), read by the VM's
-    init."""
+def armel_files(build):
+    """What the soft-float pass lays over the initramfs: that build's board programs in the
+    hard-float ones' place, and the armel C library with its loader."""
+    lib = "/usr/arm-linux-gnueabi/lib"
+    return {"tvupdate": os.path.join(build, "tvupdate"),
+            "tvservice": os.path.join(build, "tvservice"),
+            "lib/ld-linux.so.3": os.path.join(lib, "ld-linux.so.3"),
+            "lib/arm-linux-gnueabi/libc.so.6": os.path.join(lib, "libc.so.6")}
+
+
+def scenario_cpio(work, scenario, config, overlay):
+    """A second initramfs archive holding /scenario.sh, /commands and the overlay's files and
+    folders (path in the VM: path here; the board directory /tvboard that tvsim_rung made when
+    the board has a microcontroller), read by the VM's init."""
     soc = config.get("soc", {})
     vols = {dev["number"]: " ".join(f"{v['id']}:{v['name']}:{v['size']}" for v in dev["volumes"])
             for dev in config["ubi"]}
@@ -205,6 +217,12 @@ def scenario_cpio(work, scenario, config):
         f.write(text)
     with open(os.path.join(tree, "commands"), "w") as f:
         f.write("".join(" ".join(argv) + "\n" for argv in commands(scenario)))
+    for path, source in overlay.items():
+        os.makedirs(os.path.dirname(os.path.join(tree, path)), exist_ok=True)
+        if os.path.isdir(source):
+            shutil.copytree(source, os.path.join(tree, path))
+        else:
+            shutil.copy(source, os.path.join(tree, path))
     archive = os.path.join(work, "scenario.cpio.gz")
     with open(archive, "wb") as out:
         cpio = subprocess.Popen(["cpio", "-o", "-H", "newc", "--quiet", "-R", "0:0"], cwd=tree,
@@ -242,13 +260,13 @@ def qmp_plug(path):
     s.close()
 
 
-def vm_rung(work, scenario, medium, config, vm_dir, timeout=300):
+def vm_rung(work, scenario, medium, config, vm_dir, overlay, timeout=300):
     stick = scenario.get("stick", "fat")
     kernel = os.path.join(vm_dir, "fetch/root/boot",
                           "vmlinuz-" + open(os.path.join(vm_dir, "fetch/flavour")).read().strip())
     initrd = os.path.join(work, "initrd.gz")
     with open(initrd, "wb") as out:
-        for part in (os.path.join(vm_dir, "base.cpio.gz"), scenario_cpio(work, scenario, config)):
+        for part in (os.path.join(vm_dir, "base.cpio.gz"), scenario_cpio(work, scenario, config, overlay)):
             with open(part, "rb") as f:
                 out.write(f.read())
     results_img = os.path.join(work, "results.img")
@@ -327,12 +345,23 @@ def compare(tvsim, vm, known):
     return "".join(diffs)
 
 
+def save(folder, results):
+    os.makedirs(folder, exist_ok=True)
+    for name, text in results.items():
+        with open(os.path.join(folder, name), "w") as f:
+            f.write(text)
+
+
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--host-build", default=os.path.join(TOP, "build/host"))
     ap.add_argument("--vm-dir", default=os.path.join(TOP, "build/vm"))
+    ap.add_argument("--armel-build")
     ap.add_argument("names", nargs="*")
     args = ap.parse_args()
+    boards = [("armhf", {})]
+    if args.armel_build:
+        boards.append(("armel", armel_files(args.armel_build)))
     with open(os.path.join(HERE, "scenarios.json")) as f:
         scenarios = json.load(f)
     known = load_known()
@@ -345,20 +374,23 @@ def main():
         os.makedirs(work)
         medium = make_medium(work, scenario)
         config, on_tvsim = tvsim_rung(work, scenario, medium, args.host_build)
-        on_vm, booted, elapsed = vm_rung(work, scenario, medium, config, args.vm_dir)
-        for rung, results in (("tvsim", on_tvsim), ("vm", on_vm)):
-            os.makedirs(os.path.join(work, rung), exist_ok=True)
-            for name, text in results.items():
-                with open(os.path.join(work, rung, name), "w") as f:
-                    f.write(text)
-        diff = compare(on_tvsim, on_vm, known) if on_vm else "the VM wrote no results\n"
-        boot = f"{booted:.1f}" if booted is not None else "-"
-        verdict = "same" if not diff else "DIFFERENT"
-        print(f"vm rung: {scenario['name']:<12} {verdict:<9} (VM boot {boot} s, "
-              f"whole VM run {elapsed:.1f} s; results in {os.path.relpath(work, TOP)})")
-        if diff:
-            failed += 1
-            sys.stdout.write(diff)
+        save(os.path.join(work, "tvsim"), on_tvsim)
+        tvboard = os.path.join(work, "tvboard")
+        shared = {"tvboard": tvboard} if os.path.isdir(tvboard) else {}
+        for board, overlay in boards:
+            vm_work = os.path.join(work, board)
+            os.makedirs(vm_work)
+            on_vm, booted, elapsed = vm_rung(vm_work, scenario, medium, config, args.vm_dir,
+                                             {**shared, **overlay})
+            save(os.path.join(vm_work, "vm"), on_vm)
+            diff = compare(on_tvsim, on_vm, known) if on_vm else "the VM wrote no results\n"
+            boot = f"{booted:.1f}" if booted is not None else "-"
+            verdict = "same" if not diff else "DIFFERENT"
+            print(f"vm rung: {scenario['name']:<15} {board}  {verdict:<9} (VM boot {boot} s, "
+                  f"whole VM run {elapsed:.1f} s; results in {os.path.relpath(vm_work, TOP)})")
+            if diff:
+                failed += 1
+                sys.stdout.write(diff)
     return 1 if failed else 0
 
 
