@@ -28,6 +28,8 @@ constexpr size_t kVersionOffset = 0x100;
 constexpr uint8_t kStart = 0x3A;
 constexpr uint8_t kAck = 0x30;
 constexpr uint8_t kNak = 0x31;
+// The time byte that the guard-dog stop (mode 0) carries.
+constexpr uint8_t kGuardDogStopTime = 0x78;
 constexpr unsigned long kRateRequest = 2001;
 
 using Bytes = std::vector<uint8_t>;
@@ -214,13 +216,17 @@ private:
     // The power commands are sent as 5 bytes: their 4-byte frame and a 0x00 after it.
     static bool padded(uint8_t code) { return code == 0x2B || code == 0x2C; }
 
-    // Splits what has arrived into frames; bytes before a start byte are line noise. A frame
-    // that must be followed by a pad byte is taken only once that byte has arrived, and only
-    // when it is 0x00.
+    // Splits what has arrived into frames. The receiver never searches for a start byte: a frame
+    // begins with the byte after the last frame, whatever it is, and its byte 1 gives its
+    // length, so a stray byte spoils the frame after it and whatever that frame's length takes
+    // in. A frame that must be followed by a pad byte is taken only once that byte has arrived,
+    // and only when it is 0x00.
     void take_frames() {
         for (;;) {
-            auto start = std::find(received_.begin(), received_.end(), kStart);
-            received_.erase(received_.begin(), start);
+            if (!received_.empty() && received_[0] != kStart && !out_of_step_) {
+                board_.trace("uart_out_of_step", {{"byte", hex_bytes(received_.data(), 1)}});
+                out_of_step_ = true;
+            }
             if (received_.size() < 3)
                 return;
             size_t length = size_t{received_[1]} + 2;
@@ -231,7 +237,9 @@ private:
             received_.erase(received_.begin(), received_.begin() + static_cast<long>(length + pad));
             bool pad_ok = pad == 0 || frame.back() == 0x00;
             frame.resize(length);
-            if (frame[1] < 2 || !pad_ok || checksum(frame.data(), length - 1) != frame.back()) {
+            out_of_step_ = false;
+            if (frame[0] != kStart || frame[1] < 2 || !pad_ok ||
+                checksum(frame.data(), length - 1) != frame.back()) {
                 board_.trace("uart_bad_frame", {{"bytes", hex_bytes(frame.data(), frame.size())}});
                 continue;
             }
@@ -271,7 +279,8 @@ private:
     }
 
     // Lets the faults spoil the reply and puts it on the wire after the microcontroller's own
-    // time; replies leave one after another, never overtaking.
+    // time; replies leave one after another, never overtaking. A late byte arrives just after
+    // the read time-out of a read that began when the frame was taken.
     void send(const Command &command, const Outcome &outcome) {
         Bytes reply = reply_to(command, outcome);
         uint64_t start = std::max(board_.now_ns(), busy_until_) +
@@ -287,15 +296,22 @@ private:
             reply.resize(std::min(reply.size(), f->value("bytes", reply.size() - 1)));
         if (board_.take_fault("uart_bad_checksum", command.name))
             reply.back() = static_cast<uint8_t>(reply.back() + 1);
+        uint64_t late = setting(board_, "read_timeout_ms", 500) * kNsPerMs + kNsPerMs;
         if (board_.take_fault("uart_late_reply", command.name))
-            start += setting(board_, "read_timeout_ms", 500) * kNsPerMs + kNsPerMs;
-        uint64_t wire = reply.size() * byte_ns();
-        uint64_t gap = outcome.busy_ns + wire;
-        for (size_t copy = 0; copy < outcome.copies; ++copy) {
-            for (size_t i = 0; i < reply.size(); ++i)
-                pending_.push_back({reply[i], start + copy * gap + (i + 1) * byte_ns()});
+            start += late;
+        size_t in_time = reply.size(); // the bytes before the split
+        if (const json *f = board_.take_fault("uart_split_reply", command.name)) {
+            in_time = std::min(reply.size() - 1, f->value("bytes", reply.size() / 2));
+            event["split_after"] = in_time;
         }
-        busy_until_ = start + (outcome.copies - 1) * gap + wire;
+        uint64_t gap = outcome.busy_ns + reply.size() * byte_ns();
+        for (size_t copy = 0; copy < outcome.copies; ++copy) {
+            for (size_t i = 0; i < reply.size(); ++i) {
+                uint64_t arrives = start + copy * gap + (i + 1) * byte_ns();
+                pending_.push_back({reply[i], i < in_time ? arrives : arrives + late});
+                busy_until_ = std::max(busy_until_, pending_.back().arrives_ns);
+            }
+        }
         event["bytes"] = hex_bytes(reply.data(), reply.size());
         if (outcome.copies > 1)
             event["copies"] = outcome.copies;
@@ -365,14 +381,17 @@ private:
         state()["writing_mode"] = true;
         state()["write_closed"] = false;
         state()["erased_bank"] = 0;
+        // Writing mode starts the guard dog afresh with its power-up time: a time set or a stop
+        // given before it does not carry over.
+        state().erase("guard_dog");
         state()["guard_dog_since_ns"] = board_.now_ns();
         return Outcome{};
     }
 
     // The guard dog runs from power-up with the board's default time; mode 1 sets its time in
-    // units of 100 ms, mode 0 stops it.
+    // units of 100 ms, mode 0 (with the time byte 0x78 and no other) stops it.
     Outcome set_guard_dog(uint8_t mode, uint8_t tenths) {
-        if (mode > 1)
+        if (mode > 1 || (mode == 0 && tenths != kGuardDogStopTime))
             return refused();
         state()["guard_dog"] = {{"on", mode == 1}, {"ms", uint64_t{tenths} * 100}};
         state()["guard_dog_since_ns"] = board_.now_ns();
@@ -416,12 +435,23 @@ private:
             address - bank_base(number) + kBlockSize > kBankSize)
             return refused();
         bank(number).program(address - bank_base(number), data, kBlockSize);
-        return Outcome{kAck, {}, setting(board_, "block_write_us", 1000) * kNsPerUs};
+        uint64_t write_ns = setting(board_, "block_write_us", 1000) * kNsPerUs;
+        state()["flash_settled_ns"] =
+            board_.now_ns() + write_ns + setting(board_, "checksum_settle_ms", 3000) * kNsPerMs;
+        return Outcome{kAck, {}, write_ns};
     }
 
+    // The sum is there only once the flash has settled after the last block written; a query
+    // before that is refused.
     Outcome bank_checksum(uint8_t number) {
         if (number != 1 && number != 2)
             return refused();
+        uint64_t settled = state().value("flash_settled_ns", uint64_t{0});
+        if (board_.now_ns() < settled) {
+            board_.trace("checksum_unsettled",
+                         {{"ms_left", (settled - board_.now_ns()) / kNsPerMs}});
+            return refused();
+        }
         Bytes cells(kBankSize);
         bank(number).read(0, cells.data(), cells.size());
         uint16_t sum = 0;
@@ -433,18 +463,19 @@ private:
     }
 
     // A close that repeats the one that ended writing mode (its reply was lost) is acknowledged
-    // again without effect; outside writing mode any other close is refused.
+    // again without effect; outside writing mode any other close is refused, and so is a close
+    // of a writing mode that erased nothing.
     Outcome close_write() {
         if (!flag("writing_mode"))
             return flag("write_closed") ? Outcome{} : refused();
+        int erased = state().value("erased_bank", 0);
+        if (erased == 0)
+            return refused();
         state()["writing_mode"] = false;
         state()["write_closed"] = true;
-        int erased = state().value("erased_bank", 0);
         state()["erased_bank"] = 0;
-        if (erased != 0) {
-            state()["boot_bank"] = erased; // starts from the new firmware at the next power-up
-            board_.save();                 // which the program's end does not decide
-        }
+        state()["boot_bank"] = erased; // starts from the new firmware at the next power-up
+        board_.save();                 // which the program's end does not decide
         return Outcome{};
     }
 
@@ -467,7 +498,8 @@ private:
                            {static_cast<uint8_t>(f->value("status", 1))},
                            write_ns,
                            f->value("replies", size_t{1})};
-        memory->put(address, data, kBlockSize);
+        if (!board_.take_fault("eeprom_write_lost", "eeprom_write"))
+            memory->put(address, data, kBlockSize);
         return Outcome{kAck, {0}, write_ns};
     }
 
@@ -485,6 +517,7 @@ private:
     Bytes received_;
     std::deque<WireByte> pending_;
     uint64_t busy_until_ = 0;
+    bool out_of_step_ = false; // the frame being received began with another byte than 0x3A
 };
 
 } // namespace
@@ -503,7 +536,8 @@ json default_microcontroller_config() {
                 {"erase_ms", 300},
                 {"block_write_us", 1000},
                 {"eeprom_write_ms", 5},
-                {"guard_dog_ms", 2000}};
+                {"guard_dog_ms", 2000},
+                {"checksum_settle_ms", 3000}};
 }
 
 bool create_microcontroller_files(const std::string &board_dir, const json &config) {

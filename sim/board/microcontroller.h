@@ -7,11 +7,13 @@
 //   { "rate": 128906, "driver_rate": 115200, "read_timeout_ms": 500,
 //     "running_bank": 1, "software_version": 16, "micro_id": 33,
 //     "bank_base": [65536, 196608], "eeprom_size": 32768, "ferund_size": 32768,
-//     "reply_delay_us": 200, "erase_ms": 300, "block_write_us": 1000, "eeprom_write_ms": 5 }
+//     "reply_delay_us": 200, "erase_ms": 300, "block_write_us": 1000, "eeprom_write_ms": 5,
+//     "guard_dog_ms": 2000, "checksum_settle_ms": 3000 }
 // Contents: tvm/bank1.bin, tvm/bank2.bin (98304 bytes each), tvm/eeprom.bin, tvm/ferund.bin.
 // Faults (target: the command's name, e.g. "write_flash"): uart_no_reply, uart_short_reply
-// ("bytes"), uart_late_reply, uart_bad_checksum, uart_nak ("ack"), eeprom_write_status
-// ("status", "replies": busy replies to one frame), checksum_differs ("delta").
+// ("bytes"), uart_late_reply, uart_split_reply ("bytes" in time, the rest late),
+// uart_bad_checksum, uart_nak ("ack"), eeprom_write_status ("status", "replies": busy replies
+// to one frame), eeprom_write_lost (acknowledged, not written), checksum_differs ("delta").
 #pragma once
 
 #include "board/board.h"

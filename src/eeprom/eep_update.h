@@ -26,13 +26,14 @@ bool ferund_allowed(const char *model);
 // succeeded; -1 otherwise.
 int Update_TVMEeprom(const char *write_dir, const char *model, int target);
 
-// Writes one 64-byte block at address to the target's EEPROM; data shorter than 64 bytes
-// (length) is padded with 0xFF. 0 when acknowledged with status 0, -1 for null data or when
-// no try succeeded.
+// Writes one 64-byte block at address to the target's EEPROM. 0 when acknowledged with status
+// 0; -1 for null data, for a length other than 64 (refused before anything is sent) or when no
+// try succeeded.
 int WriteEeprom(int fd, uint32_t address, const uint8_t *data, int length, uint8_t target);
 
-// Reads the 64 bytes at address of the microcontroller's own EEPROM into buffer, of which at
-// most length bytes are filled. 0 on success, -1 for a null buffer or when no try succeeded.
+// Reads the 64 bytes at address of the microcontroller's own EEPROM into buffer, which must hold
+// 64 (length). 0 on success; -1 for a null buffer, for a length other than 64 (refused before
+// anything is sent) or when no try succeeded.
 int ReadEeprom(int fd, uint32_t address, uint8_t *buffer, int length);
 
 // Switches the television on (on == 1) or off (any other value); 0 or -1.

@@ -243,13 +243,23 @@ TEST_F(DeviceRules, TheMicrocontrollerAnswersOnlyWhatItIsSent) {
     out_uat(fd, read_ferund, sizeof read_ferund);
     int read_result = in_uat(fd, reply, 70);
     int refusal = reply[3];
-    // A close-write outside writing mode is refused, unless it repeats the close that ended
-    // writing mode (whose reply may have been lost).
+    // A close-write outside writing mode, or of a writing mode that erased nothing, is refused,
+    // unless it repeats the close that ended writing mode (whose reply may have been lost).
     int close_outside = tvm_CloseWriteFlash(fd);
     tvm_SetFlashWritingMode(fd);
+    tvm_SetGuarddogTime(fd, 0);
+    int close_unerased = tvm_CloseWriteFlash(fd);
+    tvm_EraseFlash(fd, 2);
     int close_first = tvm_CloseWriteFlash(fd);
     int close_again = tvm_CloseWriteFlash(fd);
+    // A stray byte is not skipped: the frame after it is spoilt, and so is what its length byte
+    // (the start byte) takes in.
+    const uint8_t stray[] = {0x00};
+    out_uat(fd, stray, sizeof stray);
+    int after_stray = tvm_GetMicroID(fd);
     // A power command without its pad byte is not complete: nothing comes back.
+    close(fd);
+    fd = open_link(O_RDWR);
     const uint8_t power_on[] = {0x3A, 0x02, 0x2B, 0x67};
     out_uat(fd, power_on, sizeof power_on);
     int unpadded = in_uat(fd, reply, 5);
@@ -263,34 +273,50 @@ TEST_F(DeviceRules, TheMicrocontrollerAnswersOnlyWhatItIsSent) {
     detach();
     testing::internal::GetCapturedStdout();
     // In the order of the calls above.
-    EXPECT_EQ((std::vector<int>{read_result, refusal, close_outside, close_first, close_again,
-                                unpadded, early}),
-              (std::vector<int>{0, 0x31, -1, 0, 0, -1, EAGAIN}));
+    EXPECT_EQ((std::vector<int>{read_result, refusal, close_outside, close_unerased, close_first,
+                                close_again, after_stray, unpadded, early}),
+              (std::vector<int>{0, 0x31, -1, -1, 0, 0, -1, -1, EAGAIN}));
 }
 
 TEST_F(DeviceRules, TheGuardDogEndsWritingModeUnlessItIsStopped) {
     testing::internal::CaptureStdout();
     attach();
+    using Frame = std::vector<uint8_t>;
+    const Frame twelve_seconds = {0x3A, 0x04, 0x23, 0x01, 0x78, 0xDA},
+                stop = {0x3A, 0x04, 0x23, 0x00, 0x78, 0xD9},
+                stop_without_its_time = {0x3A, 0x04, 0x23, 0x00, 0x00, 0x61};
     struct Case {
         const char *what;
-        int guard_dog_mode; // -1: no guard-dog command
-        unsigned seconds;   // between entering writing mode and the erase
+        Frame guard_dog;  // empty: no guard-dog command
+        bool before;      // sent before writing mode is entered
+        unsigned seconds; // between entering writing mode and the erase
         int erase;
     } cases[] = {
         // in this order: a reset brings back the power-up time, a stop lasts until a reset
-        {"never set: its power-up time", -1, 3, -1},
-        {"mode 1: 12 s", 1, 13, -1},
-        {"mode 1, erased in time", 1, 11, 0},
-        {"stopped", 0, 30, 0},
+        {"never set: its power-up time", {}, false, 3, -1},
+        {"mode 1: 12 s", twelve_seconds, false, 13, -1},
+        {"mode 1, erased in time", twelve_seconds, false, 11, 0},
+        {"stopped", stop, false, 30, 0},
+        {"stopped before writing mode", stop, true, 3, -1},
+        {"a stop without the time byte 0x78 is refused", stop_without_its_time, false, 3, -1},
     };
     int results[std::size(cases)];
     for (size_t i = 0; i < std::size(cases); ++i) {
+        const Case &c = cases[i];
         int fd = open_link(O_RDWR);
+        uint8_t idle_bank = tvm_GetStatus(fd) == 2 ? 1 : 2; // a reset may start the other bank
+        auto guard_dog = [&] {
+            if (!c.guard_dog.empty())
+                uat_acknowledged_command(fd, c.guard_dog.data(),
+                                         static_cast<int>(c.guard_dog.size()));
+        };
+        if (c.before)
+            guard_dog();
         tvm_SetFlashWritingMode(fd);
-        if (cases[i].guard_dog_mode >= 0)
-            tvm_SetGuarddogTime(fd, static_cast<uint8_t>(cases[i].guard_dog_mode));
-        sleep(cases[i].seconds);
-        results[i] = tvm_EraseFlash(fd, 2);
+        if (!c.before)
+            guard_dog();
+        sleep(c.seconds);
+        results[i] = tvm_EraseFlash(fd, idle_bank);
         tvm_CloseWriteFlash(fd);
         close(fd);
     }

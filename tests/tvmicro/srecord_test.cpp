@@ -43,6 +43,10 @@ TEST(SRecordLoad, SectionsLoadRelativeToTheirFirstDataRecord) {
          "S008000068656C6C6FE3\nS1050100AABB94\nS5030003F9\nS1040120CC0E\nS104010011E9\n"
          "S9030000FC\nS1040130DDED\n",
          0, 0x100, "0:11 1:bb 20:cc ", ""},
+        {"an S7 record ends the section", "S1050100AABB94\nS70500000000FA\nS1040130DDED\n", 0,
+         0x100, "0:aa 1:bb ", ""},
+        {"so does an S8 record", "S1050100AABB94\nS804000000FB\nS1040130DDED\n", 0, 0x100,
+         "0:aa 1:bb ", ""},
         {"lines that end before their checksum", "S1060100AAEFCC93\nS1060100AA\nS1\n", 0, 0x100,
          "0:aa 1:ef 2:cc ", // what the line buffer still holds past the end does not complete them
          "Invalid line checksum : S1060100AA \nInvalid line checksum : S1 \n"},
