@@ -24,13 +24,16 @@ std::string written_cells(int type) {
 
 class FpgaEeproms : public Scenario {
 protected:
-    // The board with this fault (null: none); FPGAs 1 and 2 configured from their ROMs or not.
-    void make_board(const json &fault, bool configured = true) {
+    // The board with this fault (null: none); FPGAs 1 and 2 configured from their ROMs or not;
+    // the TR5 file's text when not the usual one.
+    void make_board(const json &fault, bool configured = true, const std::string &tr5_text = "") {
         board.medium_list("M1", "fpga_eeprom\nfpga_tr6_eeprom\n");
         for (int type : {1, 2}) {
-            std::string text;
-            for (unsigned a = 0; a < kBytes; ++a)
-                text += format("%04X %02X\n", a, value(a, type));
+            std::string text = type == 1 ? tr5_text : "";
+            if (text.empty()) {
+                for (unsigned a = 0; a < kBytes; ++a)
+                    text += format("%04X %02X\n", a, value(a, type));
+            }
             board.medium_file("M1/writedata/tr" + std::to_string(type + 4) + "_eep.txt", text);
         }
         std::filesystem::remove_all(board.dir());
@@ -59,6 +62,18 @@ TEST_F(FpgaEeproms, BothTypesHoldTheirFileAfterTheRun) {
     // Every block went as the interfaces expect it.
     EXPECT_TRUE(board.trace("register_key_ignored").empty());
     EXPECT_TRUE(board.trace("register_block_refused").empty());
+}
+
+// The image holds 2047 bytes: a line at 7FF is refused before anything is written.
+TEST_F(FpgaEeproms, AnAddressPastTheImageIsRefused) {
+    make_board(json(), true, "0000 01\n07FF 02\n");
+    RunResult r = board.tvupdate({"M1"});
+    EXPECT_NE(r.output.find("**ERROR** EEP address 0x07FF is outside the image (0x07FF bytes)\n"),
+              std::string::npos)
+        << r.output;
+    EXPECT_EQ(r.exit_status, 255);
+    EXPECT_TRUE(board.read("i2c/fpga_tr5.bin") == std::string(2048, '\xff'));
+    EXPECT_TRUE(board.read("i2c/fpga_tr6.bin") == written_cells(2));
 }
 
 TEST_F(FpgaEeproms, FaultsShowInOutputAndResult) {

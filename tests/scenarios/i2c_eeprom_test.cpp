@@ -155,6 +155,10 @@ TEST_F(I2cEeproms, FaultsShowInOutputAndResult) {
          "0011 A5\n0200\n0300 01\n"},
         {"a KOLMA line without its data byte", json(), 0, true,
          no_data_byte + "0001\n" + kolma1_failed, kPeltoFile, "0000 01\n0001\n"},
+        // The image holds 32767 bytes: its last address is 7FFE.
+        {"a KOLMA line past the image", json(), 0, true,
+         "**ERROR** EEP address 0x7FFF is outside the image (0x7FFF bytes)\n" + kolma1_failed,
+         kPeltoFile, "0000 01\n7FFF 02\n"},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
