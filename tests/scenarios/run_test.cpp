@@ -129,7 +129,9 @@ TEST_F(UpdateRun, MediumDiscovery) {
         }
         EXPECT_EQ(mounted, c.mounted);
         // Read-only, short names shown as the medium holds them.
-        for (const json &m : board.state()["mounts"])
+        const json state = board.state();
+        EXPECT_EQ(state["mounts"].size(), *c.mounted != '\0' ? 1u : 0u);
+        for (const json &m : state["mounts"])
             EXPECT_EQ(m["options"], "ro,shortname=winnt");
         EXPECT_EQ(board.trace("rescan").size(), c.rescans);
         EXPECT_DOUBLE_EQ(board.board_seconds(), c.seconds);
@@ -229,10 +231,10 @@ TEST_F(UpdateRun, EraseFirstEmptiesTheDirectoryBeforeCopying) {
     EXPECT_EQ(board.listing("flash/ubi5_0"), "new.dat");
 }
 
-// R on the factory line withholds that one refresh (its N then erases nothing); every other
-// directory of the list is refreshed as ever.
+// R on the factory line withholds that one refresh (its N then erases nothing); on any other
+// line it means nothing, and every other directory of the list is refreshed as ever.
 TEST_F(UpdateRun, RWithholdsOnlyTheFactoryRefresh) {
-    make_board_with_sources("app_data/factory RN\nbitmap\napp_data\n");
+    make_board_with_sources("app_data/factory RN\nbitmap R\napp_data Refresh\n");
     old_file("ubi4_0/factory/old.dat");
     expect_run(board.tvupdate({"M1"}), 0,
                run_prologue("M1") + copy_step("App data", "app_data/dpdc") +
