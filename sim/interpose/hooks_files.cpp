@@ -210,19 +210,21 @@ int scandir64(const char *dir, struct dirent64 ***list, int (*filter)(const stru
 }
 
 // A character device node in the board's file tree is recorded with its number (the file
-// stands in for it); anything else is made as the C library would.
+// stands in for it); anything else is made where the path lands, as the C library would.
 int mknod(const char *path, mode_t mode, dev_t number) {
     Hook hook;
-    if (!hook.active() || !S_ISCHR(mode))
+    if (!hook.active())
         return TVSIM_REAL(mknod)(path, mode, number);
     try {
         std::string normal = tvsim::normal_path(path);
-        if (!tvsim::Board::is_board_path(normal))
-            return TVSIM_REAL(mknod)(path, mode, number);
         HostPath host = hook.board().resolve(path);
         if (host.read_only) {
             errno = EROFS;
             return -1;
+        }
+        if (!S_ISCHR(mode) || !tvsim::Board::is_board_path(normal)) {
+            hook.restore_errno();
+            return TVSIM_REAL(mknod)(host.path.c_str(), mode, number);
         }
         int fd = TVSIM_REAL(open)(host.path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
                                   mode & 07777);
