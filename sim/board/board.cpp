@@ -6,6 +6,7 @@
 #include "board/i2c.h"
 #include "board/media.h"
 #include "board/microcontroller.h"
+#include "board/mount_options.h"
 #include "board/mtd.h"
 #include "board/nor_flash.h"
 #include "board/spidev.h"
@@ -345,9 +346,11 @@ const json *Board::take_fault(std::string_view kind, std::string_view target) {
 }
 
 int Board::mount(std::string_view source, std::string_view target, std::string_view fstype,
-                 unsigned long flags) {
+                 unsigned long flags, const char *data) {
     std::string normal_target = normal_path(target);
     json event{{"source", source}, {"target", normal_target}, {"fstype", fstype}, {"flags", flags}};
+    if (data != nullptr)
+        event["data"] = data;
     auto fail = [&](int err) {
         event["errno"] = err;
         trace("mount", event);
@@ -370,13 +373,16 @@ int Board::mount(std::string_view source, std::string_view target, std::string_v
     std::string host;
     int err = fstype == "ubifs" ? ubi_mount_source(*this, source, &host)
                                 : medium_mount_source(*this, source, fstype, &host);
+    MountOptions options;
+    if (err == 0)
+        err = read_mount_options(fstype, data, flags, &options);
     if (err != 0)
         return fail(err);
-    state_["mounts"].push_back({{"source", source},
-                                {"target", normal_target},
-                                {"fstype", fstype},
-                                {"flags", flags},
-                                {"host", host}});
+    json mount = {{"source", source},       {"target", normal_target},  {"fstype", fstype},
+                  {"flags", options.flags}, {"options", options.shown}, {"host", host}};
+    if (fstype == "ubifs")
+        ubi_start_write_cache(*this, mount);
+    state_["mounts"].push_back(mount);
     trace("mount", event);
     return 0;
 }
@@ -386,6 +392,7 @@ int Board::umount(std::string_view target) {
     json &mounts = state_["mounts"];
     for (size_t i = mounts.size(); i-- > 0;) {
         if (mounts[i]["target"] == normal) {
+            ubi_write_back_cache(*this, mounts[i], true);
             mounts.erase(i);
             trace("umount", {{"target", normal}});
             return 0;
@@ -397,7 +404,15 @@ int Board::umount(std::string_view target) {
     return err;
 }
 
+void Board::sync_file_systems() {
+    for (json &m : state_["mounts"])
+        ubi_write_back_cache(*this, m, false);
+    trace("sync");
+}
+
 void Board::reboot() {
+    for (json &m : state_["mounts"])
+        ubi_lose_write_cache(*this, m);
     for (const char *volatile_state : {"mounts", "modules"})
         state_[volatile_state] = json::array();
     state_["rescans"] = json::object();
@@ -415,6 +430,13 @@ void Board::reboot() {
 }
 
 void Board::refresh_kernel_files() {
+    std::string table;
+    for (const json &m : state_["mounts"])
+        table += m.value("source", "") + " " + m.value("target", "") + " " + m.value("fstype", "") +
+                 " " + m.value("options", "") + " 0 0\n";
+    std::error_code ec;
+    fs::create_directories(root_ + "/proc", ec);
+    write_file(root_ + "/proc/mounts", table);
     refresh_media_files(*this);
     refresh_mtd_files(*this);
     refresh_misc_file(*this);

@@ -118,13 +118,17 @@ public:
     const json *take_fault(std::string_view kind, std::string_view target);
 
     // --- mounts -------------------------------------------------------------------------
-    // Returns 0, or an errno value as the kernel would give it.
+    // Returns 0, or an errno value as the kernel would give it. data holds the file system's
+    // options (mount_options.h), or is null.
     int mount(std::string_view source, std::string_view target, std::string_view fstype,
-              unsigned long flags);
+              unsigned long flags, const char *data = nullptr);
     int umount(std::string_view target);
+    // sync(): what the file systems hold in their caches goes to the flash.
+    void sync_file_systems();
 
-    // Power cycle: what lives in RAM is lost (mounts, /tmp, loaded modules, the SCSI layer's
-    // rescans, the board clock since power-on); flash, EEPROMs and media keep their contents.
+    // Power cycle: what lives in RAM is lost (mounts and the writes their caches hold, /tmp,
+    // loaded modules, the SCSI layer's rescans, the board clock since power-on); flash, EEPROMs
+    // and media keep their contents.
     void reboot();
 
     // Brings /sys and /proc files in the file tree up to date with the board's state.

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 
 namespace fs = std::filesystem;
@@ -139,7 +140,8 @@ int medium_mount_source(Board &board, std::string_view source, std::string_view 
     return 0;
 }
 
-std::unique_ptr<Device> open_media_device(Board &board, std::string_view path, int, int *err) {
+std::unique_ptr<Device> open_media_device(Board &board, std::string_view path, int flags,
+                                          int *err) {
     constexpr std::string_view kScsi = "/sys/class/scsi_device/";
     constexpr std::string_view kRescan = "/device/rescan";
     if (path == "/proc/sdcard/ctrl") {
@@ -155,10 +157,16 @@ std::unique_ptr<Device> open_media_device(Board &board, std::string_view path, i
     std::string host(path.substr(kScsi.size(), path.size() - kScsi.size() - kRescan.size()));
     const json &disks = usb_disks(board);
     for (size_t i = 0; disks.is_array() && i < disks.size(); ++i) {
-        if (scsi_host_name(i) == host && disk_visible(board, disks[i])) {
-            *err = 0;
-            return std::make_unique<RescanAttribute>(board, host);
+        if (scsi_host_name(i) != host || !disk_visible(board, disks[i]))
+            continue;
+        // The attribute (mode 0200) can only be written: sysfs refuses to open it for
+        // reading with EACCES, even to root.
+        if ((flags & O_ACCMODE) != O_WRONLY) {
+            *err = EACCES;
+            return nullptr;
         }
+        *err = 0;
+        return std::make_unique<RescanAttribute>(board, host);
     }
     return nullptr;
 }

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <sys/mount.h>
 
 namespace fs = std::filesystem;
 
@@ -102,7 +103,46 @@ bool volume_mounted(Board &board, const std::string &dir) {
     return false;
 }
 
+// Where the flash's copy of a cached volume is kept, by the volume's folder name.
+std::string flash_copy_of(Board &board, const json &mount) {
+    return board.file("ubifs-cache/" + fs::path(mount.value("host", "")).filename().string());
+}
+
+void copy_volume(const std::string &from, const std::string &to) {
+    std::error_code ec;
+    fs::remove_all(to, ec);
+    fs::create_directories(to, ec);
+    fs::copy(from, to, fs::copy_options::recursive | fs::copy_options::copy_symlinks, ec);
+}
+
 } // namespace
+
+void ubi_start_write_cache(Board &board, json &mount) {
+    if ((mount.value("flags", 0ul) & MS_SYNCHRONOUS) != 0)
+        return; // written through at once
+    mount["flash_copy"] = flash_copy_of(board, mount);
+    copy_volume(mount["host"], mount["flash_copy"]);
+}
+
+void ubi_write_back_cache(Board &board, json &mount, bool unmounting) {
+    if (!mount.contains("flash_copy"))
+        return;
+    std::error_code ec;
+    if (unmounting)
+        fs::remove_all(mount.value("flash_copy", ""), ec);
+    else
+        copy_volume(mount["host"], mount["flash_copy"]);
+    board.trace("ubifs_write_back", {{"target", mount.value("target", "")}});
+}
+
+void ubi_lose_write_cache(Board &board, json &mount) {
+    if (!mount.contains("flash_copy"))
+        return;
+    copy_volume(mount["flash_copy"], mount["host"]);
+    std::error_code ec;
+    fs::remove_all(mount.value("flash_copy", ""), ec);
+    board.trace("ubifs_cache_lost", {{"target", mount.value("target", "")}});
+}
 
 int ubi_mount_source(Board &board, std::string_view source, std::string *host) {
     std::string text(source.substr(0, 5) == "/dev/" ? source.substr(5) : source);

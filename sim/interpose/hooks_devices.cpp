@@ -4,6 +4,7 @@
 #include "interpose/session.h"
 
 #include <cstdarg>
+#include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -42,6 +43,15 @@ int ioctl_on_board(RealIoctl real, int fd, unsigned long request, uintptr_t arg)
     return real(fd, request, arg);
 }
 
+// As in the kernel, a descriptor opened without read (or write) access fails a read (or write)
+// with EBADF before any driver sees the call.
+bool opened_for(const tvsim::Device &device, int refused_mode) {
+    if ((device.open_flags() & O_ACCMODE) != refused_mode)
+        return true;
+    errno = EBADF;
+    return false;
+}
+
 uintptr_t third_argument(va_list ap) {
     return reinterpret_cast<uintptr_t>(va_arg(ap, void *));
 }
@@ -67,7 +77,9 @@ ssize_t read(int fd, void *buf, size_t count) {
     if (tvsim::interpose::any_device_open()) {
         Hook hook;
         if (tvsim::Device *device = program_device(hook, fd))
-            return on_device(device, [&](tvsim::Device *d) { return d->read(buf, count); });
+            return opened_for(*device, O_WRONLY)
+                       ? on_device(device, [&](tvsim::Device *d) { return d->read(buf, count); })
+                       : -1;
     }
     return TVSIM_REAL(read)(fd, buf, count);
 }
@@ -87,7 +99,9 @@ ssize_t write(int fd, const void *buf, size_t count) {
     if (tvsim::interpose::any_device_open()) {
         Hook hook;
         if (tvsim::Device *device = program_device(hook, fd))
-            return on_device(device, [&](tvsim::Device *d) { return d->write(buf, count); });
+            return opened_for(*device, O_RDONLY)
+                       ? on_device(device, [&](tvsim::Device *d) { return d->write(buf, count); })
+                       : -1;
     }
     return TVSIM_REAL(write)(fd, buf, count);
 }

@@ -33,6 +33,15 @@ bool is_kernel_file(const std::string &normal) {
     return normal.rfind("/sys/", 0) == 0 || normal.rfind("/proc/", 0) == 0;
 }
 
+// The board's /sys and /proc files that are no device (sizes, /proc/mtd, /proc/misc) can only be
+// read: sysfs refuses to open them for writing with EACCES, whoever asks.
+bool kernel_file_refuses(const std::string &normal, bool for_writing) {
+    if (!for_writing || !tvsim::Board::is_board_path(normal) || !is_kernel_file(normal))
+        return false;
+    errno = EACCES;
+    return true;
+}
+
 // Where a path that a program names lands; refreshes kernel files it may be about to read.
 HostPath resolve_for_access(const Hook &hook, const char *path) {
     std::string normal = tvsim::normal_path(path);
@@ -82,6 +91,8 @@ int open_on_board(RealOpen real, const char *path, int flags, mode_t mode) {
             if (handled)
                 return fd;
         }
+        if (kernel_file_refuses(normal, writes(flags)))
+            return -1;
         HostPath host = hook.board().resolve(path);
         if (host.read_only && writes(flags)) {
             errno = EROFS;
@@ -117,6 +128,8 @@ FILE *fopen_on_board(RealFopen real, const char *path, const char *mode) {
         return real(path, mode);
     try {
         HostPath host = resolve_for_access(hook, path);
+        if (kernel_file_refuses(tvsim::normal_path(path), fopen_writes(mode)))
+            return nullptr;
         if (host.read_only && fopen_writes(mode)) {
             errno = EROFS;
             return nullptr;
@@ -197,19 +210,21 @@ int scandir64(const char *dir, struct dirent64 ***list, int (*filter)(const stru
 }
 
 // A character device node in the board's file tree is recorded with its number (the file
-// stands in for it); anything else is made as the C library would.
+// stands in for it); anything else is made where the path lands, as the C library would.
 int mknod(const char *path, mode_t mode, dev_t number) {
     Hook hook;
-    if (!hook.active() || !S_ISCHR(mode))
+    if (!hook.active())
         return TVSIM_REAL(mknod)(path, mode, number);
     try {
         std::string normal = tvsim::normal_path(path);
-        if (!tvsim::Board::is_board_path(normal))
-            return TVSIM_REAL(mknod)(path, mode, number);
         HostPath host = hook.board().resolve(path);
         if (host.read_only) {
             errno = EROFS;
             return -1;
+        }
+        if (!S_ISCHR(mode) || !tvsim::Board::is_board_path(normal)) {
+            hook.restore_errno();
+            return TVSIM_REAL(mknod)(host.path.c_str(), mode, number);
         }
         int fd = TVSIM_REAL(open)(host.path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
                                   mode & 07777);

@@ -129,9 +129,10 @@ int set_board_time(int64_t sec, int64_t usec) {
 extern "C" {
 
 int mount(const char *source, const char *target, const char *fstype, unsigned long flags,
-          const void *) {
+          const void *data) {
     return on_board_only([&](tvsim::Board &board) {
-        return board.mount(source ? source : "", target ? target : "", fstype ? fstype : "", flags);
+        return board.mount(source ? source : "", target ? target : "", fstype ? fstype : "", flags,
+                           static_cast<const char *>(data));
     });
 }
 
@@ -204,13 +205,16 @@ int settimeofday(const struct timeval *tv, const struct timezone *) {
     return set_board_time(tv->tv_sec, tv->tv_usec);
 }
 
-// The board's flash is written through at once; nothing to flush.
+// Writes out what the board's file systems hold in their caches.
 void sync() {
     Hook hook;
-    if (hook.active())
-        hook.board().trace("sync");
-    else
-        TVSIM_REAL(sync)();
+    if (!hook.active())
+        return TVSIM_REAL(sync)();
+    try {
+        hook.board().sync_file_systems();
+    } catch (...) {
+        // sync reports nothing
+    }
 }
 
 } // extern "C"

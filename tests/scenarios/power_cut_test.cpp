@@ -32,12 +32,12 @@ class PowerCut : public Scenario {
 protected:
     // The sample medium, cut down to the microcontroller's firmware and the boot loader, on a
     // board that runs an older firmware from bank 1 and starts an older boot loader.
-    void make_board(const json &power_cut) {
+    void make_board(const json &power_cut, const std::string &list = "tvm_hex\nuboot\n") {
         std::string tools =
             std::filesystem::path(__FILE__).parent_path().parent_path().parent_path() /
             "tools/make-demo-medium.sh";
         ASSERT_EQ(std::system((tools + " " + board.medium() + " " + kModel).c_str()), 0);
-        board.medium_list(kModel, "tvm_hex\nuboot\n");
+        board.medium_list(kModel, list);
         std::filesystem::remove_all(board.dir());
         board.make();
         board.write("tvm/bank1.bin", kOldBank1);
@@ -98,6 +98,23 @@ TEST_F(PowerCut, TheBoardKeepsWhatTheHardwareWouldAndARerunRepairsIt) {
         // version, which the rerun finds up to date: the board ends as after one update.
         EXPECT_TRUE(memories() == one_run) << "the rerun did not restore the board";
     }
+}
+
+// The data volumes are written through: what a refresh copied is on the flash even when the
+// power goes before the volume is unmounted.
+TEST_F(PowerCut, ADataDirectoryKeepsWhatWasCopiedBeforeTheCut) {
+    make_board({{"after_events", 1000000}}, "bitmap\n");
+    ASSERT_EQ(board.tvupdate({kModel}).exit_status, 0);
+    json point;
+    for (const json &e : board.trace("shell")) {
+        if (e.value("command", "").starts_with("cp -rf /tmp/DEMO-TV/writedata/bitmap/*"))
+            point = e["power_event"];
+    }
+    ASSERT_TRUE(point.is_number());
+    make_board({{"after_events", point}}, "bitmap\n");
+    EXPECT_EQ(board.tvupdate({kModel}).exit_status, -1); // killed
+    EXPECT_EQ(board.trace("umount").size(), 0u);
+    EXPECT_EQ(board.listing("flash/ubi4_4"), "bitmap.dat logo.pbm");
 }
 
 } // namespace

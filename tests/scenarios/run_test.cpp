@@ -4,7 +4,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
+#include <filesystem>
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 
 namespace scenario {
 namespace {
@@ -94,6 +97,7 @@ TEST_F(UpdateRun, MediumDiscovery) {
         double seconds;
     } cases[] = {
         {"one stick", usb(stick("b")), nullptr, "/dev/sdb1", 0, 0},
+        {"a stick at the last letter searched", usb(stick("h")), nullptr, "/dev/sdh1", 0, 0},
         {"two sticks: lower letter", usb(stick("c"), stick("b")), nullptr, "/dev/sdb1", 0, 0},
         {"reader without card, then a stick", usb(stick("b", "sectors", 0), stick("c")), nullptr,
          "/dev/sdc1", 0, 0},
@@ -124,6 +128,11 @@ TEST_F(UpdateRun, MediumDiscovery) {
                 mounted = m["source"];
         }
         EXPECT_EQ(mounted, c.mounted);
+        // Read-only, short names shown as the medium holds them.
+        const json state = board.state();
+        EXPECT_EQ(state["mounts"].size(), *c.mounted != '\0' ? 1u : 0u);
+        for (const json &m : state["mounts"])
+            EXPECT_EQ(m["options"], "ro,shortname=winnt");
         EXPECT_EQ(board.trace("rescan").size(), c.rescans);
         EXPECT_DOUBLE_EQ(board.board_seconds(), c.seconds);
         if (*c.mounted != '\0')
@@ -160,6 +169,49 @@ TEST_F(UpdateRun, StepsFollowTheFixedOrderAndKeepOldFiles) {
     EXPECT_EQ(board.trace("mount").back()["source"], "ubi5:other");
 }
 
+// What a trace event shows of the step that made it: the device and what it was asked for;
+// "" for events that other steps make too (sleeps, opens, register windows, the link's other
+// commands, shell commands other than the application script).
+std::string step_mark(const json &e) {
+    std::string kind = e["ev"];
+    if (kind == "i2c")
+        return "i2c " + std::to_string(e.value("bus", -1)) + " " + e["msgs"][0].value("addr", "");
+    if (kind == "uart_frame" && e.value("cmd", "").starts_with("eeprom_"))
+        return "uart eeprom";
+    if (kind == "uart_frame" && e.value("cmd", "") == "write_flash")
+        return "uart firmware";
+    if (kind == "mount" && !e.contains("errno") && e["fstype"] == "ubifs")
+        return "mount " + e.value("source", "");
+    if (kind == "mtd_erase")
+        return "erase " + e.value("mtd", "");
+    if (kind == "shell" && e.value("command", "").find("update_tool.sh") != std::string::npos)
+        return "application script";
+    return kind == "spi" ? "spi" : "";
+}
+
+// The sample medium selects every step; two steps and more share the link, the I2C bus and the
+// app_data volume. The trace shows each step's device work in its turn, none before or after.
+TEST_F(UpdateRun, EveryStepDoesItsWorkInItsTurn) {
+    std::string tools = std::filesystem::path(__FILE__).parent_path().parent_path().parent_path() /
+                        "tools/make-demo-medium.sh";
+    ASSERT_EQ(std::system((tools + " " + board.medium() + " DEMO-TV").c_str()), 0);
+    board.make();
+    ASSERT_EQ(board.tvupdate({"DEMO-TV"}).exit_status, 0);
+    std::vector<std::string> marks;
+    for (const json &e : board.trace()) {
+        std::string mark = step_mark(e);
+        // Each mount is a refresh of its own; other marks repeat within a step.
+        if (!mark.empty() && (marks.empty() || marks.back() != mark || mark.starts_with("mount")))
+            marks.push_back(mark);
+    }
+    EXPECT_THAT(marks, testing::ElementsAre(
+                           "mount ubi4_0", // the volume test while the list is read
+                           "i2c 0 0x51", "application script", "mount ubi4_0", "mount ubi4_0",
+                           "mount ubi4_1", "mount ubi4_2", "mount ubi4_3", "mount ubi4_4",
+                           "mount ubi5:other", "uart eeprom", "uart firmware", "erase uboot-spi",
+                           "spi", "i2c 2 0x0d", "i2c 2 0x0f", "i2c 2 0x29", "i2c 2 0x2b"));
+}
+
 TEST_F(UpdateRun, EraseFirstEmptiesTheDirectoryBeforeCopying) {
     make_board_with_sources("app_data N\nmodel_data N\nbitmap N\nother N\n");
     old_file("ubi4_0/dpdc/old.dat");
@@ -177,6 +229,44 @@ TEST_F(UpdateRun, EraseFirstEmptiesTheDirectoryBeforeCopying) {
     // A whole volume keeps its mount point and loses only its contents.
     EXPECT_EQ(board.listing("flash/ubi4_1"), "new.dat");
     EXPECT_EQ(board.listing("flash/ubi5_0"), "new.dat");
+}
+
+// R on the factory line withholds that one refresh (its N then erases nothing); on any other
+// line it means nothing, and every other directory of the list is refreshed as ever.
+TEST_F(UpdateRun, RWithholdsOnlyTheFactoryRefresh) {
+    make_board_with_sources("app_data/factory RN\nbitmap R\napp_data Refresh\n");
+    old_file("ubi4_0/factory/old.dat");
+    expect_run(board.tvupdate({"M1"}), 0,
+               run_prologue("M1") + copy_step("App data", "app_data/dpdc") +
+                   copy_step("Bitmap", "bitmap") + run_epilogue());
+    EXPECT_EQ(board.listing("flash/ubi4_0/factory"), "old.dat");
+}
+
+// The folders the run makes get what the caller's file-creation mask allows, and owner write
+// and search whatever the mask; the mask is 0 from the first such folder on.
+TEST_F(UpdateRun, FoldersAreMadeWithOwnerWriteAndSearch) {
+    const struct {
+        const char *slot;
+        std::vector<std::pair<const char *, unsigned>> modes;
+    } cases[] = {
+        {"--usb", {{"fs/tmp/usb", 0700}, {"fs/tmp/M1", 0777}}},
+        {"--sd", {{"fs/tmp/M1", 0700}}},
+    };
+    board.medium_list("M1", "");
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.slot);
+        std::filesystem::remove_all(board.dir());
+        board.make(c.slot);
+        mode_t callers_mask = umask(0277);
+        RunResult r = board.tvupdate({"M1"});
+        umask(callers_mask);
+        expect_run(r, 0, run_prologue("M1") + run_epilogue());
+        for (const auto &[folder, mode] : c.modes) {
+            struct stat st {};
+            ASSERT_EQ(stat(board.path(folder).c_str(), &st), 0) << folder;
+            EXPECT_EQ(st.st_mode & 0777, mode) << folder;
+        }
+    }
 }
 
 TEST_F(UpdateRun, FailedStepsAreReportedAndTheRunGoesOn) {
@@ -234,15 +324,19 @@ TEST_F(UpdateRun, ApplicationScriptStatusDecidesTheStep) {
 TEST_F(UpdateRun, VolumeRecreationPrintsEachVerdict) {
     const std::string made = "Volume ID 0, size 199 LEBs (25268224 bytes, 24.0 MiB), LEB size "
                              "126976 bytes (124.0 KiB), dynamic, name \"app_data\", alignment 1\n";
+    const std::string all_well =
+        "... remove UBIFS volume [/dev/ubi1_0] : OK.\n" + made +
+        "... make UBIFS volume [app_data] : OK.\n"
+        "mount test: UBIFS volume [ubi4_0] to [/mnt/flash/app_data]: OK.\n";
     struct Case {
         const char *what;
         json fault;
         std::string lines;
+        const char *list = "app_data F\n";
     } cases[] = {
-        {"all well", nullptr,
-         "... remove UBIFS volume [/dev/ubi1_0] : OK.\n" + made +
-             "... make UBIFS volume [app_data] : OK.\n"
-             "mount test: UBIFS volume [ubi4_0] to [/mnt/flash/app_data]: OK.\n"},
+        {"all well", nullptr, all_well},
+        // The factory line recreates the volume it lives in, and refreshes nothing with R.
+        {"factory line", nullptr, all_well, "app_data/factory RF\n"},
         {"removal fails", fault("command", "", {{"match", "/update/ubirmvol"}, {"exit", 1}}),
          "... remove UBIFS volume [/dev/ubi1_0] : NG.\n"
          "ubimkvol: error!: cannot UBI create volume\n"
@@ -254,11 +348,11 @@ TEST_F(UpdateRun, VolumeRecreationPrintsEachVerdict) {
          "... make UBIFS volume [app_data] : NG.\n"
          "mount test: UBIFS volume [ubi4_0] to [/mnt/flash/app_data]: NG.(19)\n"},
     };
-    board.medium_list("M1", "app_data F\n");
     board.medium_file("M1/writedata/app_data/dpdc/new.dat", "new");
     board.make();
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
+        board.medium_list("M1", c.list);
         board.remake({{"faults", c.fault.is_null() ? json::array() : json::array({c.fault})}});
         old_file("ubi4_0/factory/old.dat");
         RunResult r = board.tvupdate({"M1"});
@@ -266,6 +360,7 @@ TEST_F(UpdateRun, VolumeRecreationPrintsEachVerdict) {
                   "----- searching media cards -----\n"
                   "Remove and Make UBIFS volume [app_data]\n" +
                       c.lines);
+        EXPECT_EQ(board.state()["mounts"].size(), 1u) << "a volume was left mounted";
     }
     // After a recreation the volume holds only what the update copied into it.
     EXPECT_FALSE(board.exists("flash/ubi4_0/factory/old.dat"));

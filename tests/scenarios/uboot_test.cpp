@@ -250,7 +250,10 @@ TEST_P(UbootWrite, WritesOnlyWhereTheFlashDiffersAndVerifies) {
     EXPECT_EQ(board.trace("mtd_erase").size(), c.erases);
     EXPECT_EQ(differs_at(board.read("mtd/uboot-nor.bin"), 0, c.flash_after), kSame);
     // Every retry waits three seconds of board time.
-    EXPECT_EQ(board.trace("sleep").size(), c.erases > 0 ? c.erases - 1 : 0);
+    std::vector<json> sleeps = board.trace("sleep");
+    EXPECT_EQ(sleeps.size(), c.erases > 0 ? c.erases - 1 : 0);
+    for (const json &sleep : sleeps)
+        EXPECT_EQ(sleep["ns"], 3000000000u);
 }
 
 // bytes with the bits of mask flipped in the byte at position at.

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <functional>
 #include <sys/stat.h>
+#include <time.h>
 
 namespace {
 
@@ -49,6 +50,12 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
              return file != nullptr && fclose(file) == 0;
          }},
         {"mkfifo", [](const char *p) { return mkfifo(p, 0644) == 0; }},
+        {"mknod",
+         [](const char *p) {
+             int result = mknod(p, S_IFIFO | 0644, 0);
+             EXPECT_TRUE(result == 0 || result == -1) << result; // as the C library answers
+             return result == 0;
+         }},
         {"mkdirat", [](const char *p) { return mkdirat(AT_FDCWD, p, 0755) == 0; }},
         {"symlink", [](const char *p) { return symlink("/tmp/marker", p) == 0; }},
         {"link", [](const char *p) { return link("/tmp/marker", p) == 0; }},
@@ -85,6 +92,24 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
     EXPECT_EQ(mounts[0]["source"], "/dev/sdb1");
     EXPECT_EQ(read_file("fs/tmp/marker"), "on-board\n");
     std::filesystem::remove_all(medium);
+}
+
+// Relative sleeps pass at once on the board's clock; a wait for a moment already past returns
+// at once on any clock and is no board sleep.
+TEST_F(AttachedBoard, SleepsAdvanceTheBoardClockAtOnce) {
+    attach();
+    const timespec one_and_a_half{1, 500000000}, two{2, 0}, epoch{0, 0};
+    EXPECT_EQ(nanosleep(&one_and_a_half, nullptr), 0);
+    EXPECT_EQ(clock_nanosleep(CLOCK_MONOTONIC, 0, &two, nullptr), 0);
+    EXPECT_EQ(clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &epoch, nullptr), 0);
+    EXPECT_EQ(system(nullptr), 1); // a shell is there for commands
+    detach();
+    std::vector<nlohmann::json> sleeps = trace("sleep");
+    ASSERT_EQ(sleeps.size(), 2u);
+    EXPECT_EQ(sleeps[0]["call"], "nanosleep");
+    EXPECT_EQ(sleeps[0]["ns"], 1500000000u);
+    EXPECT_EQ(sleeps[1]["call"], "clock_nanosleep");
+    EXPECT_EQ(sleeps[1]["ns"], 2000000000u);
 }
 
 } // namespace

@@ -3,7 +3,10 @@
 #include "board/device.h"
 #include "support/board_fixture.h"
 
+#include <filesystem>
+#include <fstream>
 #include <map>
+#include <sys/mount.h>
 
 namespace tvsim {
 namespace {
@@ -24,17 +27,95 @@ TEST_F(BoardTest, MountsFailAsTheKernelWould) {
         const char *target;
         const char *fstype;
         int err;
+        const char *data = nullptr;
     } cases[] = {
         {"ubi4_9", "/mnt/flash/bitmap", "ubifs", ENODEV},
         {"ubi7_0", "/mnt/flash/bitmap", "ubifs", ENODEV},
         {"ubi5:other", "/mnt/flash/missing", "ubifs", ENOENT},
-        {"/dev/sdb1", "/mnt/sdcard", "vfat", ENOENT}, // no stick in this board
+        {"/dev/sdc1", "/mnt/sdcard", "vfat", ENOENT}, // no stick at that letter
         {"ubi5:other", "/etc", "ubifs", EPERM},
+        // Options each file system does not know, or values it does not take.
+        {"ubi5:other", "/mnt/flash/other", "ubifs", EINVAL, "bogus_option"},
+        {"ubi5:other", "/mnt/flash/other", "ubifs", EINVAL, "sync,compr=lz4"},
+        {"ubi5:other", "/mnt/flash/other", "ubifs", EINVAL, "bulk_read=1"},
+        {"ubi5:other", "/mnt/flash/other", "ubifs", EINVAL, "shortname=winnt"},
+        {"/dev/sdb1", "/mnt/sdcard", "vfat", EINVAL, "shortnam=winnt"},
+        {"/dev/sdb1", "/mnt/sdcard", "vfat", EINVAL, "shortname=bogus"},
+        {"/dev/sdb1", "/mnt/sdcard", "vfat", EINVAL, "shortname"},
+        {"/dev/sdb1", "/mnt/sdcard", "vfat", EINVAL, "umask=099"},
+        {"/dev/sdb1", "/mnt/sdcard", "vfat", EINVAL, "uid=root"},
+        {"/dev/sdb1", "/mnt/sdcard", "vfat", EINVAL, "bulk_read"},
     };
-    for (const Case &c : cases)
-        EXPECT_EQ(board_->mount(c.source, c.target, c.fstype, 0), c.err) << c.source;
+    change_config([](json &c) {
+        c["media"]["usb"] = json::array({{{"disk", "b"}, {"medium", "media/usb"}}});
+    });
+    board_ = load_board();
+    for (const Case &c : cases) {
+        EXPECT_EQ(board_->mount(c.source, c.target, c.fstype, 0, c.data), c.err)
+            << c.source << " " << (c.data != nullptr ? c.data : "");
+        board_->umount(c.target);
+    }
     EXPECT_EQ(board_->umount("/mnt/flash/bitmap"), EINVAL);
     EXPECT_EQ(board_->umount("/mnt/nowhere"), ENOENT);
+}
+
+// The mount table shows each mount's flags and the options it was given; the flags' words among
+// the options change the flags.
+TEST_F(BoardTest, TheMountTableShowsFlagsAndOptions) {
+    change_config([](json &c) {
+        c["media"]["usb"] = json::array({{{"disk", "b"}, {"medium", "media/usb"}}});
+    });
+    board_ = load_board();
+    ASSERT_EQ(board_->mount("/dev/sdb1", "/mnt/sdcard", "vfat", MS_RDONLY, "shortname=winnt"), 0);
+    ASSERT_EQ(board_->mount("ubi4_1", "/mnt/flash/model_data", "ubifs", MS_SYNCHRONOUS), 0);
+    ASSERT_EQ(
+        board_->mount("ubi4_4", "/mnt/flash/bitmap", "ubifs", 0, "sync,,bulk_read,compr=zlib"), 0);
+    ASSERT_EQ(board_->mount("ubi5:other", "/mnt/flash/other", "ubifs", MS_SYNCHRONOUS, "ro,async"),
+              0);
+    board_->refresh_kernel_files();
+    EXPECT_EQ(read_file("fs/proc/mounts"),
+              "/dev/sdb1 /mnt/sdcard vfat ro,shortname=winnt 0 0\n"
+              "ubi4_1 /mnt/flash/model_data ubifs rw,sync 0 0\n"
+              "ubi4_4 /mnt/flash/bitmap ubifs rw,sync,bulk_read,compr=zlib 0 0\n"
+              "ubi5:other /mnt/flash/other ubifs ro 0 0\n");
+    EXPECT_TRUE(board_->resolve("/mnt/flash/other/x").read_only);
+    EXPECT_FALSE(board_->resolve("/mnt/flash/bitmap/x").read_only);
+}
+
+// A ubifs volume mounted without sync keeps what was written since the mount, or since the last
+// sync, in its cache: a power cut loses it. A sync or the unmount writes it to the flash.
+TEST_F(BoardTest, AVolumeWithoutSyncLosesItsCachedWritesAtAPowerCut) {
+    enum Then { kNothing, kSync, kUnmount };
+    struct Case {
+        const char *what;
+        unsigned long flags;
+        const char *data;
+        Then then;
+        bool kept;
+    } cases[] = {
+        {"mounted with MS_SYNCHRONOUS", MS_SYNCHRONOUS, nullptr, kNothing, true},
+        {"mounted with the sync option", 0, "sync", kNothing, true},
+        {"cached", 0, nullptr, kNothing, false},
+        {"cached, then synced", 0, nullptr, kSync, true},
+        {"cached, then unmounted", 0, nullptr, kUnmount, true},
+    };
+    const std::filesystem::path volume = dir_ / "flash/ubi4_4";
+    std::ofstream(volume / "old.dat") << "old";
+    for (const Case &c : cases) {
+        ASSERT_EQ(board_->mount("ubi4_4", "/mnt/flash/bitmap", "ubifs", c.flags, c.data), 0);
+        std::filesystem::remove(volume / "old.dat");
+        std::ofstream(volume / "new.dat") << "new";
+        if (c.then == kSync)
+            board_->sync_file_systems();
+        else if (c.then == kUnmount)
+            board_->umount("/mnt/flash/bitmap");
+        board_->reboot();
+        EXPECT_EQ(std::filesystem::exists(volume / "new.dat"), c.kept) << c.what;
+        EXPECT_EQ(std::filesystem::exists(volume / "old.dat"), !c.kept) << c.what;
+        std::filesystem::remove(volume / "new.dat");
+        std::ofstream(volume / "old.dat") << "old";
+    }
+    EXPECT_FALSE(std::filesystem::exists(dir_ / "ubifs-cache/ubi4_4"));
 }
 
 TEST_F(BoardTest, ShellCommandsReachOnlyTheBoard) {

@@ -148,6 +148,60 @@ TEST_F(DeviceRules, MtdDescriptorsDoOnlyWhatTheirOpenModeAllows) {
     close(read_write);
 }
 
+// The kernel's files answer for the mode they were opened in: sysfs refuses to open an attribute
+// for what it cannot do (EACCES, even to root), and a descriptor without read (or write) access
+// fails a read (or write) with EBADF.
+TEST_F(DeviceRules, KernelFilesDoOnlyWhatTheirOpenModeAllows) {
+    change_config([](json &c) {
+        c["media"] = {{"usb", json::array({{{"disk", "b"}, {"medium", "media/usb"}}})},
+                      {"sd", {{"slot", "insert"}, {"medium", "media/sd"}}}};
+    });
+    attach();
+    const char *rescan = "/sys/class/scsi_device/0:0:0:0/device/rescan";
+    const char *sd = "/proc/sdcard/ctrl";
+    char text[64] = {};
+    // errno of one call on a descriptor opened with flags (or of the open), 0 when both worked.
+    auto on = [&](const char *path, int flags, const std::function<bool(int)> &call) {
+        int fd = open(path, flags);
+        if (fd < 0)
+            return errno;
+        int err = error_of(!call(fd));
+        close(fd);
+        return err;
+    };
+    auto reads = [&](int fd) { return read(fd, text, sizeof text - 1) >= 0; };
+    auto writes = [&](int fd) { return write(fd, "rescan", 6) == 6; };
+    auto fopens = [](const char *path, const char *mode) {
+        FILE *f = fopen(path, mode);
+        int err = error_of(f == nullptr);
+        if (f != nullptr)
+            fclose(f);
+        return err;
+    };
+    const struct {
+        const char *what;
+        int err;
+        int expected;
+    } cases[] = {
+        {"rescan, read-only", on(rescan, O_RDONLY, writes), EACCES},
+        {"rescan, read-write", on(rescan, O_RDWR, writes), EACCES},
+        {"rescan, write-only", on(rescan, O_WRONLY, writes), 0},
+        {"SD control, write-only, read", on(sd, O_WRONLY, reads), EBADF},
+        {"SD control, read-only, write", on(sd, O_RDONLY, writes), EBADF},
+        {"SD control, read-write, read", on(sd, O_RDWR, reads), 0},
+        {"disk size, write-only", on("/sys/block/sdb/size", O_WRONLY, reads), EACCES},
+        {"disk size, for update", fopens("/sys/block/sdb/size", "r+"), EACCES},
+        {"disk size, for reading", fopens("/sys/block/sdb/size", "r"), 0},
+        {"MTD table, read-write", on("/proc/mtd", O_RDWR, reads), EACCES},
+        {"misc table, for writing", fopens("/proc/misc", "w"), EACCES},
+        {"misc table, read-only", on("/proc/misc", O_RDONLY, reads), 0},
+    };
+    detach();
+    for (const auto &c : cases)
+        EXPECT_EQ(c.err, c.expected) << c.what;
+    EXPECT_EQ(trace("rescan").size(), 1u);
+}
+
 // The drivers go block by block and page by page (the NOR chip sector by sector, word by word):
 // a request that meets a protected sector, a bad block or a failing block fails there with EIO,
 // having done what lies before.
