@@ -132,6 +132,14 @@ int report_nand(const NandArgs &a, uint32_t done, int result) {
     return SERVICE_OK;
 }
 
+// False, with a message, when the transfer's block of memory could not be had.
+bool have_block(const NandArgs &a, const HeapBuffer &block, uint32_t size) {
+    if (block)
+        return true;
+    printf("nand %s: cannot allocate %u bytes\n", a.op, size);
+    return false;
+}
+
 // Reads and writes go one erase block at a time through one block of memory, so a partition
 // of any size is copied in bounded memory and a failure is reported to the byte.
 int nand_read_cmd(const NandArgs &a, nand_dev *nand) {
@@ -142,10 +150,8 @@ int nand_read_cmd(const NandArgs &a, nand_dev *nand) {
     }
     const uint32_t E = nand_get_blk_size(nand);
     HeapBuffer block(E);
-    if (!block) {
-        printf("nand read: cannot allocate %u bytes\n", E);
+    if (!have_block(a, block, E))
         return SERVICE_FAILED;
-    }
     for (uint32_t done = 0; done < a.length;) {
         uint32_t n = std::min(E, a.length - done);
         int r = nand_read(nand, block.get(), n, a.offset + done);
@@ -179,10 +185,8 @@ int nand_write_cmd(const NandArgs &a, nand_dev *nand) {
     }
     const uint32_t E = nand_get_blk_size(nand);
     HeapBuffer block(E);
-    if (!block) {
-        printf("nand write: cannot allocate %u bytes\n", E);
+    if (!have_block(a, block, E))
         return SERVICE_FAILED;
-    }
     for (uint32_t done = 0; done < a.length;) {
         uint32_t n = std::min(E, a.length - done);
         if (fread(block.get(), 1, n, in.get()) != n) {
