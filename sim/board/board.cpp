@@ -150,8 +150,10 @@ bool Board::read_files(std::string *error) {
 }
 
 Board::~Board() {
-    if (trace_fd_ >= 0)
-        ::close(trace_fd_);
+    if (trace_fd_ < 0)
+        return;
+    write_held_output(false);
+    ::close(trace_fd_);
 }
 
 MemoryFile &Board::memory_file(const std::string &path) {
@@ -288,8 +290,25 @@ void TraceField::append_to(std::string &line) const {
     }
 }
 
-std::string Board::event_head(std::string_view kind) const {
-    return "{\"t\":" + std::to_string(now_ns()) + ",\"ev\":\"" + std::string(kind) + '"';
+void Board::pass_ns(uint64_t ns) {
+    if (ns == 0)
+        return;
+    write_part_time();
+    clock_ns_ += ns;
+}
+
+void Board::write_part_time() {
+    if (took_ns_ != 0)
+        trace("busy");
+}
+
+std::string Board::event_head(std::string_view kind) {
+    std::string head =
+        "{\"t\":" + std::to_string(now_ns()) + ",\"ev\":\"" + std::string(kind) + '"';
+    if (took_ns_ != 0)
+        TraceField("took_ns", took_ns_).append_to(head);
+    took_ns_ = 0;
+    return head;
 }
 
 void Board::trace(std::string_view kind, std::initializer_list<TraceField> fields) {
@@ -310,7 +329,34 @@ void Board::trace(std::string_view kind, const json &fields) {
     write_event(kind, line);
 }
 
+void Board::output(int fd, std::string_view text, bool line_end) {
+    if (trace_fd_ < 0)
+        return;
+    if (held_output_.fd != fd)
+        write_held_output(false);
+    if (held_output_.fd < 0) {
+        held_output_.fd = fd;
+        held_output_.t = now_ns();
+        held_output_.text.clear();
+    }
+    held_output_.text += text;
+    if (line_end)
+        write_held_output(true);
+}
+
+void Board::write_held_output(bool line_end) {
+    if (held_output_.fd < 0)
+        return;
+    std::string line = "{\"t\":" + std::to_string(held_output_.t) + ",\"ev\":\"output\"";
+    TraceField("fd", held_output_.fd).append_to(line);
+    TraceField("text", held_output_.text).append_to(line);
+    TraceField("line_end", line_end).append_to(line);
+    held_output_.fd = -1;
+    write_event("output", line);
+}
+
 void Board::write_event(std::string_view kind, std::string &line) {
+    write_held_output(false);
     bool cut = false;
     if (uint64_t number = count_for_power_cut(kind, &cut); number != 0)
         TraceField("power_event", number).append_to(line);

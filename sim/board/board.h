@@ -102,14 +102,31 @@ public:
     MemoryFile &memory_file(const std::string &path);
 
     // --- virtual clock --------------------------------------------------------------------
+    // Board time moves on only through these two. advance_ns is time the parts take (bytes on
+    // a bus, an erase or write, a reply being made) or a defined wait (a sleep): the next
+    // event carries it as "took_ns", ending at its "t". pass_ns is time nothing on the board
+    // is busy (a driver's time-out running out); part time not yet carried by an event is
+    // written first as a "busy" event.
     uint64_t now_ns() const { return clock_ns_; }
-    void advance_ns(uint64_t ns) { clock_ns_ += ns; }
+    void advance_ns(uint64_t ns) {
+        clock_ns_ += ns;
+        took_ns_ += ns;
+    }
+    void pass_ns(uint64_t ns);
+    // Writes the part time no event carries yet as a "busy" event (before the board's state
+    // is handed to another process).
+    void write_part_time();
 
     // --- trace --------------------------------------------------------------------------
     // Appends one event ({"t": board time in ns, "ev": kind, ...fields}) to trace.jsonl with
     // one write, so that a program killed at any instant leaves whole lines.
     void trace(std::string_view kind, std::initializer_list<TraceField> fields = {});
     void trace(std::string_view kind, const json &fields);
+    // What a program prints on fd, at the board time it prints it: one "output" event per
+    // line. A piece without its line end waits for the rest of its line until another event is
+    // written, so that a line printed in parts at one instant (puts writes its line feed on its
+    // own) stays one event.
+    void output(int fd, std::string_view text, bool line_end);
 
     // --- faults -------------------------------------------------------------------------
     // Returns the first fault of this kind that applies to target (its "target" equals it, or
@@ -156,8 +173,9 @@ private:
     uint64_t count_for_power_cut(std::string_view kind, bool *cut_now);
     [[noreturn]] void lose_power(const json &event);
     // An event's line up to its fields; write_event ends and writes it.
-    std::string event_head(std::string_view kind) const;
+    std::string event_head(std::string_view kind);
     void write_event(std::string_view kind, std::string &line);
+    void write_held_output(bool line_end);
     void end_if_power_cut_since(bool was_cut);
     Board() = default;
     bool read_files(std::string *error);
@@ -168,6 +186,12 @@ private:
     json state_;
     int trace_fd_ = -1;
     uint64_t clock_ns_ = 0; // state.json "clock_ns", kept here between saves: every event reads it
+    uint64_t took_ns_ = 0;  // part time since the last event
+    struct HeldOutput {
+        int fd = -1; // none held
+        uint64_t t = 0;
+        std::string text;
+    } held_output_;
     std::unordered_map<std::string, std::unique_ptr<MemoryFile>> memory_files_;
     std::unordered_map<uintptr_t, std::shared_ptr<void>> derived_;
 

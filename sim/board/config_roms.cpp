@@ -259,16 +259,25 @@ private:
             contents_.program(page + in_page, &mosi[4 + i], run);
             i += run;
         }
-        bool stuck = board_.take_fault("spi_program_stuck", "rom" + std::to_string(n_)) != nullptr;
-        state_["busy_until"] = stuck ? kForever : board_.now_ns() + config_.page_program_ns;
+        start_busy("page_program", "spi_program_stuck", config_.page_program_ns);
     }
 
     void bulk_erase() {
         if (!may_modify(0xC7))
             return;
         contents_.erase();
-        bool stuck = board_.take_fault("spi_erase_stuck", "rom" + std::to_string(n_)) != nullptr;
-        state_["busy_until"] = stuck ? kForever : board_.now_ns() + config_.bulk_erase_ns;
+        start_busy("bulk_erase", "spi_erase_stuck", config_.bulk_erase_ns);
+    }
+
+    // The chip works on op for busy_ns, or for ever when the stuck fault strikes.
+    void start_busy(const char *op, const char *stuck_fault, uint64_t busy_ns) {
+        if (board_.take_fault(stuck_fault, "rom" + std::to_string(n_)) != nullptr) {
+            state_["busy_until"] = kForever;
+            board_.trace("rom_busy", {{"rom", n_}, {"op", op}, {"stuck", true}});
+            return;
+        }
+        state_["busy_until"] = board_.now_ns() + busy_ns;
+        board_.trace("rom_busy", {{"rom", n_}, {"op", op}, {"busy_ns", busy_ns}});
     }
 
     void ignored(uint8_t op, const char *why) {
@@ -317,7 +326,8 @@ void start_load(Board &board, int n) {
     bool valid = !granted_by_pins(board, n) && image_valid(board, n);
     bool never = board.take_fault("config_done_never", "fpga" + std::to_string(n)) != nullptr;
     volatile_state(board, "fpga", n) = load_state(board, n, board.now_ns(), valid && !never);
-    board.trace("fpga_load", {{"fpga", n}, {"image", valid}});
+    board.trace("fpga_load",
+                {{"fpga", n}, {"image", valid}, {"busy_ns", rom_config(board, n).load_ns}});
 }
 
 // An FPGA holds its configuration while it is out of reset and its ROM is not granted to the

@@ -132,8 +132,10 @@ private:
         volatile_state()["counter"] = base + offset;
         uint64_t cycle = setting(config(), "write_cycle_us", 5000) * kNsPerUs;
         volatile_state()["busy_until_ns"] = board_.now_ns() + cycle;
-        board_.trace("eeprom_write",
-                     {{"device", name()}, {"addr", counter_}, {"count", pending_.size()}});
+        board_.trace("eeprom_write", {{"device", name()},
+                                      {"addr", counter_},
+                                      {"count", pending_.size()},
+                                      {"busy_ns", cycle}});
     }
 
     EepromCells cells_;
@@ -458,9 +460,12 @@ private:
         size_t address = s["address"].get<size_t>();
         cells_.put(address, block.data(), block.size());
         s["stored"] = true;
-        s["settled_ns"] = board_.now_ns() + setting(config(), "write_us", 1000) * kNsPerUs;
-        board_.trace("eeprom_write",
-                     {{"device", name()}, {"addr", address}, {"count", block.size()}});
+        uint64_t settling = setting(config(), "write_us", 1000) * kNsPerUs;
+        s["settled_ns"] = board_.now_ns() + settling;
+        board_.trace("eeprom_write", {{"device", name()},
+                                      {"addr", address},
+                                      {"count", block.size()},
+                                      {"busy_ns", settling}});
     }
 
     const RegisterMap &map_;

@@ -158,9 +158,11 @@ public:
             last = std::max(last, pending_.front().arrives_ns);
             pending_.pop_front();
         }
-        board_.advance_ns((got == count ? last : deadline) - now);
-        if (got < count)
+        board_.advance_ns(last - now); // the reply on its way
+        if (got < count) {
+            board_.pass_ns(deadline - last); // the driver's time-out running out
             board_.trace("uart_read", {{"asked", count}, {"got", got}});
+        }
         if (got == 0 && nonblocking && count > 0) {
             errno = EAGAIN;
             return -1;

@@ -31,7 +31,7 @@ public:
     void move_board_on() {
         uint64_t real = now();
         if (board_.now_ns() < real)
-            board_.advance_ns(real - board_.now_ns());
+            board_.pass_ns(real - board_.now_ns());
     }
 
     void wait_for_board() {

@@ -1,15 +1,20 @@
-// The C library writes a stream's buffer with its own internal write, which no hook sees.
-// So that every write the program's standard output and error make is seen, with the
-// program's own buffering kept, stdout and stderr become streams that write through
-// record_output: same buffering mode (line-buffered on a terminal, fully buffered otherwise,
-// stderr unbuffered) and the buffer size the C library would have chosen. Direct write()
-// calls on 1 and 2 are recorded by the write hook.
+// The C library writes a stream's buffer with its own internal write, which no hook sees, and
+// only when the buffer is flushed: a line printed at the start of a long step would be recorded
+// at its end. So stdout and stderr become unbuffered streams that hand every piece the program
+// prints to print_piece at the moment of the C library call, which records it with that board
+// time and then keeps it in a buffer of its own, as the program's stream would have: line by
+// line on a terminal, not at all for standard error, else in blocks of the size the C library
+// would have chosen. The bytes reach the descriptor when that buffer is full, at a line end when
+// line-buffered, or when the program flushes or exits, as on the board. Direct write() calls
+// on 1 and 2 are recorded by the write hook.
 #include "interpose/output.h"
 
 #include "interpose/session.h"
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <stdio_ext.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -25,41 +30,105 @@ void record_output(Board &board, int fd, const void *bytes, size_t count) {
             while (end < count && text[end] != '\n')
                 ++end;
             bool complete = end < count;
-            board.trace("output", {{"fd", fd},
-                                   {"text", std::string(text + start, end - start)},
-                                   {"line_end", complete}});
+            board.output(fd, std::string_view(text + start, end - start), complete);
             start = end + (complete ? 1 : 0);
         }
     } catch (...) {
-        // Bytes the trace cannot hold as text are left out; the program's output is not.
+        // Output the trace cannot hold is left out of it; the program's output is not.
     }
 }
 
 namespace {
 
-ssize_t write_recorded(void *cookie, const char *bytes, size_t count) {
+// What the program's stream holds back from its descriptor. Plain memory, never freed: it
+// must outlive every destructor that may still print.
+struct StreamBuffer {
+    int mode = _IONBF;
+    size_t size = 0;
+    size_t used = 0;
+    char *bytes = nullptr;
+};
+
+StreamBuffer g_buffers[STDERR_FILENO + 1];
+
+bool write_all(int fd, const char *bytes, size_t count) {
+    while (count > 0) {
+        ssize_t n = TVSIM_REAL(write)(fd, bytes, count);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        bytes += n;
+        count -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// Writes the first count bytes the buffer holds to fd and keeps the rest.
+bool write_out(int fd, StreamBuffer &b, size_t count) {
+    bool written = write_all(fd, b.bytes, count);
+    memmove(b.bytes, b.bytes + count, b.used - count);
+    b.used -= count;
+    return written;
+}
+
+bool flush_buffer(int fd) {
+    StreamBuffer &b = g_buffers[fd];
+    return b.used == 0 || write_out(fd, b, b.used);
+}
+
+// Takes what the program printed into fd's buffer and writes what its stream would write now.
+bool buffer_piece(int fd, const char *bytes, size_t count) {
+    StreamBuffer &b = g_buffers[fd];
+    if (b.bytes == nullptr)
+        return write_all(fd, bytes, count);
+    bool written = true;
+    while (count > 0 && written) {
+        size_t n = std::min(count, b.size - b.used);
+        memcpy(b.bytes + b.used, bytes, n);
+        b.used += n;
+        bytes += n;
+        count -= n;
+        if (b.used == b.size)
+            written = write_out(fd, b, b.used);
+    }
+    if (b.mode == _IOLBF && written) {
+        const void *last_end = memrchr(b.bytes, '\n', b.used);
+        if (last_end != nullptr)
+            written = write_out(
+                fd, b, static_cast<size_t>(static_cast<const char *>(last_end) - b.bytes + 1));
+    }
+    return written;
+}
+
+ssize_t print_piece(void *cookie, const char *bytes, size_t count) {
     int fd = static_cast<int>(reinterpret_cast<intptr_t>(cookie));
     Hook hook;
     if (hook.active())
         record_output(hook.board(), fd, bytes, count);
     hook.restore_errno();
-    return TVSIM_REAL(write)(fd, bytes, count);
+    return buffer_piece(fd, bytes, count) ? static_cast<ssize_t>(count) : -1;
 }
 
-// A stream on fd that records what it writes, buffered as the stream it replaces: line by
-// line when that was set or fd is a terminal, not at all for standard error, else in blocks of
-// the size the C library would have chosen.
+// An unbuffered stream on fd that hands every piece to print_piece, with fd's buffer set up as
+// the replaced stream was buffered: line by line when that was set or fd is a terminal, not
+// at all for standard error, else in blocks of the size the C library would have chosen.
 FILE *recorded_stream(FILE *replaced, int fd) {
-    cookie_io_functions_t io{nullptr, write_recorded, nullptr, nullptr};
+    cookie_io_functions_t io{nullptr, print_piece, nullptr, nullptr};
     FILE *stream = fopencookie(reinterpret_cast<void *>(static_cast<intptr_t>(fd)), "w", io);
     if (stream == nullptr)
         return nullptr;
     stream->_fileno = fd; // fileno(stdout) stays 1 for programs that ask (writes use the cookie)
+    setvbuf(stream, nullptr, _IONBF, 0);
     struct stat st {};
     size_t size =
         fstat(fd, &st) == 0 && st.st_blksize > 0 ? static_cast<size_t>(st.st_blksize) : BUFSIZ;
-    int mode = fd == STDERR_FILENO ? _IONBF : __flbf(replaced) != 0 || isatty(fd) ? _IOLBF : _IOFBF;
-    setvbuf(stream, nullptr, mode, mode == _IONBF ? 0 : size);
+    StreamBuffer &b = g_buffers[fd];
+    b.mode = fd == STDERR_FILENO ? _IONBF : __flbf(replaced) != 0 || isatty(fd) ? _IOLBF : _IOFBF;
+    if (b.mode != _IONBF) {
+        b.bytes = static_cast<char *>(malloc(size));
+        b.size = b.bytes != nullptr ? size : 0;
+    }
     return stream;
 }
 
@@ -74,5 +143,23 @@ __attribute__((constructor)) void record_output_on_board() {
         stderr = err;
 }
 
+// exit writes what a stream still holds.
+__attribute__((destructor)) void write_held_output() {
+    flush_buffer(STDOUT_FILENO);
+}
+
 } // namespace
 } // namespace tvsim::interpose
+
+using tvsim::interpose::flush_buffer;
+
+#pragma GCC visibility push(default)
+// fflush(stdout), or of every stream, also writes what stdout's buffer holds.
+extern "C" int fflush(FILE *stream) {
+    int result = TVSIM_REAL(fflush)(stream);
+    bool written = true;
+    if (stream == nullptr || stream == stdout)
+        written = flush_buffer(STDOUT_FILENO);
+    return written ? result : EOF;
+}
+#pragma GCC visibility pop

@@ -160,6 +160,7 @@ int system(const char *command) {
             board.trace("shell", {{"command", command}, {"refused", foreign}});
             return refuse();
         }
+        board.write_part_time();
         board.save();
         int status = spawn_shell(board, run);
         board.reload();
