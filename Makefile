@@ -11,7 +11,7 @@
 JOBS ?= $(shell nproc)
 DEB_PACKAGES := cmake make g++ libgtest-dev libgmock-dev nlohmann-json3-dev \
 	g++-arm-linux-gnueabihf g++-arm-linux-gnueabi qemu-user srecord mtd-utils clang-format i2c-tools flashrom \
-	qemu-system-arm mtools dosfstools cpio clang libclang-rt-14-dev
+	qemu-system-arm mtools dosfstools cpio clang libclang-rt-14-dev python3 librsvg2-bin
 
 .PHONY: all demo check vm-check armhf armel host asan fuzz deps clean
 

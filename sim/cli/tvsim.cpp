@@ -4,7 +4,8 @@
 //   tvsim --board DIR [--preload LIB] -- PROGRAM ARGS...
 //   tvsim --board DIR reboot                    (power cycle: mounts, /tmp and modules go)
 //   tvsim --board DIR standin TOOL ARGS...      (the board's volume and module tools)
-//   tvsim --board DIR report                    (board time of the last run, per component)
+//   tvsim --board DIR report [--trace-json FILE] [--svg FILE]
+//                                               (board time of the last run, per component)
 #include "board/board.h"
 #include "board/create.h"
 #include "board/modules.h"
@@ -37,7 +38,7 @@ int usage() {
     fprintf(stderr, "usage: tvsim new DIR [--usb MEDIUM_DIR | --sd MEDIUM_DIR] [--seed N]\n"
                     "       tvsim --board DIR [--preload LIB] -- PROGRAM ARGS...\n"
                     "       tvsim --board DIR reboot\n"
-                    "       tvsim --board DIR report\n");
+                    "       tvsim --board DIR report [--trace-json FILE] [--svg FILE]\n");
     return 2;
 }
 
@@ -211,6 +212,23 @@ int reboot_board(const std::string &board_dir) {
     return 0;
 }
 
+// report [--trace-json FILE] [--svg FILE]
+int report(const std::string &board_dir, int argc, char **argv) {
+    std::string trace_json;
+    std::string svg;
+    for (int i = 0; i < argc; i += 2) {
+        if (i + 1 >= argc)
+            return usage();
+        if (strcmp(argv[i], "--trace-json") == 0)
+            trace_json = argv[i + 1];
+        else if (strcmp(argv[i], "--svg") == 0)
+            svg = argv[i + 1];
+        else
+            return usage();
+    }
+    return board_time_report(board_dir, trace_json, svg, stdout);
+}
+
 // A seed given in decimal; false for anything else.
 bool parse_seed(const char *text, std::optional<uint64_t> *seed) {
     char *end = nullptr;
@@ -264,8 +282,8 @@ int main(int argc, char **argv) {
         return run_program(board_dir, preload, argv + i + 1);
     if (strcmp(argv[i], "reboot") == 0 && i + 1 == argc)
         return reboot_board(board_dir);
-    if (strcmp(argv[i], "report") == 0 && i + 1 == argc)
-        return board_time_report(board_dir, stdout);
+    if (strcmp(argv[i], "report") == 0)
+        return report(board_dir, argc - i - 1, argv + i + 1);
     if (strcmp(argv[i], "standin") == 0 && i + 1 < argc)
         return run_stand_in(board_dir, argv[i + 1],
                             std::vector<std::string>(argv + i + 2, argv + argc));

@@ -56,8 +56,8 @@ test "$(tail -c +$((size + 1)) board/tvm/bank2.bin | head -c $((0x18000 - size))
 cmp -n "$(wc -c < eep.bin)" eep.bin board/tvm/eeprom.bin
 # The board time report: both components succeeded, and their times add up to the run's.
 "$tvsim" --board board report > report.txt
-grep -q '^TVM Eeprom .* ok ' report.txt
-grep -q '^TVM Hex .* ok ' report.txt
-awk '$1 == "run" { run = $2 } $1 != "run" && $1 != "component" { sum += $(NF - 3) }
+grep -q '^TVM Eeprom .* ok$' report.txt
+grep -q '^TVM Hex .* ok$' report.txt
+awk 'NR > 1 { ns = substr($0, 26, 14) + 0 } $1 == "run" { run = ns; next } NR > 1 { sum += ns }
      END { if (run == 0 || sum != run) { print "components " sum " != run " run; exit 1 } }' report.txt
 echo "round trip: tvm.mot and TVM_DATA.txt load to the input bytes (srec_cat, tvsim)"
