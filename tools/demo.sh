@@ -47,4 +47,7 @@ print("trace events:", ", ".join(f"{k} {v}" for k, v in sorted(kinds.items())))
 print("mounted now:", ", ".join(f'{m["source"]} on {m["target"]}' for m in state["mounts"]) or "nothing")
 print("board time: %.1f s" % (state["clock_ns"] / 1e9))
 PY
-echo "(board in demo/board: board.json, state.json, trace.jsonl, fs/, flash/)"
+echo "=== tvsim --board demo/board report --svg demo/timeline.svg --trace-json demo/trace.json"
+"$build/tvsim" --board "$demo/board" report --svg "$demo/timeline.svg" --trace-json "$demo/trace.json"
+echo "(board in demo/board: board.json, state.json, trace.jsonl, fs/, flash/;"
+echo " its timeline in demo/timeline.svg, the trace for Perfetto or chrome://tracing in demo/trace.json)"
