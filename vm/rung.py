@@ -147,12 +147,13 @@ def microcontroller_state(state):
 
 def uart_events(trace):
     """The microcontroller's events of a trace (rate requests, frames taken, replies, short
-    reads, guard dog resets), without their times."""
+    reads, guard dog resets), without their times (the board time and the part time before)."""
     lines = []
     for line in trace.splitlines():
         event = json.loads(line)
         if event["ev"].startswith("uart_") or event["ev"] == "guard_dog_reset":
             del event["t"]
+            event.pop("took_ns", None)
             lines.append(json.dumps(event, sort_keys=True) + "\n")
     return "".join(lines)
 
