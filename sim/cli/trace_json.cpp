@@ -97,7 +97,8 @@ public:
         held_[tid] = std::move(e);
     }
 
-    ~TraceWriter() {
+    // Writes the slices still held and ends the file.
+    void finish() {
         for (const auto &[tid, event] : held_)
             write(event);
         fputs("\n]}\n", out_);
@@ -158,6 +159,7 @@ void write_trace_json(const Run &run, FILE *out) {
             name = event.value("text", "");
         writer.slice(track_of(event), name, span, std::move(args));
     }
+    writer.finish();
 }
 
 } // namespace tvsim::report
