@@ -161,9 +161,11 @@ TEST_F(DeviceRules, KernelFilesDoOnlyWhatTheirOpenModeAllows) {
     const char *sd = "/proc/sdcard/ctrl";
     char text[64] = {};
     // errno of one call on a descriptor opened with flags (or of the open), 0 when both worked.
+    // A refused open answers -1, as the C library does; another negative value goes on to the
+    // call and fails it with EBADF.
     auto on = [&](const char *path, int flags, const std::function<bool(int)> &call) {
         int fd = open(path, flags);
-        if (fd < 0)
+        if (fd == -1)
             return errno;
         int err = error_of(!call(fd));
         close(fd);
