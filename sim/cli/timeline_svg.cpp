@@ -162,8 +162,8 @@ private:
     // The spans within a component, as shaded stretches; stretches less than half a pixel
     // apart are drawn as one, so that thousands of bus transfers make a few rectangles.
     void shade(const std::vector<Span> &spans, Span within, double bar_y, const char *colour) {
-        double open_begin = -1;
-        double open_end = -1;
+        double open_begin = -1; // below 0: no stretch open
+        double open_end = 0;
         for (const Span &s : spans) {
             if (s.end <= within.begin || s.begin >= within.end)
                 continue;
