@@ -326,12 +326,23 @@ TEST_F(DeviceRules, TheMicrocontrollerAnswersOnlyWhatItIsSent) {
     ASSERT_EQ(write(nonblocking, status, sizeof status), 4);
     int early = error_of(read(nonblocking, reply, 22) < 0);
     close(nonblocking);
+    // A reply comes after the reply delay (200 us) and its bytes' wire time, 10 bits a byte at
+    // the link's rate: the ID query is taken 22 + 4 byte times after the status query.
+    fd = open_link(O_RDWR);
+    tvm_GetStatus(fd);
+    tvm_GetMicroID(fd);
+    close(fd);
     detach();
     testing::internal::GetCapturedStdout();
     // In the order of the calls above.
     EXPECT_EQ((std::vector<int>{read_result, refusal, close_outside, close_unerased, close_first,
                                 close_again, after_stray, unpadded, early}),
               (std::vector<int>{0, 0x31, -1, -1, 0, 0, -1, -1, EAGAIN}));
+    std::vector<json> frames = trace("uart_frame");
+    ASSERT_GE(frames.size(), 2u);
+    const uint64_t byte_ns = 10'000'000'000 / tvm_link_rate("M1");
+    EXPECT_EQ(frames.back()["t"].get<uint64_t>() - frames[frames.size() - 2]["t"].get<uint64_t>(),
+              200'000 + (22 + 4) * byte_ns);
 }
 
 TEST_F(DeviceRules, TheGuardDogEndsWritingModeUnlessItIsStopped) {
