@@ -198,9 +198,20 @@ TEST_F(DeviceRules, KernelFilesDoOnlyWhatTheirOpenModeAllows) {
         {"misc table, for writing", fopens("/proc/misc", "w"), EACCES},
         {"misc table, read-only", on("/proc/misc", O_RDONLY, reads), 0},
     };
+    // A refused open gives its descriptor back: with standard input closed, the next open
+    // gets descriptor 0.
+    int input = dup(0);
+    close(0);
+    int refused = open(rescan, O_RDONLY);
+    int next = open("/proc/misc", O_RDONLY);
+    close(next);
+    dup2(input, 0);
+    close(input);
     detach();
     for (const auto &c : cases)
         EXPECT_EQ(c.err, c.expected) << c.what;
+    EXPECT_EQ(refused, -1);
+    EXPECT_EQ(next, 0);
     EXPECT_EQ(trace("rescan").size(), 1u);
 }
 
