@@ -69,6 +69,9 @@ constexpr RomPart kRomParts[kConfigRomCount] = {
 constexpr const char *kBusPort = "1";
 constexpr int kBusPortBit = 4;
 
+// The bus clock of a new board (and of one whose board.json does not give it).
+constexpr uint64_t kClockHz = 10000000;
+
 const json &spi_config(const Board &board) {
     return member(board.config(), "spi");
 }
@@ -113,7 +116,7 @@ struct SpiSettings {
 SpiSettings read_spi_settings(const Board &board) {
     const json &spi = spi_config(board);
     SpiSettings s{.present = spi.is_object(),
-                  .clock_hz = std::max<uint64_t>(number_from(member(spi, "clock_hz"), 10000000), 1),
+                  .clock_hz = std::max<uint64_t>(number_from(member(spi, "clock_hz"), kClockHz), 1),
                   .roms = {}};
     for (int n = 0; n < kConfigRomCount; ++n)
         s.roms[n] = read_rom_config(board, n);
@@ -580,7 +583,7 @@ json default_spi_config(uint64_t seed) {
     json others =
         json::array({{{"minor", 62}, {"name", "spioctl2"}}, {{"minor", 63}, {"name", "spioctlx"}}});
     return json{{"node", true}, {"driver", true},       {"minor", 61}, {"misc_before", others},
-                {"seed", seed}, {"clock_hz", 10000000}, {"roms", roms}};
+                {"seed", seed}, {"clock_hz", kClockHz}, {"roms", roms}};
 }
 
 } // namespace tvsim

@@ -324,7 +324,7 @@ private:
                 s.erase("pll_since_ns");
             return true;
         }
-        if (reg == map_.enable && map_.enable_count > 0) {
+        if (reg == map_.enable && reg != 0) {
             if (!clocks_ready())
                 return false;
             int step = s.value("enable_step", 0);

@@ -151,10 +151,12 @@ std::unique_ptr<Device> open_media_device(Board &board, std::string_view path, i
         *err = 0;
         return std::make_unique<SdControl>(board, sd.value("slot", "insert") + "\n");
     }
-    if (path.substr(0, kScsi.size()) != kScsi || path.size() <= kScsi.size() + kRescan.size() ||
-        path.substr(path.size() - kRescan.size()) != kRescan)
+    if (!path.starts_with(kScsi))
         return nullptr;
-    std::string host(path.substr(kScsi.size(), path.size() - kScsi.size() - kRescan.size()));
+    std::string_view rest = path.substr(kScsi.size()); // the host, then the attribute
+    if (!rest.ends_with(kRescan))
+        return nullptr;
+    std::string host(rest.substr(0, rest.size() - kRescan.size()));
     const json &disks = usb_disks(board);
     for (size_t i = 0; disks.is_array() && i < disks.size(); ++i) {
         if (scsi_host_name(i) != host || !disk_visible(board, disks[i]))

@@ -71,29 +71,35 @@ const json &settings(const Board &board) {
     return member(board.config(), "microcontroller");
 }
 
-uint64_t setting(const Board &board, const char *key, uint64_t fallback) {
-    const json &value = member(settings(board), key);
-    return value.is_number_unsigned() || value.is_number_integer() ? value.get<uint64_t>()
-                                                                   : fallback;
+// The settings of a new board; a board.json that leaves one out has it too.
+const json &defaults() {
+    static const json values = default_microcontroller_config();
+    return values;
 }
 
-// The memories and where they live in the board directory.
+uint64_t setting_in(const json &config, const char *key) {
+    const json &value = member(config, key);
+    return value.is_number_unsigned() || value.is_number_integer()
+               ? value.get<uint64_t>()
+               : defaults().at(key).get<uint64_t>();
+}
+
+uint64_t setting(const Board &board, const char *key) {
+    return setting_in(settings(board), key);
+}
+
+// The memories and where they live in the board directory; a flash bank has a fixed size.
 struct MemoryLayout {
     const char *file;
     const char *size_key;
-    size_t default_size;
 };
-constexpr MemoryLayout kBank1 = {"tvm/bank1.bin", nullptr, kBankSize};
-constexpr MemoryLayout kBank2 = {"tvm/bank2.bin", nullptr, kBankSize};
-constexpr MemoryLayout kOwnEeprom = {"tvm/eeprom.bin", "eeprom_size", 32768};
-constexpr MemoryLayout kFerundEeprom = {"tvm/ferund.bin", "ferund_size", 32768};
+constexpr MemoryLayout kBank1 = {"tvm/bank1.bin", nullptr};
+constexpr MemoryLayout kBank2 = {"tvm/bank2.bin", nullptr};
+constexpr MemoryLayout kOwnEeprom = {"tvm/eeprom.bin", "eeprom_size"};
+constexpr MemoryLayout kFerundEeprom = {"tvm/ferund.bin", "ferund_size"};
 
 size_t memory_size(const json &config, const MemoryLayout &layout) {
-    if (layout.size_key == nullptr)
-        return layout.default_size;
-    return member(config, layout.size_key).is_number()
-               ? member(config, layout.size_key).get<size_t>()
-               : layout.default_size;
+    return layout.size_key == nullptr ? kBankSize : setting_in(config, layout.size_key);
 }
 
 // One memory of the microcontroller.
@@ -127,12 +133,12 @@ class Microcontroller : public Device {
 public:
     explicit Microcontroller(Board &board)
         : Device(board), bank1_(board, kBank1), bank2_(board, kBank2), eeprom_(board, kOwnEeprom),
-          ferund_(board, kFerundEeprom), link_rate_(setting(board, "driver_rate", 115200)) {}
+          ferund_(board, kFerundEeprom), link_rate_(setting(board, "driver_rate")) {}
 
     ssize_t write(const void *buf, size_t count) override {
         const uint8_t *bytes = static_cast<const uint8_t *>(buf);
         board_.advance_ns(count * byte_ns());
-        if (link_rate_ != setting(board_, "rate", 128906)) {
+        if (link_rate_ != setting(board_, "rate")) {
             board_.trace("uart_garbled",
                          {{"bytes", hex_bytes(bytes, count)}, {"rate", link_rate_}});
             return static_cast<ssize_t>(count);
@@ -148,8 +154,7 @@ public:
     ssize_t read(void *buf, size_t count) override {
         uint64_t now = board_.now_ns();
         bool nonblocking = (open_flags() & O_NONBLOCK) != 0;
-        uint64_t deadline =
-            nonblocking ? now : now + setting(board_, "read_timeout_ms", 500) * kNsPerMs;
+        uint64_t deadline = nonblocking ? now : now + setting(board_, "read_timeout_ms") * kNsPerMs;
         uint8_t *out = static_cast<uint8_t *>(buf);
         size_t got = 0;
         uint64_t last = now;
@@ -192,7 +197,7 @@ private:
     bool flag(const char *key) { return state().value(key, false); }
     // The bank named in board.json, until a power cycle has started another one.
     int running_bank() {
-        return state().value("running_bank", static_cast<int>(setting(board_, "running_bank", 1)));
+        return state().value("running_bank", static_cast<int>(setting(board_, "running_bank")));
     }
 
     // The version the running firmware reports: board.json's for the firmware the board was
@@ -202,8 +207,8 @@ private:
         const json &rewritten = member(state(), "rewritten_banks");
         if (!rewritten.is_array() ||
             std::find(rewritten.begin(), rewritten.end(), number) == rewritten.end())
-            return static_cast<uint8_t>(setting(board_, "software_version", 16));
-        return bank(number).get(setting(board_, "version_offset", kVersionOffset));
+            return static_cast<uint8_t>(setting(board_, "software_version"));
+        return bank(number).get(setting(board_, "version_offset"));
     }
 
     Memory &bank(int number) { return number == 2 ? bank2_ : bank1_; }
@@ -212,7 +217,7 @@ private:
         size_t i = static_cast<size_t>(number - 1);
         if (bases.is_array() && i < bases.size() && bases[i].is_number())
             return bases[i].get<uint32_t>();
-        return number == 2 ? 0x30000 : 0x10000;
+        return defaults().at("bank_base").at(i).get<uint32_t>();
     }
 
     // The power commands are sent as 5 bytes: their 4-byte frame and a 0x00 after it.
@@ -286,7 +291,7 @@ private:
     void send(const Command &command, const Outcome &outcome) {
         Bytes reply = reply_to(command, outcome);
         uint64_t start = std::max(board_.now_ns(), busy_until_) +
-                         setting(board_, "reply_delay_us", 200) * kNsPerUs + outcome.busy_ns;
+                         setting(board_, "reply_delay_us") * kNsPerUs + outcome.busy_ns;
         busy_until_ = start;
         json event{{"cmd", command.name}};
         if (board_.take_fault("uart_no_reply", command.name)) {
@@ -298,7 +303,7 @@ private:
             reply.resize(std::min(reply.size(), f->value("bytes", reply.size() - 1)));
         if (board_.take_fault("uart_bad_checksum", command.name))
             reply.back() = static_cast<uint8_t>(reply.back() + 1);
-        uint64_t late = setting(board_, "read_timeout_ms", 500) * kNsPerMs + kNsPerMs;
+        uint64_t late = setting(board_, "read_timeout_ms") * kNsPerMs + kNsPerMs;
         if (board_.take_fault("uart_late_reply", command.name))
             start += late;
         size_t in_time = reply.size(); // the bytes before the split
@@ -327,7 +332,7 @@ private:
         case 0x28:
             return Outcome{kAck, {running_version()}};
         case 0x83:
-            return Outcome{kAck, {static_cast<uint8_t>(setting(board_, "micro_id", 33))}};
+            return Outcome{kAck, {static_cast<uint8_t>(setting(board_, "micro_id"))}};
         case 0x16:
         case 0x18:
             return set_port(code == 0x16, p[0], p[1]);
@@ -409,7 +414,7 @@ private:
         const json &dog = member(state(), "guard_dog");
         bool on = dog.is_object() ? dog.value("on", true) : true;
         uint64_t ms =
-            dog.is_object() ? dog.value("ms", uint64_t{0}) : setting(board_, "guard_dog_ms", 2000);
+            dog.is_object() ? dog.value("ms", uint64_t{0}) : setting(board_, "guard_dog_ms");
         uint64_t since = state().value("guard_dog_since_ns", uint64_t{0});
         if (!on || board_.now_ns() < since + ms * kNsPerMs)
             return;
@@ -427,7 +432,7 @@ private:
         if (!rewritten.is_array() ||
             std::find(rewritten.begin(), rewritten.end(), number) == rewritten.end())
             rewritten.push_back(number);
-        return Outcome{kAck, {}, setting(board_, "erase_ms", 300) * kNsPerMs};
+        return Outcome{kAck, {}, setting(board_, "erase_ms") * kNsPerMs};
     }
 
     // Blocks go to the bank erased last, at their address less the bank's base.
@@ -437,9 +442,9 @@ private:
             address - bank_base(number) + kBlockSize > kBankSize)
             return refused();
         bank(number).program(address - bank_base(number), data, kBlockSize);
-        uint64_t write_ns = setting(board_, "block_write_us", 1000) * kNsPerUs;
+        uint64_t write_ns = setting(board_, "block_write_us") * kNsPerUs;
         state()["flash_settled_ns"] =
-            board_.now_ns() + write_ns + setting(board_, "checksum_settle_ms", 3000) * kNsPerMs;
+            board_.now_ns() + write_ns + setting(board_, "checksum_settle_ms") * kNsPerMs;
         return Outcome{kAck, {}, write_ns};
     }
 
@@ -494,7 +499,7 @@ private:
             target == 0 ? &eeprom_ : (target == 1 && flag("power") ? &ferund_ : nullptr);
         if (memory == nullptr || address + kBlockSize > memory->size())
             return refused();
-        uint64_t write_ns = setting(board_, "eeprom_write_ms", 5) * kNsPerMs;
+        uint64_t write_ns = setting(board_, "eeprom_write_ms") * kNsPerMs;
         if (const json *f = board_.take_fault("eeprom_write_status", "eeprom_write"))
             return Outcome{kAck,
                            {static_cast<uint8_t>(f->value("status", 1))},
@@ -525,21 +530,14 @@ private:
 } // namespace
 
 json default_microcontroller_config() {
-    return json{{"rate", 128906},
-                {"driver_rate", 115200},
-                {"read_timeout_ms", 500},
-                {"running_bank", 1},
-                {"software_version", 16},
-                {"micro_id", 33},
-                {"bank_base", {0x10000, 0x30000}},
-                {"eeprom_size", 32768},
-                {"ferund_size", 32768},
-                {"reply_delay_us", 200},
-                {"erase_ms", 300},
-                {"block_write_us", 1000},
-                {"eeprom_write_ms", 5},
-                {"guard_dog_ms", 2000},
-                {"checksum_settle_ms", 3000}};
+    return json{{"rate", 128906},         {"driver_rate", 115200},
+                {"read_timeout_ms", 500}, {"running_bank", 1},
+                {"software_version", 16}, {"version_offset", kVersionOffset},
+                {"micro_id", 33},         {"bank_base", {0x10000, 0x30000}},
+                {"eeprom_size", 32768},   {"ferund_size", 32768},
+                {"reply_delay_us", 200},  {"erase_ms", 300},
+                {"block_write_us", 1000}, {"eeprom_write_ms", 5},
+                {"guard_dog_ms", 2000},   {"checksum_settle_ms", 3000}};
 }
 
 bool create_microcontroller_files(const std::string &board_dir, const json &config) {

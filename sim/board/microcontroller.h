@@ -5,10 +5,10 @@
 //
 // board.json "microcontroller" (absent: the board has no such UART):
 //   { "rate": 128906, "driver_rate": 115200, "read_timeout_ms": 500,
-//     "running_bank": 1, "software_version": 16, "micro_id": 33,
+//     "running_bank": 1, "software_version": 16, "version_offset": 256, "micro_id": 33,
 //     "bank_base": [65536, 196608], "eeprom_size": 32768, "ferund_size": 32768,
 //     "reply_delay_us": 200, "erase_ms": 300, "block_write_us": 1000, "eeprom_write_ms": 5,
-//     "guard_dog_ms": 2000, "checksum_settle_ms": 3000 }
+//     "guard_dog_ms": 2000, "checksum_settle_ms": 3000 }  (a setting left out: this value)
 // Contents: tvm/bank1.bin, tvm/bank2.bin (98304 bytes each), tvm/eeprom.bin, tvm/ferund.bin.
 // Faults (target: the command's name, e.g. "write_flash"): uart_no_reply, uart_short_reply
 // ("bytes"), uart_late_reply, uart_split_reply ("bytes" in time, the rest late),
@@ -20,7 +20,8 @@
 
 namespace tvsim {
 
-// The "microcontroller" section that a new board gets.
+// The "microcontroller" section that a new board gets; a setting that a board.json leaves out
+// has its value here.
 json default_microcontroller_config();
 
 // Writes the microcontroller's flash banks and EEPROMs, erased (0xFF), into a new board.

@@ -68,8 +68,7 @@ std::vector<Span> merged_spans(const std::vector<json> &events, Span run,
         if (span_of(e, &s) && s.begin < run.end && s.end > run.begin)
             spans.push_back({std::max(s.begin, run.begin), std::min(s.end, run.end)});
     }
-    std::sort(spans.begin(), spans.end(),
-              [](const Span &a, const Span &b) { return a.begin < b.begin; });
+    std::ranges::sort(spans, {}, &Span::begin);
     std::vector<Span> merged;
     for (const Span &s : spans) {
         if (!merged.empty() && s.begin <= merged.back().end)

@@ -4,6 +4,7 @@
 #include "report.h"
 
 #include <cmath>
+#include <optional>
 
 namespace tvsim::report {
 
@@ -161,30 +162,33 @@ private:
 
     // The spans within a component, as shaded stretches; stretches less than half a pixel
     // apart are drawn as one, so that thousands of bus transfers make a few rectangles.
+    // A shaded stretch, in picture x.
+    struct Stretch {
+        double begin, end;
+    };
+
     void shade(const std::vector<Span> &spans, Span within, double bar_y, const char *colour) {
-        double open_begin = -1;
-        double open_end = -1;
+        std::optional<Stretch> open; // the stretch that the next span may still extend
         for (const Span &s : spans) {
             if (s.end <= within.begin || s.begin >= within.end)
                 continue;
             double begin = x_of(std::max(s.begin, within.begin));
             double end = x_of(std::min(s.end, within.end));
-            if (open_begin >= 0 && begin - open_end < 0.5) {
-                open_end = std::max(open_end, end);
+            if (open && begin - open->end < 0.5) {
+                open->end = std::max(open->end, end);
                 continue;
             }
-            stretch(open_begin, open_end, bar_y, colour);
-            open_begin = begin;
-            open_end = end;
+            if (open)
+                stretch(*open, bar_y, colour);
+            open = Stretch{begin, end};
         }
-        stretch(open_begin, open_end, bar_y, colour);
+        if (open)
+            stretch(*open, bar_y, colour);
     }
 
-    void stretch(double begin, double end, double bar_y, const char *colour) {
-        if (begin < 0)
-            return;
+    void stretch(const Stretch &s, double bar_y, const char *colour) {
         fprintf(out_, "<rect x=\"%.2f\" y=\"%.1f\" width=\"%.2f\" height=\"%.0f\" fill=\"%s\"/>\n",
-                begin, bar_y, std::max(end - begin, 0.5), kLayout.bar_height, colour);
+                s.begin, bar_y, std::max(s.end - s.begin, 0.5), kLayout.bar_height, colour);
     }
 
     const Run &run_;

@@ -23,6 +23,7 @@
 #include <filesystem>
 #include <sched.h>
 #include <string>
+#include <string_view>
 #include <unistd.h>
 #include <vector>
 
@@ -130,8 +131,9 @@ int run_program(const std::string &board_dir, std::string preload, char **progra
     std::vector<std::string> env;
     const char *asan = getenv("ASAN_OPTIONS");
     for (char **e = environ; *e != nullptr; ++e) {
-        if (strncmp(*e, "LD_PRELOAD=", 11) != 0 && strncmp(*e, "TVSIM_BOARD=", 12) != 0 &&
-            strncmp(*e, "TVSIM_EXE=", 10) != 0 && strncmp(*e, "ASAN_OPTIONS=", 13) != 0)
+        std::string_view variable = *e;
+        if (!variable.starts_with("LD_PRELOAD=") && !variable.starts_with("TVSIM_BOARD=") &&
+            !variable.starts_with("TVSIM_EXE=") && !variable.starts_with("ASAN_OPTIONS="))
             env.emplace_back(*e);
     }
     env.push_back("TVSIM_BOARD=" + board->dir());

@@ -282,7 +282,8 @@ TEST_F(ConfigRoms, EachRowWaitsWithinItsOwnBudgets) {
 }
 
 // Without /dev/spioctl the tool makes its own node from the minor number /proc/misc lists; a
-// board whose microcontroller never connects the bus hears no ROM at all.
+// board whose microcontroller never connects the bus (bit 0x04 of port 1; its other bits do not)
+// hears no ROM at all.
 TEST_F(ConfigRoms, TheDeviceNodeAndTheBusConnection) {
     const std::string data = image(300, 21);
     const std::string missing = "/dev/spioctl is not found : create new one for spioctl under "
@@ -291,8 +292,9 @@ TEST_F(ConfigRoms, TheDeviceNodeAndTheBusConnection) {
         const char *what;
         json spi;
         json fault;
-        std::string steps; // the lines between the FPGA step's first and last line
-        std::string nodes; // made, as "path major,minor"
+        std::string steps;       // the lines between the FPGA step's first and last line
+        std::string nodes;       // made, as "path major,minor"
+        int other_port_bits = 0; // of port 1, set before the run
     } cases[] = {
         {"node from /proc/misc, after names that begin like it",
          json{{"node", false},
@@ -305,12 +307,16 @@ TEST_F(ConfigRoms, TheDeviceNodeAndTheBusConnection) {
         {"bus not connected", json::object(), fault("uart_nak", "set_port"),
          "Reading from file : /tmp/M1/writedata/fpga_config_sum_tr1.bin \nCheck tha status of "
          "SPI-ROM, please wait... \n Timeout RDSR(0xff)!\n",
-         ""},
+         "", 0xFB},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         make_board({0}, {{0, data}}, c.fault);
         board.change_config([&](json &config) { config["spi"].update(c.spi); });
+        board.reboot(); // the board's first state, to set the port in
+        json state = board.state();
+        state["microcontroller"]["ports"]["1"] = c.other_port_bits;
+        board.write("state.json", state.dump());
         const bool ok = !c.nodes.empty();
         expect_run(board.tvupdate({"M1"}), ok ? 0 : 255, fpga_run(c.steps, ok));
         std::string nodes;

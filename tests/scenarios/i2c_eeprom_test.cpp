@@ -206,10 +206,13 @@ TEST_F(I2cEeproms, I2cToolsSeeWhatTheToolWroteAndTheToolSeesWhatTheyWrote) {
     RunResult current = board.run({"i2cget", "-y", "0", "0x51"}); // the address counter
     EXPECT_EQ(current.output, "0xff\n");
 
-    EXPECT_EQ(board.run({"i2cset", "-y", "0", "0x51", "0x01", "0x23", "0xc7", "i"}).exit_status, 0);
-    RunResult tool = board.run({TVSIM_CALL_UPDATER, "pelto_read", "-", "-", "0x0123"});
+    EXPECT_EQ(board.run({"i2cset", "-y", "0", "0x51", "0x00", "0x0f", "0xc7", "i"}).exit_status, 0);
+    board.run({"sleep", "0.01"}); // the write cycle
+    // After a write the address counter stands at the next byte, which the tool wrote.
+    EXPECT_EQ(board.run({"i2cget", "-y", "0", "0x51"}).output, "0x5a\n");
+    RunResult tool = board.run({TVSIM_CALL_UPDATER, "pelto_read", "-", "-", "0x000f"});
     EXPECT_EQ(tool.output, "0xc7\nresult 0\n");
-    EXPECT_EQ(board.read("i2c/pelto.bin")[0x123], '\xc7');
+    EXPECT_EQ(board.read("i2c/pelto.bin")[0x0f], '\xc7');
 }
 
 class VornekUpdater : public Scenario {

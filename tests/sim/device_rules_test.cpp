@@ -161,9 +161,11 @@ TEST_F(DeviceRules, KernelFilesDoOnlyWhatTheirOpenModeAllows) {
     const char *sd = "/proc/sdcard/ctrl";
     char text[64] = {};
     // errno of one call on a descriptor opened with flags (or of the open), 0 when both worked.
+    // A refused open answers -1, as the C library does; another negative value goes on to the
+    // call and fails it with EBADF.
     auto on = [&](const char *path, int flags, const std::function<bool(int)> &call) {
         int fd = open(path, flags);
-        if (fd < 0)
+        if (fd == -1)
             return errno;
         int err = error_of(!call(fd));
         close(fd);
@@ -196,9 +198,20 @@ TEST_F(DeviceRules, KernelFilesDoOnlyWhatTheirOpenModeAllows) {
         {"misc table, for writing", fopens("/proc/misc", "w"), EACCES},
         {"misc table, read-only", on("/proc/misc", O_RDONLY, reads), 0},
     };
+    // A refused open gives its descriptor back: with standard input closed, the next open
+    // gets descriptor 0.
+    int input = dup(0);
+    close(0);
+    int refused = open(rescan, O_RDONLY);
+    int next = open("/proc/misc", O_RDONLY);
+    close(next);
+    dup2(input, 0);
+    close(input);
     detach();
     for (const auto &c : cases)
         EXPECT_EQ(c.err, c.expected) << c.what;
+    EXPECT_EQ(refused, -1);
+    EXPECT_EQ(next, 0);
     EXPECT_EQ(trace("rescan").size(), 1u);
 }
 
@@ -324,12 +337,23 @@ TEST_F(DeviceRules, TheMicrocontrollerAnswersOnlyWhatItIsSent) {
     ASSERT_EQ(write(nonblocking, status, sizeof status), 4);
     int early = error_of(read(nonblocking, reply, 22) < 0);
     close(nonblocking);
+    // A reply comes after the reply delay (200 us) and its bytes' wire time, 10 bits a byte at
+    // the link's rate: the ID query is taken 22 + 4 byte times after the status query.
+    fd = open_link(O_RDWR);
+    tvm_GetStatus(fd);
+    tvm_GetMicroID(fd);
+    close(fd);
     detach();
     testing::internal::GetCapturedStdout();
     // In the order of the calls above.
     EXPECT_EQ((std::vector<int>{read_result, refusal, close_outside, close_unerased, close_first,
                                 close_again, after_stray, unpadded, early}),
               (std::vector<int>{0, 0x31, -1, -1, 0, 0, -1, -1, EAGAIN}));
+    std::vector<json> frames = trace("uart_frame");
+    ASSERT_GE(frames.size(), 2u);
+    const uint64_t byte_ns = 10'000'000'000 / tvm_link_rate("M1");
+    EXPECT_EQ(frames.back()["t"].get<uint64_t>() - frames[frames.size() - 2]["t"].get<uint64_t>(),
+              200'000 + (22 + 4) * byte_ns);
 }
 
 TEST_F(DeviceRules, TheGuardDogEndsWritingModeUnlessItIsStopped) {

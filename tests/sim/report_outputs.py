@@ -179,6 +179,12 @@ def check_svg(svg_path, rsvg, png_path):
               f"{bar} at {fraction}: {colour_at(bar, fraction)} instead of {colour}")
     x, y, width, height = bars["Beta"]
     check(pixel(int(x + width * 0.3), int(y - 3)) == (255, 255, 255), "space between the rows")
+    # The time axis runs from the run's start (Alpha's left edge) to its end (Beta's right edge).
+    axis = [(float(line.get("x1")), float(line.get("x2")))
+            for line in ET.parse(svg_path).getroot().iter("{http://www.w3.org/2000/svg}line")
+            if line.get("stroke") == "#555555"]
+    check(len(axis) == 1 and abs(axis[0][0] - bars["Alpha & <Co>"][0]) < 0.1 and
+          abs(axis[0][1] - (x + width)) < 0.1, f"time axis {axis}")
 
 
 def main():
