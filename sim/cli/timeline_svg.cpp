@@ -160,13 +160,13 @@ private:
                 seconds(c.time.end - c.time.begin), seconds(c.own_ns()));
     }
 
-    // The spans within a component, as shaded stretches; stretches less than half a pixel
-    // apart are drawn as one, so that thousands of bus transfers make a few rectangles.
     // A shaded stretch, in picture x.
     struct Stretch {
         double begin, end;
     };
 
+    // The spans within a component, as shaded stretches; stretches less than half a pixel
+    // apart are drawn as one, so that thousands of bus transfers make a few rectangles.
     void shade(const std::vector<Span> &spans, Span within, double bar_y, const char *colour) {
         std::optional<Stretch> open; // the stretch that the next span may still extend
         for (const Span &s : spans) {
