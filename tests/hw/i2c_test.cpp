@@ -390,6 +390,23 @@ TEST_F(I2cModels, KolmaAnswersAfterResetReleaseAndOpensItsEepromAfterEnable) {
     EXPECT_EQ(kolma(0x0016, 1), 0);              // the EEPROM enable register
     EXPECT_EQ(kolma(0x0016, 0), 0);
     EXPECT_EQ(kolma(0x40FA, 0x5745), 0);
+    // Reads: only the registers that give a value answer; a write-only register, or one past
+    // the read interface's 16 data bytes, refuses the register's low byte.
+    const struct {
+        uint16_t reg;
+        int err;
+    } reads[] = {
+        {.reg = 0x40F8, .err = 0},              // write status
+        {.reg = 0x4002, .err = 0},              // read status
+        {.reg = 0x400C + 15, .err = 0},         // the last data byte
+        {.reg = 0x400C + 16, .err = EREMOTEIO}, // the read start
+        {.reg = 0x40FA, .err = EREMOTEIO},      // a key
+    };
+    for (const auto &r : reads) {
+        uint8_t reg[2] = {static_cast<uint8_t>(r.reg >> 8), static_cast<uint8_t>(r.reg)};
+        uint8_t value[2] = {};
+        EXPECT_EQ(rdwr(bus2_, {{0x29, 0, 2, reg}, {0x29, I2C_M_RD, 2, value}}), r.err) << r.reg;
+    }
     // A reset forgets the enable.
     ASSERT_EQ(PIO_BitWrite(23, 0), PIO_OK);
     EXPECT_EQ(kolma(0x40FA, 0x5745), ENXIO);
