@@ -120,8 +120,7 @@ private:
                 return fail(EOPNOTSUPP);
             messages.push_back({m.addr, (m.flags & I2C_M_RD) != 0, m.buf, m.len});
         }
-        int done = transfer(messages.data(), messages.size());
-        return done < 0 ? -1 : done;
+        return transfer(messages.data(), messages.size());
     }
 
     // The kernel's SMBus emulation for plain I2C adapters: one or two messages.
