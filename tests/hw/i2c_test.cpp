@@ -229,8 +229,9 @@ protected:
         close(bus2_);
         I2cOnBoard::TearDown();
     }
-    // errno of a failed request, 0 when it succeeded.
-    static int error_of(int result) { return result < 0 ? errno : 0; }
+    // errno of a failed request (which returns -1, as the kernel's calls do), 0 when it
+    // succeeded; any other negative result as it is.
+    static int error_of(int result) { return result == -1 ? errno : std::min(result, 0); }
     int rdwr(int fd, std::vector<i2c_msg> messages) {
         i2c_rdwr_ioctl_data data{messages.data(), static_cast<uint32_t>(messages.size())};
         return error_of(ioctl(fd, I2C_RDWR, &data));
@@ -263,6 +264,11 @@ TEST_F(I2cModels, AdapterRefusesWhatI2cDevRefuses) {
     i2c_smbus_ioctl_data bad_direction{2, 0, I2C_SMBUS_BYTE_DATA, nullptr};
     i2c_smbus_data data{};
     i2c_smbus_ioctl_data bad_size{I2C_SMBUS_READ, 0, 99, &data};
+    i2c_smbus_ioctl_data read_byte{I2C_SMBUS_READ, 0, I2C_SMBUS_BYTE_DATA, &data};
+    auto smbus_at = [&](int address, i2c_smbus_ioctl_data *call) {
+        EXPECT_EQ(ioctl(bus0_, I2C_SLAVE, address), 0);
+        return error_of(ioctl(bus0_, I2C_SMBUS, call));
+    };
     const struct {
         const char *what;
         int error;
@@ -276,6 +282,7 @@ TEST_F(I2cModels, AdapterRefusesWhatI2cDevRefuses) {
         {"SMBus direction", error_of(ioctl(bus0_, I2C_SMBUS, &bad_direction)), EINVAL},
         {"SMBus size", error_of(ioctl(bus0_, I2C_SMBUS, &bad_size)), EINVAL},
         {"no device", rdwr(bus0_, {{0x52, I2C_M_RD, 1, &byte}}), ENXIO},
+        {"SMBus read, no device", smbus_at(0x52, &read_byte), ENXIO},
         {"unknown request", error_of(ioctl(bus0_, 0x7799, &byte)), ENOTTY},
     };
     for (const auto &c : cases)
