@@ -60,6 +60,13 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
         {"symlink", [](const char *p) { return symlink("/tmp/marker", p) == 0; }},
         {"link", [](const char *p) { return link("/tmp/marker", p) == 0; }},
         {"rename", [](const char *p) { return rename("/tmp/marker.copy", p) == 0; }},
+        {"renameat", // from a name under a directory's descriptor to a name of its own
+         [](const char *p) {
+             int tmp = open("/tmp", O_RDONLY | O_DIRECTORY);
+             int result = renameat(tmp, "marker.copy", AT_FDCWD, p);
+             close(tmp);
+             return result == 0;
+         }},
         {"mkstemp",
          [&](const char *p) {
              std::string name = std::string(p) + "XXXXXX";
