@@ -22,7 +22,9 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
     EXPECT_EQ(errno, EPERM);
     EXPECT_EQ(system("true"), -1);
 
+    EXPECT_EQ(tvsim_attach((dir_ / "no-board").c_str()), -1);
     attach();
+    EXPECT_EQ(tvsim_attach(dir_.c_str()), -1); // one board at a time
     const char *mount_point = nullptr;
     EXPECT_EQ(search_usb_media(&mount_point), 0);
     EXPECT_STREQ(mount_point, "/tmp/usb");
