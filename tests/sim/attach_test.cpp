@@ -93,6 +93,7 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
                     std::filesystem::is_symlink(dir_ / "fs/tmp" / name))
             << name;
         EXPECT_FALSE(std::filesystem::exists("/tmp/" + name)) << name;
+        std::filesystem::remove("/tmp/" + name); // what a call gone astray left on the host
     }
     EXPECT_EQ(read_file("fs/tmp/made-by-symlink"), "on-board\n"); // the link stays on the board
 
