@@ -25,6 +25,11 @@ const json &settings(const Board &board) {
     return member(board.config(), "i2c");
 }
 
+// The bytes of a device's EEPROM: "size", 32 KiB without it.
+size_t eeprom_size(const json &device_config) {
+    return number_from(member(device_config, "size"), 32768);
+}
+
 std::string hex_address(int address) {
     char text[8];
     snprintf(text, sizeof text, "0x%02x", address);
@@ -120,8 +125,7 @@ private:
                 return fail(EOPNOTSUPP);
             messages.push_back({m.addr, (m.flags & I2C_M_RD) != 0, m.buf, m.len});
         }
-        int done = transfer(messages.data(), messages.size());
-        return done < 0 ? -1 : done;
+        return transfer(messages.data(), messages.size());
     }
 
     // The kernel's SMBus emulation for plain I2C adapters: one or two messages.
@@ -315,7 +319,7 @@ EepromCells::EepromCells(Board &board, const json &device_config)
     : StoredCells(board,
                   board.file(device_config.value("file", "i2c/" + device_config.value("name", "") +
                                                              ".bin")),
-                  number_from(member(device_config, "size"), 32768)) {}
+                  eeprom_size(device_config)) {}
 
 std::unique_ptr<Device> open_i2c_bus(Board &board, std::string_view path, int, int *err) {
     if (path.substr(0, 9) != "/dev/i2c-" || !settings(board).is_object())
@@ -394,8 +398,7 @@ bool create_i2c_files(const std::string &board_dir, const json &config) {
         fs::path file = fs::path(board_dir) / devices[i]["file"].get<std::string>();
         std::error_code ec;
         fs::create_directories(file.parent_path(), ec);
-        size_t size = number_from(member(devices[i], "size"), 32768);
-        if (!write_file(file.string(), std::string(size, '\xff')))
+        if (!write_file(file.string(), std::string(eeprom_size(devices[i]), '\xff')))
             return false;
     }
     return true;

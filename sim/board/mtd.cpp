@@ -139,9 +139,9 @@ public:
     ssize_t read(void *buf, size_t count) override {
         if (!readable_)
             return fail(EBADF);
-        if (pos_ >= p_.size)
-            return 0;
         size_t n = static_cast<size_t>(std::min<uint64_t>(count, p_.size - pos_));
+        if (n == 0)
+            return 0; // at the end, or nothing asked for: as the kernel, nothing is read
         json event{{"mtd", p_.name}, {"offset", pos_}, {"length", n}};
         if (p_.nand && read_fails(pos_, n))
             return refuse("mtd_read", event, EIO);
@@ -359,17 +359,16 @@ private:
         counts[what] = number_from(member(counts, what), 0) + n;
     }
 
-    // An injected read failure ("nand_read_fail") in a block of [offset, offset + n).
+    // An injected read failure ("nand_read_fail") in a block of [offset, offset + n), n > 0.
     bool read_fails(uint64_t offset, size_t n) {
-        for (uint64_t b = offset / p_.erasesize; n > 0 && b <= (offset + n - 1) / p_.erasesize;
-             ++b) {
+        for (uint64_t b = offset / p_.erasesize; b <= (offset + n - 1) / p_.erasesize; ++b) {
             if (board_.take_fault("nand_read_fail", block_target(b)) != nullptr)
                 return true;
         }
         return false;
     }
 
-    // What the ECC makes of the pages read into data (the bytes from pos_): a page whose stored
+    // What the ECC makes of the pages read into data (n > 0 bytes from pos_): a page whose stored
     // ECC does not match its data, or a block with an injected "nand_bitflip" that ECC cannot
     // correct, is counted as failed and delivered as read; bitflips it can correct are counted
     // and delivered corrected. The character device returns the data either way.
@@ -377,7 +376,7 @@ private:
         uint64_t failed = 0;
         uint64_t corrected = 0;
         uint64_t last_block = ~uint64_t{0};
-        for (uint64_t page = pos_ / p_.writesize; n > 0 && page * p_.writesize < pos_ + n; ++page) {
+        for (uint64_t page = pos_ / p_.writesize; page * p_.writesize < pos_ + n; ++page) {
             uint64_t at = page * p_.writesize;
             if (at / p_.erasesize != last_block) {
                 last_block = at / p_.erasesize;

@@ -75,15 +75,34 @@ template <typename Fn> int creating_both(Fn fn, const char *from, const char *to
     return fn(host_from.c_str(), host_to.c_str());
 }
 
-// A *at call with two names: taken to the board when both name themselves.
+// One name of a *at call as the real call takes it: where it lands on the board when it names
+// itself, else as it is, relative to its directory descriptor.
+struct AtName {
+    int dirfd;
+    const char *path;
+    std::string host;
+};
+
+bool land_at(const Hook &hook, AtName *name) {
+    if (!names_by_itself(name->dirfd, name->path))
+        return true;
+    if (!land(hook, name->path, &name->host))
+        return false;
+    name->dirfd = AT_FDCWD;
+    name->path = name->host.c_str();
+    return true;
+}
+
+// A *at call with two names, each taken on its own.
 template <typename Real, typename... Extra>
 int two_names_at(Real real, int fromfd, const char *from, int tofd, const char *to,
                  Extra... extra) {
-    if (!names_by_itself(fromfd, from) || !names_by_itself(tofd, to))
-        return real(fromfd, from, tofd, to, extra...);
-    return creating_both(
-        [=](const char *f, const char *t) { return real(AT_FDCWD, f, AT_FDCWD, t, extra...); },
-        from, to);
+    Hook hook;
+    AtName f{fromfd, from, {}}, t{tofd, to, {}};
+    if (hook.active() && from != nullptr && to != nullptr &&
+        (!land_at(hook, &f) || !land_at(hook, &t)))
+        return -1;
+    return real(f.dirfd, f.path, t.dirfd, t.path, extra...);
 }
 
 // mkstemp and its kin fill in the template's last X's (before a suffix) in place: they run on

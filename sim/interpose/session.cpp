@@ -2,6 +2,7 @@
 
 #include "interpose/control.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -30,10 +31,8 @@ void limit_files() {
         return;
     g_host_files = limit;
     g_files_limited = true;
-    if (limit.rlim_cur == RLIM_INFINITY || limit.rlim_cur > kMaxDeviceFd) {
-        limit.rlim_cur = kMaxDeviceFd;
-        setrlimit(RLIMIT_NOFILE, &limit);
-    }
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_cur, kMaxDeviceFd); // RLIM_INFINITY is the largest
+    setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 void restore_files() {

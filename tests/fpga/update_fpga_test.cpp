@@ -7,6 +7,7 @@
 #include "support/board_fixture.h"
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 
 namespace fs = std::filesystem;
 using testsupport::json;
@@ -85,6 +86,38 @@ TEST_F(UpdateFpgaOnBoard, PageProgramNeedsWriteEnableWrapsInItsPageAndClearsBits
     // The second half wrapped to the page start.
     EXPECT_EQ(page, data.substr(16) + std::string(0xF0 - 16, '\xff') + data.substr(0, 16));
     EXPECT_EQ(static_cast<uint8_t>(after[0]), 0xE0 & 0x0F);
+}
+
+// The control driver takes at most 64 KiB each way in one request and answers a transfer with
+// the number of bytes on the bus.
+TEST_F(UpdateFpgaOnBoard, TransfersAreBoundedAndCountTheirBytes) {
+    attach();
+    std::vector<uint8_t> buffer(65537);
+    const uint8_t read[4] = {0x03, 0, 0, 0};
+    const struct {
+        const char *what;
+        unsigned long request;
+        spio_transfer transfer;
+        int result; // or -errno
+    } cases[] = {
+        {"a 64 KiB read",
+         SPIO_WRITE_THEN_READ,
+         {.tx_len = 4, .tx_buf = read, .rx_len = 65536, .rx_buf = buffer.data()},
+         4 + 65536},
+        {"a longer read",
+         SPIO_WRITE_THEN_READ,
+         {.tx_len = 4, .tx_buf = read, .rx_len = 65537, .rx_buf = buffer.data()},
+         -EINVAL},
+        {"a longer write",
+         SPIO_WRITE,
+         {.tx_len = 65537, .tx_buf = buffer.data(), .rx_len = 0, .rx_buf = nullptr},
+         -EINVAL},
+    };
+    for (auto c : cases) {
+        int result = ioctl(spi_fd, c.request, &c.transfer);
+        EXPECT_EQ(result < 0 ? -errno : result, c.result) << c.what;
+    }
+    detach();
 }
 
 // The board comes up with the access lines idle and the FPGA resets high. Configuration done

@@ -229,8 +229,9 @@ protected:
         close(bus2_);
         I2cOnBoard::TearDown();
     }
-    // errno of a failed request, 0 when it succeeded.
-    static int error_of(int result) { return result < 0 ? errno : 0; }
+    // errno of a failed request (which returns -1, as the kernel's calls do), 0 when it
+    // succeeded; any other negative result as it is.
+    static int error_of(int result) { return result == -1 ? errno : std::min(result, 0); }
     int rdwr(int fd, std::vector<i2c_msg> messages) {
         i2c_rdwr_ioctl_data data{messages.data(), static_cast<uint32_t>(messages.size())};
         return error_of(ioctl(fd, I2C_RDWR, &data));
@@ -263,6 +264,11 @@ TEST_F(I2cModels, AdapterRefusesWhatI2cDevRefuses) {
     i2c_smbus_ioctl_data bad_direction{2, 0, I2C_SMBUS_BYTE_DATA, nullptr};
     i2c_smbus_data data{};
     i2c_smbus_ioctl_data bad_size{I2C_SMBUS_READ, 0, 99, &data};
+    i2c_smbus_ioctl_data read_byte{I2C_SMBUS_READ, 0, I2C_SMBUS_BYTE_DATA, &data};
+    auto smbus_at = [&](int address, i2c_smbus_ioctl_data *call) {
+        EXPECT_EQ(ioctl(bus0_, I2C_SLAVE, address), 0);
+        return error_of(ioctl(bus0_, I2C_SMBUS, call));
+    };
     const struct {
         const char *what;
         int error;
@@ -276,6 +282,7 @@ TEST_F(I2cModels, AdapterRefusesWhatI2cDevRefuses) {
         {"SMBus direction", error_of(ioctl(bus0_, I2C_SMBUS, &bad_direction)), EINVAL},
         {"SMBus size", error_of(ioctl(bus0_, I2C_SMBUS, &bad_size)), EINVAL},
         {"no device", rdwr(bus0_, {{0x52, I2C_M_RD, 1, &byte}}), ENXIO},
+        {"SMBus read, no device", smbus_at(0x52, &read_byte), ENXIO},
         {"unknown request", error_of(ioctl(bus0_, 0x7799, &byte)), ENOTTY},
     };
     for (const auto &c : cases)
@@ -390,6 +397,23 @@ TEST_F(I2cModels, KolmaAnswersAfterResetReleaseAndOpensItsEepromAfterEnable) {
     EXPECT_EQ(kolma(0x0016, 1), 0);              // the EEPROM enable register
     EXPECT_EQ(kolma(0x0016, 0), 0);
     EXPECT_EQ(kolma(0x40FA, 0x5745), 0);
+    // Reads: only the registers that give a value answer; a write-only register, or one past
+    // the read interface's 16 data bytes, refuses the register's low byte.
+    const struct {
+        uint16_t reg;
+        int err;
+    } reads[] = {
+        {.reg = 0x40F8, .err = 0},              // write status
+        {.reg = 0x4002, .err = 0},              // read status
+        {.reg = 0x400C + 15, .err = 0},         // the last data byte
+        {.reg = 0x400C + 16, .err = EREMOTEIO}, // the read start
+        {.reg = 0x40FA, .err = EREMOTEIO},      // a key
+    };
+    for (const auto &r : reads) {
+        uint8_t reg[2] = {static_cast<uint8_t>(r.reg >> 8), static_cast<uint8_t>(r.reg)};
+        uint8_t value[2] = {};
+        EXPECT_EQ(rdwr(bus2_, {{0x29, 0, 2, reg}, {0x29, I2C_M_RD, 2, value}}), r.err) << r.reg;
+    }
     // A reset forgets the enable.
     ASSERT_EQ(PIO_BitWrite(23, 0), PIO_OK);
     EXPECT_EQ(kolma(0x40FA, 0x5745), ENXIO);

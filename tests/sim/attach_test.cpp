@@ -22,7 +22,9 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
     EXPECT_EQ(errno, EPERM);
     EXPECT_EQ(system("true"), -1);
 
+    EXPECT_EQ(tvsim_attach((dir_ / "no-board").c_str()), -1);
     attach();
+    EXPECT_EQ(tvsim_attach(dir_.c_str()), -1); // one board at a time
     const char *mount_point = nullptr;
     EXPECT_EQ(search_usb_media(&mount_point), 0);
     EXPECT_STREQ(mount_point, "/tmp/usb");
@@ -60,6 +62,13 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
         {"symlink", [](const char *p) { return symlink("/tmp/marker", p) == 0; }},
         {"link", [](const char *p) { return link("/tmp/marker", p) == 0; }},
         {"rename", [](const char *p) { return rename("/tmp/marker.copy", p) == 0; }},
+        {"renameat", // from a name under a directory's descriptor to a name of its own
+         [](const char *p) {
+             int tmp = open("/tmp", O_RDONLY | O_DIRECTORY);
+             int result = renameat(tmp, "marker.copy", AT_FDCWD, p);
+             close(tmp);
+             return result == 0;
+         }},
         {"mkstemp",
          [&](const char *p) {
              std::string name = std::string(p) + "XXXXXX";
@@ -84,6 +93,7 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
                     std::filesystem::is_symlink(dir_ / "fs/tmp" / name))
             << name;
         EXPECT_FALSE(std::filesystem::exists("/tmp/" + name)) << name;
+        std::filesystem::remove("/tmp/" + name); // what a call gone astray left on the host
     }
     EXPECT_EQ(read_file("fs/tmp/made-by-symlink"), "on-board\n"); // the link stays on the board
 

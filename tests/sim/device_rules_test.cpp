@@ -292,6 +292,42 @@ TEST_F(DeviceRules, NandReadsReportEccOnlyInTheCounts) {
     close(nand);
 }
 
+// The out-of-band areas as the kernel's place-OOB requests reach them: a write stays within its
+// page's area, a read runs on into the next pages' (where a bad block's first page shows its
+// marker, 0x00 in bytes 0-1), and nothing reaches past the partition's end.
+TEST_F(DeviceRules, OutOfBandRequestsStayWithinTheirAreas) {
+    change_config([](json &c) { c["mtd"][1]["bad_blocks"] = {2}; }); // uboot_env, /dev/mtd1
+    attach();
+    int nand = open("/dev/mtd1", O_RDWR);
+    mtd_info_user info{};
+    ASSERT_EQ(ioctl(nand, MEMGETINFO, &info), 0);
+    const uint32_t before_bad = 2 * info.erasesize - info.writesize; // the page before block 2
+    std::vector<uint8_t> bytes(4097, 0);
+    memcpy(bytes.data(), "tag!", 4);
+    const struct {
+        const char *what;
+        unsigned long request;
+        uint32_t start;
+        uint32_t length;
+        int err;
+    } cases[] = {
+        {"a write within its page's area", MEMWRITEOOB, before_bad + 2, 4, 0},
+        {"a write past its page's area", MEMWRITEOOB, 62, 4, EINVAL},
+        {"a write at the end", MEMWRITEOOB, info.size, 4, EINVAL},
+        {"a read at the end", MEMREADOOB, info.size, 4, EINVAL},
+        {"a read of more than 4096 bytes", MEMREADOOB, 0, 4097, EINVAL},
+        {"a read into the next page's area", MEMREADOOB, before_bad, 128, 0},
+    };
+    for (const auto &c : cases) {
+        mtd_oob_buf request{c.start, c.length, bytes.data()};
+        EXPECT_EQ(error_of(ioctl(nand, c.request, &request) != 0), c.err) << c.what;
+    }
+    close(nand);
+    std::string areas = std::string(2, '\xff') + "tag!" + std::string(58, '\xff') +
+                        std::string(2, '\0') + std::string(62, '\xff');
+    EXPECT_TRUE(std::string(bytes.begin(), bytes.begin() + 128) == areas);
+}
+
 // The microcontroller's link on the board, at its rate, opened with these flags.
 int open_link(int flags) {
     int fd = open("/dev/uat_ucom", flags);
