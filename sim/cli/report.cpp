@@ -11,7 +11,6 @@ namespace {
 
 constexpr const char *kStartPrefix = "Start updating ";
 constexpr const char *kRunEnd = "----- Updating is finished. -----";
-constexpr double kNsPerSecond = 1e9;
 
 uint64_t time_of(const json &event) {
     return event.value("t", uint64_t{0});
@@ -90,10 +89,6 @@ uint64_t overlap(const std::vector<Span> &spans, Span within) {
     return total;
 }
 
-double seconds(uint64_t ns) {
-    return static_cast<double>(ns) / kNsPerSecond;
-}
-
 void print_row(FILE *out, const std::string &name, uint64_t ns, uint64_t unavoidable,
                const std::string &result) {
     fprintf(out, "%-24s %14llu %10.3f %11.3f %10.3f%s%s\n", name.c_str(),
@@ -130,7 +125,7 @@ bool busy_span(const json &event, Span *span) {
     if (!part_span(event, span))
         return false;
     if (event.value("ev", "") == "sleep")
-        span->end -= std::min(event.value("ns", uint64_t{0}), span->end - span->begin);
+        span->end -= std::min(event.value("ns", uint64_t{0}), span->length());
     return span->end > span->begin;
 }
 
@@ -167,9 +162,8 @@ void print_table(const Run &run, FILE *out) {
     fprintf(out, "%-24s %14s %10s %11s %10s  %s\n", "component", "board ns", "board s",
             "unavoidable", "tool's own", "result");
     for (const Component &c : run.components)
-        print_row(out, c.name, c.time.end - c.time.begin, c.unavoidable_ns, c.result);
-    print_row(out, "run", run.time().end - run.time().begin, overlap(run.part_time, run.time()),
-              "");
+        print_row(out, c.name, c.time.length(), c.unavoidable_ns, c.result);
+    print_row(out, "run", run.time().length(), overlap(run.part_time, run.time()), "");
 }
 
 } // namespace tvsim::report

@@ -16,7 +16,13 @@ using json = nlohmann::json;
 struct Span {
     uint64_t begin = 0;
     uint64_t end = 0;
+    uint64_t length() const { return end - begin; }
 };
+
+// Board time in seconds.
+inline double seconds(uint64_t ns) {
+    return static_cast<double>(ns) / 1e9;
+}
 
 // One section of the run: the preparation before the first component, a "Start updating"
 // section, or the closing lines. Components split the run without gap or overlap.
@@ -25,7 +31,7 @@ struct Component {
     Span time;
     std::string result = "-"; // "ok", "failed" or "-"
     uint64_t unavoidable_ns = 0;
-    uint64_t own_ns() const { return time.end - time.begin - unavoidable_ns; }
+    uint64_t own_ns() const { return time.length() - unavoidable_ns; }
 };
 
 struct Run {

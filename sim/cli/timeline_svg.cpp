@@ -52,10 +52,6 @@ std::string escaped(const std::string &text) {
     return out;
 }
 
-double seconds(uint64_t ns) {
-    return static_cast<double>(ns) / 1e9;
-}
-
 // A step of 1, 2 or 5 times a power of ten that puts about eight ticks on the axis.
 double tick_step(double total_s) {
     double rough = std::max(total_s, 1e-6) / 8;
@@ -90,13 +86,13 @@ public:
 
 private:
     double x_of(uint64_t ns) const {
-        uint64_t total = std::max<uint64_t>(span_.end - span_.begin, 1);
+        uint64_t total = std::max<uint64_t>(span_.length(), 1);
         return kLayout.label_width +
                plot_width_ * static_cast<double>(ns - span_.begin) / static_cast<double>(total);
     }
 
     void draw_heading() {
-        uint64_t total = span_.end - span_.begin;
+        uint64_t total = span_.length();
         uint64_t part = 0;
         for (const Component &c : run_.components)
             part += c.unavoidable_ns;
@@ -118,7 +114,7 @@ private:
     }
 
     void draw_axis(double y) {
-        double total_s = seconds(span_.end - span_.begin);
+        double total_s = seconds(span_.length());
         double step = tick_step(total_s);
         fprintf(out_,
                 "<line x1=\"%.1f\" y1=\"%.1f\" x2=\"%.1f\" y2=\"%.1f\" stroke=\"#555555\"/>\n",
@@ -151,13 +147,13 @@ private:
                     ? (" stroke=\"" + std::string(kLayout.failed_colour) + "\" stroke-width=\"2\"")
                           .c_str()
                     : "",
-                escaped(c.name).c_str(), seconds(c.time.end - c.time.begin),
-                seconds(c.unavoidable_ns), seconds(c.own_ns()), c.result.c_str());
+                escaped(c.name).c_str(), seconds(c.time.length()), seconds(c.unavoidable_ns),
+                seconds(c.own_ns()), c.result.c_str());
         shade(run_.part_time, c.time, bar_y, kLayout.wait_colour);
         shade(run_.busy_time, c.time, bar_y, kLayout.busy_colour);
         fprintf(out_, "<text x=\"%.1f\" y=\"%.1f\">%.3f s (own %.3f s)</text>\n",
-                kLayout.label_width + plot_width_ + 8, bar_y + 12,
-                seconds(c.time.end - c.time.begin), seconds(c.own_ns()));
+                kLayout.label_width + plot_width_ + 8, bar_y + 12, seconds(c.time.length()),
+                seconds(c.own_ns()));
     }
 
     // A shaded stretch, in picture x.

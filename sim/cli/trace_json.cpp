@@ -88,7 +88,7 @@ public:
         json e{{"name", name}, {"pid", kBoardPid}, {"tid", tid}, {"ts", microseconds(span.begin)}};
         if (span.end > span.begin) {
             e["ph"] = "X";
-            e["dur"] = microseconds(span.end - span.begin);
+            e["dur"] = microseconds(span.length());
         } else {
             e["ph"] = "i";
             e["s"] = "t";
@@ -136,9 +136,9 @@ private:
 
 json component_args(const Component &c) {
     return json{{"result", c.result},
-                {"board_s", static_cast<double>(c.time.end - c.time.begin) / 1e9},
-                {"unavoidable_s", static_cast<double>(c.unavoidable_ns) / 1e9},
-                {"own_s", static_cast<double>(c.own_ns()) / 1e9}};
+                {"board_s", seconds(c.time.length())},
+                {"unavoidable_s", seconds(c.unavoidable_ns)},
+                {"own_s", seconds(c.own_ns())}};
 }
 
 } // namespace
