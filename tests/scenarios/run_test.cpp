@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <memory>
+#include <sstream>
 #include <sys/stat.h>
 
 namespace scenario {
@@ -206,16 +207,22 @@ void follow_component(const json &e, std::string *component) {
 // app_data volume. The trace shows each step's device work in its turn, none before or after,
 // and within the lines its step printed at the moments the tool printed them. The board time
 // report splits the run at those lines: its rows add up to the run, and on this good run all
-// of it is the parts' and the defined waits' time.
+// of it is the parts' and the defined waits' time. The trace's output is what the tool printed,
+// in order (its commands print lines of their own in between), and nothing the tool wrote to
+// its files and devices.
 TEST_F(UpdateRun, EveryStepDoesItsWorkInItsTurn) {
     std::string tools = std::filesystem::path(__FILE__).parent_path().parent_path().parent_path() /
                         "tools/make-demo-medium.sh";
     ASSERT_EQ(std::system((tools + " " + board.medium() + " DEMO-TV").c_str()), 0);
     board.make();
-    ASSERT_EQ(board.tvupdate({"DEMO-TV"}).exit_status, 0);
+    RunResult run = board.tvupdate({"DEMO-TV"});
+    ASSERT_EQ(run.exit_status, 0);
     std::vector<std::string> marks;
     std::string component = "-";
+    std::string printed;
     for (const json &e : board.trace()) {
+        if (e["ev"] == "output")
+            printed += e.value("text", "") + (e.value("line_end", false) ? "\n" : "");
         follow_component(e, &component);
         std::string mark = step_mark(e);
         if (!mark.empty())
@@ -236,6 +243,13 @@ TEST_F(UpdateRun, EveryStepDoesItsWorkInItsTurn) {
                     "TVM Hex: uart firmware", "U-boot: erase uboot-spi", "FPGA config data: spi",
                     "FPGA EEPROM data(TR5): i2c 2 0x0d", "FPGA EEPROM data(TR6): i2c 2 0x0f",
                     "KOLMA EEPROM data: i2c 2 0x29", "KOLMA EEPROM data: i2c 2 0x2b"));
+    std::istringstream lines(printed);
+    size_t at = 0;
+    for (std::string line; std::getline(lines, line);) {
+        at = run.output.find(line + "\n", at);
+        ASSERT_NE(at, std::string::npos) << line;
+        at += line.size() + 1;
+    }
 
     std::string command = std::string(TVSIM_CLI) + " --board " + board.dir() + " report";
     std::unique_ptr<FILE, int (*)(FILE *)> report(popen(command.c_str(), "r"), pclose);
