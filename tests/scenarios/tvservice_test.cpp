@@ -320,6 +320,7 @@ TEST_F(NandService, EepromsAreRewrittenFromTheirTextFiles) {
                                                                {"picture_mute", 5},
                                                                {"power_off", 1},
                                                                {"power_on", 1}}));
+    EXPECT_FALSE(board.state()["microcontroller"].value("power", true));
     EXPECT_GE(board.board_seconds(), 5.0);
     RunResult refused = board.tvservice({"eeprom", "ferund", "/tmp/M1/writedata", "ABC123"});
     EXPECT_THAT(refused.output, testing::EndsWith("FERUND EEP\neeprom ferund: FAILED\n"));

@@ -293,27 +293,6 @@ INSTANTIATE_TEST_SUITE_P(
                   0, "", pattern(kRegion + 1, 5)}),
     RowName());
 
-class UbootDriver : public Scenario {};
-
-// A protected NOR sector takes no erase: the erase stops there, having erased the sectors before
-// it, and the update fails until the sectors are unprotected.
-TEST_F(UbootDriver, AProtectedSectorFailsTheUpdateUntilItIsUnlocked) {
-    boot_loader_medium(board, "M1", "boot-M1_S1.bin", kImage);
-    board.make();
-    set_soc(board, kEs1, "0x00000100");
-    board.change_config([](json &c) { c["nor"]["protected"] = {1}; }); // 0x4000..0x5FFF
-    board.write("mtd/uboot-nor.bin", std::string(kPartition, '\0'));
-    EXPECT_EQ(board.tvupdate({"M1"}).output,
-              run_prologue("M1") + kStart + "mtd6 \n" + kEraseFailed + run_epilogue());
-    EXPECT_TRUE(board.trace("mtd_write").empty());
-    EXPECT_TRUE(board.read("mtd/uboot-nor.bin") ==
-                std::string(0x4000, '\xff') + std::string(kPartition - 0x4000, '\0'));
-    ASSERT_EQ(board.tvservice({"nor", "unlock", "0", "0x100000"}).exit_status, 0);
-    RunResult r = board.tvupdate({"M1"});
-    EXPECT_EQ(r.exit_status, 0) << r.output;
-    EXPECT_EQ(differs_at(board.read("mtd/uboot-nor.bin"), 0, kImage), kSame);
-}
-
 // --- the kernel's own MTD tools work on the simulated partitions ---------------------------
 
 class MtdTools : public Scenario {};
