@@ -120,6 +120,12 @@ void SimBoard::medium_list(const std::string &model, const std::string &list) co
     medium_file(model + "/update_mode.conf", "mode=full\n");
 }
 
+void SimBoard::demo_medium(const std::string &model) const {
+    fs::path script =
+        fs::path(__FILE__).parent_path().parent_path().parent_path() / "tools/make-demo-medium.sh";
+    ASSERT_EQ(std::system((script.string() + " " + medium() + " " + model).c_str()), 0);
+}
+
 void SimBoard::make(const std::string &slot) {
     slot_ = slot;
     // Device times drawn from the test's name: each test's board has times of its own, the

@@ -41,6 +41,8 @@ public:
     void medium_file(const std::string &relative, const std::string &contents) const;
     // Writes MODEL/flashimg.lst and MODEL/update_mode.conf on the medium.
     void medium_list(const std::string &model, const std::string &list) const;
+    // Fills the medium folder with the sample medium for model (tools/make-demo-medium.sh).
+    void demo_medium(const std::string &model) const;
 
     // Makes the board with the medium on a USB stick ("--usb"), an SD card ("--sd") or no
     // medium at all ("").

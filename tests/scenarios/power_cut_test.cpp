@@ -2,7 +2,6 @@
 // keeps at the cut, whether it would start, and what running the update again leaves.
 #include "scenarios/harness.h"
 
-#include <cstdlib>
 #include <filesystem>
 
 namespace scenario {
@@ -33,10 +32,7 @@ protected:
     // The sample medium, cut down to the microcontroller's firmware and the boot loader, on a
     // board that runs an older firmware from bank 1 and starts an older boot loader.
     void make_board(const json &power_cut, const std::string &list = "tvm_hex\nuboot\n") {
-        std::string tools =
-            std::filesystem::path(__FILE__).parent_path().parent_path().parent_path() /
-            "tools/make-demo-medium.sh";
-        ASSERT_EQ(std::system((tools + " " + board.medium() + " " + kModel).c_str()), 0);
+        board.demo_medium(kModel);
         board.medium_list(kModel, list);
         std::filesystem::remove_all(board.dir());
         board.make();

@@ -211,9 +211,7 @@ void follow_component(const json &e, std::string *component) {
 // in order (its commands print lines of their own in between), and nothing the tool wrote to
 // its files and devices.
 TEST_F(UpdateRun, EveryStepDoesItsWorkInItsTurn) {
-    std::string tools = std::filesystem::path(__FILE__).parent_path().parent_path().parent_path() /
-                        "tools/make-demo-medium.sh";
-    ASSERT_EQ(std::system((tools + " " + board.medium() + " DEMO-TV").c_str()), 0);
+    board.demo_medium("DEMO-TV");
     board.make();
     RunResult run = board.tvupdate({"DEMO-TV"});
     ASSERT_EQ(run.exit_status, 0);
