@@ -538,16 +538,16 @@ int config_rom_pin_input(Board &board, int pin) {
     return -1;
 }
 
-int config_rom_power_on_level(Board &board, int pin) {
+bool config_rom_pin_powers_on_high(Board &board, int pin) {
     if (!spi_settings(board).present)
-        return -1;
+        return false;
     for (int n = 0; n < kConfigRomCount; ++n) {
         if (pin == kAccessPins[n])
-            return kGrantLevel[n] == 0 ? 1 : 0; // idle: not granted
+            return kGrantLevel[n] == 0; // idle: not granted
         if (pin == kResetPins[n])
-            return 1; // out of reset
+            return true; // out of reset
     }
-    return -1;
+    return false;
 }
 
 void config_rom_power_on(Board &board, json &soc) {

@@ -186,7 +186,7 @@ public:
         if (pointer_ == map_.block_start_read && pointer_ != 0)
             start_block();
         uint16_t value = read_register(pointer_);
-        uint8_t pair[2] = {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
+        const uint8_t pair[] = {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
         for (size_t i = 0; i < count; ++i)
             bytes[i] = pair[i % 2];
     }

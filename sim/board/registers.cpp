@@ -15,13 +15,13 @@ constexpr int kPinsPerBank = 32;
 // the level the board holds an output at from power-on, and to set up their own power-on state.
 struct PinWiring {
     void (*output_changed)(Board &, int pin, int level);
-    int (*input_level)(Board &, int pin);    // -1 when the model drives no level on the pin
-    int (*power_on_level)(Board &, int pin); // -1 when the model holds no level on the pin
+    int (*input_level)(Board &, int pin);     // -1 when the model drives no level on the pin
+    bool (*powers_on_high)(Board &, int pin); // whether the model holds the pin high at power-on
     void (*power_on)(Board &, json &soc);
 };
 constexpr PinWiring kPinWiring[] = {{.output_changed = config_rom_pin_changed,
                                      .input_level = config_rom_pin_input,
-                                     .power_on_level = config_rom_power_on_level,
+                                     .powers_on_high = config_rom_pin_powers_on_high,
                                      .power_on = config_rom_power_on}};
 
 int bank_at(uint32_t address) {
@@ -46,12 +46,12 @@ void set_output_latch(Board &board, int bank, uint32_t value) {
     latches[bank] = value;
 }
 
-// A bank's output latch as the board comes up: 0, except where a wired model holds a pin.
+// A bank's output latch as the board comes up: 0, except where a wired model holds a pin high.
 uint32_t power_on_latch(Board &board, int bank) {
     uint32_t latch = 0;
     for (int bit = 0; bit < kPinsPerBank; ++bit) {
         for (const PinWiring &wiring : kPinWiring) {
-            if (wiring.power_on_level(board, bank * kPinsPerBank + bit) == 1)
+            if (wiring.powers_on_high(board, bank * kPinsPerBank + bit))
                 latch |= 1u << bit;
         }
     }
