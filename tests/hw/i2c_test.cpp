@@ -429,16 +429,16 @@ namespace fpga {
 // write enable) high, and with a type, its EEPROM enabled.
 class FpgaEepromOnBoard : public I2cOnBoard {
 protected:
-    // write_us: how long the TR5 takes to settle a stored block (0: as the board has it).
-    void fresh_board(const json &fault, int enable_type, int write_us = 0) {
+    // tr5: settings of the TR5's interface that differ from the board's (write_us, the time it
+    // takes to settle a stored block; pll_lock_us).
+    void fresh_board(const json &fault, int enable_type, const json &tr5 = json::object()) {
         tvsim_detach();
         SetUp();
         for (const char *rom : {"spi_rom1.bin", "spi_rom2.bin"})
             std::ofstream(dir_ / rom) << std::string(16, '\xff') << "\xaa\x99\x55\x66";
         change_config([&](json &c) {
             c["faults"] = fault.is_null() ? json::array() : json::array({fault});
-            if (write_us != 0)
-                c["i2c"]["devices"][4]["write_us"] = write_us;
+            c["i2c"]["devices"][4].update(tr5);
         });
         attach();
         close(cn_user_fd);
@@ -459,7 +459,9 @@ protected:
 
 TEST_F(FpgaEepromOnBoard, PllLockNeedsThreeLockedReadsInARow) {
     fresh_board(fault("pll_never_locks", "fpga_tr5", {{"skip", 2}, {"times", 1}}), 1);
-    EXPECT_EQ(pll_reads(), 6); // locked, locked, not, then three locked
+    EXPECT_EQ(pll_reads(), 6);                        // locked, locked, not, then three locked
+    fresh_board(json(), 1, {{"pll_lock_us", 22000}}); // past the tool's 20 ms pause
+    EXPECT_EQ(pll_reads(), 5);                        // not, not, then three locked
     fresh_board(fault("pll_never_locks", "fpga_tr6"), 0);
     EXPECT_EQ(printed([] { EXPECT_EQ(EnableFPGAEeprom(2), 1); }),
               "FPGA EEP ERROR! on checking FPGA PLL lock status(0x000c).\n");
@@ -513,7 +515,8 @@ TEST_F(FpgaEepromOnBoard, BlockSequencesAreJudgedByTheirLock) {
                   2, false},
          }) {
         SCOPED_TRACE(c.fault.dump());
-        fresh_board(c.fault, c.type, c.write_us);
+        fresh_board(c.fault, c.type,
+                    c.write_us == 0 ? json::object() : json{{"write_us", c.write_us}});
         int result = -1;
         auto write = c.type == 1 ? WriteFPGAEeprom : WriteFPGAEeprom_TR6;
         EXPECT_EQ(printed([&] { result = write(0x40, data.data(), c.length); }), c.output);

@@ -51,6 +51,18 @@ protected:
     }
 };
 
+// An output pin that nothing drives from outside reads back the level last written to it.
+TEST_F(PinsOnBoard, AnOutputReadsBackWhatWasWrittenToIt) {
+    attach();
+    for (uint8_t written : {1, 0, 1}) {
+        uint8_t level = 7;
+        ASSERT_EQ(PIO_BitWrite(23, written), PIO_OK);
+        ASSERT_EQ(PIO_BitRead(23, &level), PIO_OK);
+        EXPECT_EQ(level, written);
+    }
+    detach();
+}
+
 TEST_F(PinsOnBoard, AWindowThatCannotBeMappedFailsThePinFunctions) {
     change_config([](json &c) {
         c["faults"] = {fault("map_request", "S5LP", {{"times", 2}}),

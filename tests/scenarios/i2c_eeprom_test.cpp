@@ -213,6 +213,11 @@ TEST_F(I2cEeproms, I2cToolsSeeWhatTheToolWroteAndTheToolSeesWhatTheyWrote) {
     RunResult tool = board.run({TVSIM_CALL_UPDATER, "pelto_read", "-", "-", "0x000f"});
     EXPECT_EQ(tool.output, "0xc7\nresult 0\n");
     EXPECT_EQ(board.read("i2c/pelto.bin")[0x0f], '\xc7');
+    // An SMBus word write is the command byte and the word's low, then high byte: to this EEPROM
+    // the address 0x0021 and one data byte.
+    EXPECT_EQ(board.run({"i2cset", "-y", "0", "0x51", "0x00", "0x0e21", "w"}).exit_status, 0);
+    board.run({"sleep", "0.01"});
+    EXPECT_EQ(board.read("i2c/pelto.bin")[0x21], '\x0e');
 }
 
 class VornekUpdater : public Scenario {

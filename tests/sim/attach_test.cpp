@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <functional>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <time.h>
 
@@ -29,10 +30,12 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
     EXPECT_EQ(search_usb_media(&mount_point), 0);
     EXPECT_STREQ(mount_point, "/tmp/usb");
     EXPECT_EQ(system("echo on-board > /tmp/marker"), 0);
-    // The stick is mounted read-only: writes fail, an existing name is reported first.
+    // The stick is mounted read-only: writes fail, an existing name is reported first. A
+    // refused call returns -1, as the kernel's calls do.
     auto error_of = [](bool failed) { return failed ? errno : 0; };
     const std::pair<int, int> writes[] = {
-        {error_of(open("/tmp/usb/new.txt", O_WRONLY | O_CREAT, 0644) < 0), EROFS},
+        {error_of(open("/tmp/usb/new.txt", O_WRONLY | O_CREAT, 0644) == -1), EROFS},
+        {error_of(umount("/tmp/usb/M1") == -1), EINVAL}, // not a mount point
         {error_of(mkdir("/tmp/usb/newdir", 0755) != 0), EROFS},
         {error_of(mkdir("/tmp/usb/M1", 0755) != 0), EEXIST},
         {error_of(fopen("/tmp/usb/M1/x", "a") == nullptr), EROFS},
@@ -45,7 +48,7 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
     } makers[] = {
         {"creat", [&](const char *p) { return closed(creat(p, 0644)); }},
         {"openat",
-         [&](const char *p) { return closed(openat(AT_FDCWD, p, O_CREAT | O_RDWR, 0644)); }},
+         [&](const char *p) { return closed(openat(AT_FDCWD, p, O_CREAT | O_RDWR, 0600)); }},
         {"freopen",
          [](const char *p) {
              FILE *file = freopen(p, "w", tmpfile());
@@ -96,6 +99,8 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
         std::filesystem::remove("/tmp/" + name); // what a call gone astray left on the host
     }
     EXPECT_EQ(read_file("fs/tmp/made-by-symlink"), "on-board\n"); // the link stays on the board
+    EXPECT_EQ(std::filesystem::status(dir_ / "fs/tmp/made-by-openat").permissions(),
+              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
 
     nlohmann::json mounts = read_json("state.json")["mounts"];
     ASSERT_EQ(mounts.size(), 1u);
