@@ -388,7 +388,9 @@ TEST_P(NorCommand, LeavesTheSectorsAsItReportsWithVidOff) {
     EXPECT_EQ(protected_sectors(), c.after);
     EXPECT_EQ(board.trace(c.counted).size(), c.count) << c.counted;
     std::vector<json> vid = board.trace("vid");
-    EXPECT_TRUE(vid.empty() || vid.back()["level"] == 0) << "VID left switched on";
+    for (size_t i = 0; i < vid.size(); ++i)
+        EXPECT_EQ(vid[i]["level"], (i + 1) % 2) << "VID switched on, then off";
+    EXPECT_EQ(vid.size() % 2, 0u) << "VID left switched on";
     for (const json &pulse : board.trace("nor_pulse"))
         EXPECT_EQ(pulse["us"], pulse["op"] == "unprotect" ? 15000 : 150) << pulse.dump();
     if (!c.before.is_null()) {

@@ -24,6 +24,10 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
     EXPECT_EQ(system("true"), -1);
 
     EXPECT_EQ(tvsim_attach((dir_ / "no-board").c_str()), -1);
+    // Started without standard input, as a service may be: the board's record of the calls may
+    // take descriptor 0.
+    int input = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
     attach();
     EXPECT_EQ(tvsim_attach(dir_.c_str()), -1); // one board at a time
     const char *mount_point = nullptr;
@@ -86,6 +90,9 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
                         error_of(!maker.make(("/tmp/usb/M1/" + std::string(maker.name)).c_str()))});
     }
     detach();
+    dup2(input, STDIN_FILENO);
+    close(input);
+    EXPECT_EQ(trace("mount").size(), 1u);
     for (const auto &write : writes)
         EXPECT_EQ(write.first, write.second) << "write " << &write - writes;
     for (size_t i = 0; i < made.size(); ++i) {

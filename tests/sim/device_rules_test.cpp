@@ -249,9 +249,9 @@ TEST_F(DeviceRules, AFailedEraseOrWriteHasDoneWhatLiesBeforeWhereItStopped) {
                               std::string(0xC0000, '\0'));
 }
 
-// A NAND read as the kernel's character device gives it: a failed read is EIO; bitflips ECC
-// corrects or cannot correct still deliver the data (as corrected, or as read) and are only
-// counted in ECCGETSTATS.
+// A NAND read as the kernel's character device gives it: a failed read is EIO, also where only
+// its last byte lies in the failing block; bitflips ECC corrects or cannot correct still
+// deliver the data (as corrected, or as read) and are only counted in ECCGETSTATS.
 TEST_F(DeviceRules, NandReadsReportEccOnlyInTheCounts) {
     const struct {
         const char *what;
@@ -260,6 +260,7 @@ TEST_F(DeviceRules, NandReadsReportEccOnlyInTheCounts) {
         uint32_t corrected;
         uint32_t failed;
         bool intact;
+        off_t offset = 0x20000;
     } cases[] = {
         {"a read that fails", fault("nand_read_fail", "uboot_env:1", {{"times", 1}}), EIO, 0, 0,
          true},
@@ -268,6 +269,9 @@ TEST_F(DeviceRules, NandReadsReportEccOnlyInTheCounts) {
         {"too many to correct",
          fault("nand_bitflip", "uboot_env:1", {{"uncorrectable", true}, {"times", 1}}), 0, 3, 1,
          false},
+        {"a read ending on the failing block's first byte",
+         fault("nand_read_fail", "uboot_env:1", {{"skip", 2}, {"times", 1}}), EIO, 3, 1, true,
+         0x20000 - 2047},
     };
     change_config([&](json &c) {
         for (const auto &row : cases)
@@ -279,7 +283,7 @@ TEST_F(DeviceRules, NandReadsReportEccOnlyInTheCounts) {
     int nand = open("/dev/mtd1", O_RDONLY);
     for (const auto &c : cases) {
         char page[2048] = {};
-        ASSERT_EQ(lseek(nand, 0x20000, SEEK_SET), 0x20000);
+        ASSERT_EQ(lseek(nand, c.offset, SEEK_SET), c.offset);
         EXPECT_EQ(error_of(read(nand, page, sizeof page) < 0), c.err) << c.what;
         mtd_ecc_stats stats{};
         ASSERT_EQ(ioctl(nand, ECCGETSTATS, &stats), 0);
