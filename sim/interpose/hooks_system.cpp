@@ -10,6 +10,7 @@
 #include <ctime>
 #include <spawn.h>
 #include <string>
+#include <string_view>
 #include <sys/mount.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -53,12 +54,13 @@ std::vector<std::string> command_environment(const tvsim::Board &board) {
     std::string path = "PATH=" + board.file("fs/sbin");
     env.push_back("TVSIM_BOARD=" + board.dir());
     for (char **e = environ; *e != nullptr; ++e) {
-        if (strncmp(*e, "LD_PRELOAD=", 11) == 0 || strncmp(*e, "TVSIM_BOARD=", 12) == 0)
+        std::string_view entry = *e;
+        if (entry.starts_with("LD_PRELOAD=") || entry.starts_with("TVSIM_BOARD="))
             continue;
-        if (strncmp(*e, "PATH=", 5) == 0)
-            path += std::string(":") + (*e + 5);
+        if (entry.starts_with("PATH="))
+            path += ":" + std::string(entry.substr(5));
         else
-            env.emplace_back(*e);
+            env.emplace_back(entry);
     }
     if (path.find(':') == std::string::npos)
         path += ":/usr/bin:/bin";
