@@ -281,8 +281,10 @@ TEST_F(I2cModels, AdapterRefusesWhatI2cDevRefuses) {
         {"address 0x80", error_of(ioctl(bus0_, I2C_SLAVE, 0x80)), EINVAL},
         {"SMBus direction", error_of(ioctl(bus0_, I2C_SMBUS, &bad_direction)), EINVAL},
         {"SMBus size", error_of(ioctl(bus0_, I2C_SMBUS, &bad_size)), EINVAL},
+        {"SMBus read", smbus_at(0x51, &read_byte), 0},
         {"no device", rdwr(bus0_, {{0x52, I2C_M_RD, 1, &byte}}), ENXIO},
         {"SMBus read, no device", smbus_at(0x52, &read_byte), ENXIO},
+        {"bus 3", error_of(open("/dev/i2c-3", O_RDWR)), ENOENT},
         {"unknown request", error_of(ioctl(bus0_, 0x7799, &byte)), ENOTTY},
     };
     for (const auto &c : cases)

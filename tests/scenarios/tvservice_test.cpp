@@ -387,10 +387,17 @@ TEST_P(NorCommand, LeavesTheSectorsAsItReportsWithVidOff) {
     expect_run(board.tvservice(words(c.command)), c.exit_status, c.output);
     EXPECT_EQ(protected_sectors(), c.after);
     EXPECT_EQ(board.trace(c.counted).size(), c.count) << c.counted;
-    std::vector<json> vid = board.trace("vid");
-    for (size_t i = 0; i < vid.size(); ++i)
-        EXPECT_EQ(vid[i]["level"], (i + 1) % 2) << "VID switched on, then off";
-    EXPECT_EQ(vid.size() % 2, 0u) << "VID left switched on";
+    // VID switches on, then off again, each at the write of its register.
+    std::vector<json> events = board.trace();
+    size_t switches = 0;
+    for (size_t i = 1; i < events.size(); ++i) {
+        if (events[i]["ev"] != "vid")
+            continue;
+        bool on = ++switches % 2 == 1;
+        EXPECT_EQ(events[i]["level"], on ? 1 : 0);
+        EXPECT_EQ(events[i - 1].value("reg", ""), on ? "VID_ON" : "VID_OFF");
+    }
+    EXPECT_EQ(switches % 2, 0u) << "VID left switched on";
     for (const json &pulse : board.trace("nor_pulse"))
         EXPECT_EQ(pulse["us"], pulse["op"] == "unprotect" ? 15000 : 150) << pulse.dump();
     if (!c.before.is_null()) {

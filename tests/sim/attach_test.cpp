@@ -44,11 +44,12 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
         {error_of(mkdir("/tmp/usb/M1", 0755) != 0), EEXIST},
         {error_of(fopen("/tmp/usb/M1/x", "a") == nullptr), EROFS},
     };
-    // Every entry point that makes a name lands on the board, and the stick refuses it.
-    auto closed = [](int fd) { return fd >= 0 && close(fd) == 0; };
+    // Every entry point that makes a name lands on the board, and the stick refuses it: each
+    // call returns 0, or -1 with EROFS.
+    auto closed = [](int fd) { return fd < 0 ? fd : close(fd); };
     const struct {
         const char *name;
-        std::function<bool(const char *path)> make;
+        std::function<int(const char *path)> make;
     } makers[] = {
         {"creat", [&](const char *p) { return closed(creat(p, 0644)); }},
         {"openat",
@@ -56,38 +57,35 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
         {"freopen",
          [](const char *p) {
              FILE *file = freopen(p, "w", tmpfile());
-             return file != nullptr && fclose(file) == 0;
+             return file == nullptr ? -1 : fclose(file);
          }},
-        {"mkfifo", [](const char *p) { return mkfifo(p, 0644) == 0; }},
-        {"mknod",
-         [](const char *p) {
-             int result = mknod(p, S_IFIFO | 0644, 0);
-             EXPECT_TRUE(result == 0 || result == -1) << result; // as the C library answers
-             return result == 0;
-         }},
-        {"mkdirat", [](const char *p) { return mkdirat(AT_FDCWD, p, 0755) == 0; }},
-        {"symlink", [](const char *p) { return symlink("/tmp/marker", p) == 0; }},
-        {"link", [](const char *p) { return link("/tmp/marker", p) == 0; }},
-        {"rename", [](const char *p) { return rename("/tmp/marker.copy", p) == 0; }},
+        {"mkfifo", [](const char *p) { return mkfifo(p, 0644); }},
+        {"mknod", [](const char *p) { return mknod(p, S_IFIFO | 0644, 0); }},
+        {"mkdirat", [](const char *p) { return mkdirat(AT_FDCWD, p, 0755); }},
+        {"symlink", [](const char *p) { return symlink("/tmp/marker", p); }},
+        {"link", [](const char *p) { return link("/tmp/marker", p); }},
+        {"rename", [](const char *p) { return rename("/tmp/marker.copy", p); }},
         {"renameat", // from a name under a directory's descriptor to a name of its own
          [](const char *p) {
              int tmp = open("/tmp", O_RDONLY | O_DIRECTORY);
              int result = renameat(tmp, "marker.copy", AT_FDCWD, p);
              close(tmp);
-             return result == 0;
+             return result;
          }},
         {"mkstemp",
          [&](const char *p) {
              std::string name = std::string(p) + "XXXXXX";
-             return closed(mkstemp(name.data())) && rename(name.c_str(), p) == 0;
+             int result = closed(mkstemp(name.data()));
+             return result == 0 ? rename(name.c_str(), p) : result;
          }},
     };
-    std::vector<std::pair<int, int>> made;
+    auto outcome = [](int result) { return std::pair(result, result == -1 ? errno : 0); };
+    std::vector<std::pair<std::pair<int, int>, std::pair<int, int>>> made;
     for (const auto &maker : makers) {
         ASSERT_EQ(system("cp /tmp/marker /tmp/marker.copy"), 0);
         std::string name = std::string("/tmp/made-by-") + maker.name;
-        made.push_back({error_of(!maker.make(name.c_str())),
-                        error_of(!maker.make(("/tmp/usb/M1/" + std::string(maker.name)).c_str()))});
+        made.push_back({outcome(maker.make(name.c_str())),
+                        outcome(maker.make(("/tmp/usb/M1/" + std::string(maker.name)).c_str()))});
     }
     detach();
     dup2(input, STDIN_FILENO);
@@ -97,8 +95,8 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
         EXPECT_EQ(write.first, write.second) << "write " << &write - writes;
     for (size_t i = 0; i < made.size(); ++i) {
         std::string name = std::string("made-by-") + makers[i].name;
-        EXPECT_EQ(made[i].first, 0) << name;
-        EXPECT_EQ(made[i].second, EROFS) << name;
+        EXPECT_EQ(made[i].first, std::pair(0, 0)) << name;
+        EXPECT_EQ(made[i].second, std::pair(-1, EROFS)) << name;
         EXPECT_TRUE(std::filesystem::exists(dir_ / "fs/tmp" / name) ||
                     std::filesystem::is_symlink(dir_ / "fs/tmp" / name))
             << name;
@@ -122,16 +120,22 @@ TEST_F(AttachedBoard, SleepsAdvanceTheBoardClockAtOnce) {
     attach();
     const timespec one_and_a_half{1, 500000000}, two{2, 0}, epoch{0, 0};
     EXPECT_EQ(nanosleep(&one_and_a_half, nullptr), 0);
+    EXPECT_EQ(usleep(250000), 0);
+    EXPECT_EQ(sleep(1), 0u);
     EXPECT_EQ(clock_nanosleep(CLOCK_MONOTONIC, 0, &two, nullptr), 0);
     EXPECT_EQ(clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &epoch, nullptr), 0);
     EXPECT_EQ(system(nullptr), 1); // a shell is there for commands
     detach();
     std::vector<nlohmann::json> sleeps = trace("sleep");
-    ASSERT_EQ(sleeps.size(), 2u);
-    EXPECT_EQ(sleeps[0]["call"], "nanosleep");
-    EXPECT_EQ(sleeps[0]["ns"], 1500000000u);
-    EXPECT_EQ(sleeps[1]["call"], "clock_nanosleep");
-    EXPECT_EQ(sleeps[1]["ns"], 2000000000u);
+    ASSERT_EQ(sleeps.size(), 4u);
+    const std::pair<const char *, uint64_t> expected[] = {{"nanosleep", 1500000000u},
+                                                          {"usleep", 250000000u},
+                                                          {"sleep", 1000000000u},
+                                                          {"clock_nanosleep", 2000000000u}};
+    for (size_t i = 0; i < sleeps.size(); ++i) {
+        EXPECT_EQ(sleeps[i]["call"], expected[i].first);
+        EXPECT_EQ(sleeps[i]["ns"], expected[i].second);
+    }
 }
 
 } // namespace

@@ -12,6 +12,8 @@
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 namespace {
@@ -120,6 +122,10 @@ TEST_F(DeviceRules, MtdDescriptorsDoOnlyWhatTheirOpenModeAllows) {
     int read_only = open("/dev/mtd1", O_RDONLY);
     int read_write = open("/dev/mtd1", O_RDWR);
     ASSERT_TRUE(write_only >= 0 && read_only >= 0 && read_write >= 0);
+    struct stat node {};
+    ASSERT_EQ(stat("/dev/mtd1", &node), 0); // the node as udev makes it
+    EXPECT_TRUE(S_ISCHR(node.st_mode));
+    EXPECT_EQ(node.st_rdev, makedev(90, 2));
     mtd_info_user info{};
     ASSERT_EQ(ioctl(read_only, MEMGETINFO, &info), 0);
     uint8_t page[2048];
