@@ -400,6 +400,12 @@ TEST_F(DeviceRules, TheMicrocontrollerAnswersOnlyWhatItIsSent) {
     const uint64_t byte_ns = 10'000'000'000 / tvm_link_rate("M1");
     EXPECT_EQ(frames.back()["t"].get<uint64_t>() - frames[frames.size() - 2]["t"].get<uint64_t>(),
               200'000 + (22 + 4) * byte_ns);
+    // A read whose time-out runs out (after the frame behind the stray byte): the frame's wire
+    // time is written out as the link's before the wait, and the wait is the 500 ms time-out.
+    std::vector<json> busy = trace("busy"), timed_out = trace("uart_read");
+    ASSERT_FALSE(busy.empty() || timed_out.empty());
+    EXPECT_EQ(busy[0]["took_ns"], 4 * byte_ns);
+    EXPECT_EQ(timed_out[0]["t"].get<uint64_t>() - busy[0]["t"].get<uint64_t>(), 500'000'000u);
 }
 
 TEST_F(DeviceRules, TheGuardDogEndsWritingModeUnlessItIsStopped) {
