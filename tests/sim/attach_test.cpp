@@ -78,6 +78,12 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
              int result = closed(mkstemp(name.data()));
              return result == 0 ? rename(name.c_str(), p) : result;
          }},
+        {"mkdtemp",
+         [](const char *p) {
+             std::string name = std::string(p) + "XXXXXX";
+             const char *made = mkdtemp(name.data());
+             return made == name.data() ? rename(made, p) : -1;
+         }},
     };
     auto outcome = [](int result) { return std::pair(result, result == -1 ? errno : 0); };
     std::vector<std::pair<std::pair<int, int>, std::pair<int, int>>> made;

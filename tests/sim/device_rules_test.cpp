@@ -16,6 +16,9 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+// The C library's checked read, which fortified programs call.
+extern "C" ssize_t __read_chk(int fd, void *buf, size_t count, size_t buflen);
+
 namespace {
 
 using testsupport::fault;
@@ -146,6 +149,8 @@ TEST_F(DeviceRules, MtdDescriptorsDoOnlyWhatTheirOpenModeAllows) {
         {"erase of nothing past the end", [&] { return ioctl(read_write, MEMERASE, &past_end); },
          EINVAL},
         {"write that stores nothing", [&] { return write(read_write, page, sizeof page) != 0; }, 0},
+        {"fortified read that fills its buffer",
+         [&] { return __read_chk(read_only, page, sizeof page, sizeof page) < 0; }, 0},
     };
     for (const auto &c : cases)
         EXPECT_EQ(error_of(c.fails()), c.err) << c.what;
