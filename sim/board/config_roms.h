@@ -34,9 +34,10 @@ void refresh_misc_file(Board &board);
 void config_rom_pin_changed(Board &board, int pin, int level);
 // The level the FPGAs drive on a pin, or -1 when they drive none.
 int config_rom_pin_input(Board &board, int pin);
-// At power-on the access lines are idle and the resets high (whether pin comes up high), and
-// each FPGA loads from what its ROM holds then (into soc, the SoC's new volatile state).
+// Whether pin comes up high at power-on: the access lines come up idle, the resets high.
 bool config_rom_pin_powers_on_high(Board &board, int pin);
+// At power-on each FPGA loads from what its ROM holds then (into soc, the SoC's new volatile
+// state).
 void config_rom_power_on(Board &board, json &soc);
 
 // Whether FPGA n holds a configuration (out of reset, its ROM not granted to the bus, loading
