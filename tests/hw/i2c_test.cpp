@@ -265,6 +265,9 @@ TEST_F(I2cModels, AdapterRefusesWhatI2cDevRefuses) {
     i2c_smbus_data data{};
     i2c_smbus_ioctl_data bad_size{I2C_SMBUS_READ, 0, 99, &data};
     i2c_smbus_ioctl_data read_byte{I2C_SMBUS_READ, 0, I2C_SMBUS_BYTE_DATA, &data};
+    i2c_smbus_data block{};
+    block.block[0] = I2C_SMBUS_BLOCK_MAX;
+    i2c_smbus_ioctl_data read_block{I2C_SMBUS_READ, 0, I2C_SMBUS_I2C_BLOCK_DATA, &block};
     auto smbus_at = [&](int address, i2c_smbus_ioctl_data *call) {
         EXPECT_EQ(ioctl(bus0_, I2C_SLAVE, address), 0);
         return error_of(ioctl(bus0_, I2C_SMBUS, call));
@@ -282,6 +285,7 @@ TEST_F(I2cModels, AdapterRefusesWhatI2cDevRefuses) {
         {"SMBus direction", error_of(ioctl(bus0_, I2C_SMBUS, &bad_direction)), EINVAL},
         {"SMBus size", error_of(ioctl(bus0_, I2C_SMBUS, &bad_size)), EINVAL},
         {"SMBus read", smbus_at(0x51, &read_byte), 0},
+        {"SMBus read of a whole block", smbus_at(0x51, &read_block), 0},
         {"no device", rdwr(bus0_, {{0x52, I2C_M_RD, 1, &byte}}), ENXIO},
         {"SMBus read, no device", smbus_at(0x52, &read_byte), ENXIO},
         {"bus 3", error_of(open("/dev/i2c-3", O_RDWR)), ENOENT},

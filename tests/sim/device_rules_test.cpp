@@ -429,7 +429,7 @@ TEST_F(DeviceRules, TheGuardDogEndsWritingModeUnlessItIsStopped) {
     } cases[] = {
         // in this order: a reset brings back the power-up time, a stop lasts until a reset
         {"never set: its power-up time", {}, false, 3, -1},
-        {"mode 1: 12 s", twelve_seconds, false, 13, -1},
+        {"mode 1: 12 s", twelve_seconds, false, 12, -1},
         {"mode 1, erased in time", twelve_seconds, false, 11, 0},
         {"stopped", stop, false, 30, 0},
         {"stopped before writing mode", stop, true, 3, -1},
