@@ -14,6 +14,11 @@
 
 namespace tvsim {
 
+// The board's clock counts nanoseconds.
+constexpr uint64_t kNsPerUs = 1000;
+constexpr uint64_t kNsPerMs = 1000 * kNsPerUs;
+constexpr uint64_t kNsPerSecond = 1000 * kNsPerMs;
+
 using json = nlohmann::json;
 
 class Device;

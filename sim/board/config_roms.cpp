@@ -14,8 +14,6 @@ namespace tvsim {
 
 namespace {
 
-constexpr uint64_t kNsPerUs = 1000;
-constexpr uint64_t kNsPerMs = 1000 * kNsPerUs;
 constexpr uint64_t kForever = std::numeric_limits<uint64_t>::max();
 constexpr uint64_t kMiB = 1024 * 1024;
 constexpr unsigned kMiscMajor = 10;
@@ -471,7 +469,7 @@ void spi_bus_transfer(Board &board, const std::vector<uint8_t> &tx, std::vector<
 }
 
 void spi_bus_time(Board &board, size_t bytes) {
-    board.advance_ns(bytes * 8 * 1000000000ull / spi_settings(board).clock_hz);
+    board.advance_ns(bytes * 8 * kNsPerSecond / spi_settings(board).clock_hz);
 }
 
 std::unique_ptr<Device> open_spi_device(Board &board, std::string_view path, int, int *err) {

@@ -18,7 +18,6 @@ namespace {
 constexpr int kBusCount = 3;
 constexpr size_t kMaxMessageLength = 8192; // i2c-dev's limit for one message
 constexpr uint64_t kBitsPerByte = 9;       // 8 data bits and the acknowledge
-constexpr uint64_t kNsPerSecond = 1000000000ull;
 constexpr unsigned long kAdapterFunctions = I2C_FUNC_I2C | I2C_FUNC_SMBUS_EMUL;
 
 const json &settings(const Board &board) {

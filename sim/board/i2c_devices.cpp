@@ -9,7 +9,6 @@ namespace tvsim {
 
 namespace {
 
-constexpr uint64_t kNsPerUs = 1000;
 constexpr uint16_t kUnlockA = 0x5745;
 constexpr uint16_t kUnlockB = 0x5043;
 constexpr size_t kReadWindow = 16;

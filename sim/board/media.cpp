@@ -13,7 +13,6 @@ namespace tvsim {
 
 namespace {
 
-constexpr uint64_t kNsPerSecond = 1000000000ull;
 const json &usb_disks(const Board &board) {
     return member(member(board.config(), "media"), "usb");
 }

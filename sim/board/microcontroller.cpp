@@ -17,9 +17,6 @@ namespace tvsim {
 
 namespace {
 
-constexpr uint64_t kNsPerUs = 1000ull;
-constexpr uint64_t kNsPerMs = 1000000ull;
-constexpr uint64_t kNsPerSecond = 1000000000ull;
 constexpr uint64_t kBitsPerByte = 10; // start bit, 8 data bits, stop bit
 constexpr size_t kBankSize = 98304;
 constexpr size_t kBlockSize = 64;

@@ -23,7 +23,6 @@ namespace tvsim {
 namespace {
 
 constexpr unsigned kMtdCharMajor = 90;
-constexpr uint64_t kNsPerMs = 1000000;
 
 // The out-of-band area of a NAND page: the bad-block marker in bytes 0-1, ECC in 40-63 (as the
 // kernel's large-page layout), the rest free for the user.

@@ -2,6 +2,8 @@
 // trace for standard trace viewers, and as a timeline picture.
 #pragma once
 
+#include "board/board.h"
+
 #include <cstdint>
 #include <cstdio>
 #include <nlohmann/json.hpp>
@@ -21,7 +23,7 @@ struct Span {
 
 // Board time in seconds.
 inline double seconds(uint64_t ns) {
-    return static_cast<double>(ns) / 1e9;
+    return static_cast<double>(ns) / kNsPerSecond;
 }
 
 // One section of the run: the preparation before the first component, a "Start updating"

@@ -15,12 +15,14 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+using tvsim::kNsPerSecond;
+
 namespace {
 
 uint64_t monotonic_ns() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000000ull + static_cast<uint64_t>(now.tv_nsec);
+    return static_cast<uint64_t>(now.tv_sec) * kNsPerSecond + static_cast<uint64_t>(now.tv_nsec);
 }
 
 class RealTime {
@@ -39,8 +41,8 @@ public:
         if (board_.now_ns() <= real)
             return;
         uint64_t ahead = board_.now_ns() - real;
-        timespec pause{static_cast<time_t>(ahead / 1000000000ull),
-                       static_cast<long>(ahead % 1000000000ull)};
+        timespec pause{static_cast<time_t>(ahead / kNsPerSecond),
+                       static_cast<long>(ahead % kNsPerSecond)};
         while (nanosleep(&pause, &pause) != 0 && errno == EINTR) {
         }
     }

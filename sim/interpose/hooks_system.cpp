@@ -20,11 +20,10 @@
 extern char **environ;
 
 using tvsim::json;
+using tvsim::kNsPerSecond;
 using tvsim::interpose::Hook;
 
 namespace {
-
-constexpr uint64_t kNsPerSecond = 1000000000ull;
 
 int refuse() {
     errno = EPERM;
