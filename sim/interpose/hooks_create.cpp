@@ -15,6 +15,8 @@
 
 using tvsim::HostPath;
 using tvsim::interpose::Hook;
+using tvsim::interpose::no_path;
+using tvsim::interpose::or_io_error;
 
 extern "C" {
 int open64(const char *path, int flags, ...);
@@ -34,12 +36,12 @@ namespace {
 
 // A path relative to a descriptor the program opened is already where the descriptor is.
 bool names_by_itself(int dirfd, const char *path) {
-    return dirfd == AT_FDCWD || (path != nullptr && path[0] == '/');
+    return dirfd == AT_FDCWD || (!no_path(path) && path[0] == '/');
 }
 
 // Where a new name lands, or false with errno set (EROFS inside a read-only mount).
 bool land(const Hook &hook, const char *path, std::string *host) {
-    try {
+    return or_io_error([&] {
         HostPath where = hook.board().resolve(path);
         if (where.read_only) {
             errno = EROFS;
@@ -48,16 +50,13 @@ bool land(const Hook &hook, const char *path, std::string *host) {
         *host = std::move(where.path);
         hook.restore_errno();
         return true;
-    } catch (...) {
-        errno = EIO;
-        return false;
-    }
+    });
 }
 
 // Calls fn with the host paths of one or two new names; off the board, with the names given.
 template <typename Fn> auto creating(Fn fn, const char *path, decltype(fn(path)) failed) {
     Hook hook;
-    if (!hook.active() || path == nullptr)
+    if (!hook.active() || no_path(path))
         return fn(path);
     std::string host;
     if (!land(hook, path, &host))
@@ -67,7 +66,7 @@ template <typename Fn> auto creating(Fn fn, const char *path, decltype(fn(path))
 
 template <typename Fn> int creating_both(Fn fn, const char *from, const char *to) {
     Hook hook;
-    if (!hook.active() || from == nullptr || to == nullptr)
+    if (!hook.active() || no_path(from) || no_path(to))
         return fn(from, to);
     std::string host_from, host_to;
     if (!land(hook, from, &host_from) || !land(hook, to, &host_to))
@@ -99,7 +98,7 @@ int two_names_at(Real real, int fromfd, const char *from, int tofd, const char *
                  Extra... extra) {
     Hook hook;
     AtName f{fromfd, from, {}}, t{tofd, to, {}};
-    if (hook.active() && from != nullptr && to != nullptr &&
+    if (hook.active() && !no_path(from) && !no_path(to) &&
         (!land_at(hook, &f) || !land_at(hook, &t)))
         return -1;
     return real(f.dirfd, f.path, t.dirfd, t.path, extra...);
@@ -109,7 +108,7 @@ int two_names_at(Real real, int fromfd, const char *from, int tofd, const char *
 // the template's host path and copy the chosen letters back.
 template <typename Fn> int make_temporary(Fn fn, char *name, int suffix_length) {
     Hook hook;
-    size_t length = name == nullptr ? 0 : strlen(name);
+    size_t length = no_path(name) ? 0 : strlen(name);
     if (!hook.active() || length < 6 + static_cast<size_t>(suffix_length) || suffix_length < 0)
         return fn(name);
     std::string host;
@@ -251,19 +250,16 @@ int linkat(int fromfd, const char *from, int tofd, const char *to, int flags) {
 // command does, so that following it stays on the board.
 int symlink(const char *target, const char *path) {
     Hook hook;
-    if (!hook.active())
+    if (!hook.active() || no_path(target) || no_path(path))
         return TVSIM_REAL(symlink)(target, path);
-    std::string host_target = target, host;
-    try {
+    return or_io_error([&] {
+        std::string host_target = target, host;
         if (target[0] == '/')
             host_target = hook.board().resolve(target).path;
-    } catch (...) {
-        errno = EIO;
-        return -1;
-    }
-    if (!land(hook, path, &host))
-        return -1;
-    return TVSIM_REAL(symlink)(host_target.c_str(), host.c_str());
+        if (!land(hook, path, &host))
+            return -1;
+        return TVSIM_REAL(symlink)(host_target.c_str(), host.c_str());
+    });
 }
 int symlinkat(const char *target, int dirfd, const char *path) {
     return names_by_itself(dirfd, path) ? symlink(target, path)

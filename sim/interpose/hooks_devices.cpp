@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 using tvsim::interpose::Hook;
+using tvsim::interpose::or_io_error;
 
 extern "C" {
 ssize_t __read_chk(int fd, void *buf, size_t count, size_t buflen);
@@ -22,23 +23,13 @@ tvsim::Device *program_device(const Hook &hook, int fd) {
     return hook.active() ? tvsim::interpose::device_at(fd) : nullptr;
 }
 
-template <typename Call>
-auto on_device(tvsim::Device *device, Call call) -> decltype(call(device)) {
-    try {
-        return call(device);
-    } catch (...) {
-        errno = EIO;
-        return -1;
-    }
-}
-
 // A request on a board device reaches its model; any other goes to the C library.
 template <typename RealIoctl>
 int ioctl_on_board(RealIoctl real, int fd, unsigned long request, uintptr_t arg) {
     {
         Hook hook;
         if (tvsim::Device *device = program_device(hook, fd))
-            return on_device(device, [&](tvsim::Device *d) { return d->ioctl(request, arg); });
+            return or_io_error([&] { return device->ioctl(request, arg); });
     }
     return real(fd, request, arg);
 }
@@ -62,8 +53,7 @@ auto lseek_on_board(RealLseek real, int fd, int64_t offset, int whence) {
     if (tvsim::interpose::any_device_open()) {
         Hook hook;
         if (tvsim::Device *device = program_device(hook, fd))
-            return static_cast<Result>(
-                on_device(device, [&](tvsim::Device *d) { return d->lseek(offset, whence); }));
+            return static_cast<Result>(or_io_error([&] { return device->lseek(offset, whence); }));
     }
     return real(fd, offset, whence);
 }
@@ -78,7 +68,7 @@ ssize_t read(int fd, void *buf, size_t count) {
         Hook hook;
         if (tvsim::Device *device = program_device(hook, fd))
             return opened_for(*device, O_WRONLY)
-                       ? on_device(device, [&](tvsim::Device *d) { return d->read(buf, count); })
+                       ? or_io_error([&] { return device->read(buf, count); })
                        : -1;
     }
     return TVSIM_REAL(read)(fd, buf, count);
@@ -100,7 +90,7 @@ ssize_t write(int fd, const void *buf, size_t count) {
         Hook hook;
         if (tvsim::Device *device = program_device(hook, fd))
             return opened_for(*device, O_RDONLY)
-                       ? on_device(device, [&](tvsim::Device *d) { return d->write(buf, count); })
+                       ? or_io_error([&] { return device->write(buf, count); })
                        : -1;
     }
     return TVSIM_REAL(write)(fd, buf, count);

@@ -13,6 +13,8 @@
 
 using tvsim::HostPath;
 using tvsim::interpose::Hook;
+using tvsim::interpose::no_path;
+using tvsim::interpose::or_io_error;
 
 extern "C" {
 int __open_2(const char *path, int flags);
@@ -79,9 +81,9 @@ int open_board_device(Hook &hook, const std::string &normal, int flags, bool *ha
 template <typename RealOpen>
 int open_on_board(RealOpen real, const char *path, int flags, mode_t mode) {
     Hook hook;
-    if (!hook.active() || path == nullptr)
+    if (!hook.active() || no_path(path))
         return real(path, flags, mode);
-    try {
+    return or_io_error([&] {
         std::string normal = tvsim::normal_path(path);
         if (tvsim::Board::is_board_path(normal)) {
             if (is_kernel_file(normal))
@@ -100,10 +102,7 @@ int open_on_board(RealOpen real, const char *path, int flags, mode_t mode) {
         }
         hook.restore_errno();
         return real(host.path.c_str(), flags, mode);
-    } catch (...) {
-        errno = EIO;
-        return -1;
-    }
+    });
 }
 
 int real_open(const char *p, int f, mode_t m) {
@@ -124,9 +123,9 @@ bool fopen_writes(const char *mode) {
 template <typename RealFopen>
 FILE *fopen_on_board(RealFopen real, const char *path, const char *mode) {
     Hook hook;
-    if (!hook.active() || path == nullptr)
+    if (!hook.active() || no_path(path))
         return real(path, mode);
-    try {
+    return or_io_error([&]() -> FILE * {
         HostPath host = resolve_for_access(hook, path);
         if (kernel_file_refuses(tvsim::normal_path(path), fopen_writes(mode)))
             return nullptr;
@@ -136,25 +135,19 @@ FILE *fopen_on_board(RealFopen real, const char *path, const char *mode) {
         }
         hook.restore_errno();
         return real(host.path.c_str(), mode);
-    } catch (...) {
-        errno = EIO;
-        return nullptr;
-    }
+    });
 }
 
 // For calls that only read a path: resolve it and pass it on.
 template <typename Fn> auto with_resolved_path(const char *path, Fn fn) {
     Hook hook;
-    if (!hook.active() || path == nullptr)
+    if (!hook.active() || no_path(path))
         return fn(path);
-    HostPath host;
-    try {
-        host = resolve_for_access(hook, path);
-    } catch (...) {
-        host.path = path;
-    }
-    hook.restore_errno();
-    return fn(host.path.c_str());
+    return or_io_error([&] {
+        HostPath host = resolve_for_access(hook, path);
+        hook.restore_errno();
+        return fn(host.path.c_str());
+    });
 }
 
 } // namespace
@@ -213,9 +206,9 @@ int scandir64(const char *dir, struct dirent64 ***list, int (*filter)(const stru
 // stands in for it); anything else is made where the path lands, as the C library would.
 int mknod(const char *path, mode_t mode, dev_t number) {
     Hook hook;
-    if (!hook.active())
+    if (!hook.active() || no_path(path))
         return TVSIM_REAL(mknod)(path, mode, number);
-    try {
+    return or_io_error([&] {
         std::string normal = tvsim::normal_path(path);
         HostPath host = hook.board().resolve(path);
         if (host.read_only) {
@@ -236,10 +229,7 @@ int mknod(const char *path, mode_t mode, dev_t number) {
                            {{"path", normal}, {"major", major(number)}, {"minor", minor(number)}});
         hook.restore_errno();
         return 0;
-    } catch (...) {
-        errno = EIO;
-        return -1;
-    }
+    });
 }
 
 #if defined(__arm__)
@@ -256,9 +246,9 @@ int __xmknod(int version, const char *path, mode_t mode, dev_t *number) {
 
 int unlink(const char *path) {
     Hook hook;
-    if (!hook.active())
+    if (!hook.active() || no_path(path))
         return TVSIM_REAL(unlink)(path);
-    try {
+    return or_io_error([&] {
         std::string normal = tvsim::normal_path(path);
         HostPath host = hook.board().resolve(path);
         if (host.read_only) {
@@ -270,31 +260,24 @@ int unlink(const char *path) {
         if (result == 0 && tvsim::Board::is_board_path(normal))
             hook.board().remove_node(normal);
         return result;
-    } catch (...) {
-        errno = EIO;
-        return -1;
-    }
+    });
 }
 
 int mkdir(const char *path, mode_t mode) {
     Hook hook;
-    if (!hook.active())
+    if (!hook.active() || no_path(path))
         return TVSIM_REAL(mkdir)(path, mode);
-    HostPath host;
-    try {
-        host = hook.board().resolve(path);
-    } catch (...) {
-        errno = EIO;
-        return -1;
-    }
-    if (host.read_only) {
-        // The kernel reports an existing name before it looks at the mount's flags.
-        struct stat st;
-        errno = TVSIM_REAL(stat)(host.path.c_str(), &st) == 0 ? EEXIST : EROFS;
-        return -1;
-    }
-    hook.restore_errno();
-    return TVSIM_REAL(mkdir)(host.path.c_str(), mode);
+    return or_io_error([&] {
+        HostPath host = hook.board().resolve(path);
+        if (host.read_only) {
+            // The kernel reports an existing name before it looks at the mount's flags.
+            struct stat st;
+            errno = TVSIM_REAL(stat)(host.path.c_str(), &st) == 0 ? EEXIST : EROFS;
+            return -1;
+        }
+        hook.restore_errno();
+        return TVSIM_REAL(mkdir)(host.path.c_str(), mode);
+    });
 }
 
 } // extern "C"

@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 using tvsim::interpose::Hook;
+using tvsim::interpose::no_path;
+using tvsim::interpose::or_io_error;
 
 extern "C" {
 #if defined(__arm__)
@@ -44,23 +46,19 @@ template <typename Stat> bool describe_board_node(Hook &hook, const char *path, 
 template <typename Stat, typename RealStat>
 int stat_on_board(RealStat real, const char *path, Stat *buf) {
     Hook hook;
-    if (!hook.active() || path == nullptr)
+    if (!hook.active() || no_path(path))
         return real(path, buf);
-    std::string host;
-    try {
+    return or_io_error([&] {
         if (describe_board_node(hook, path, buf))
             return 0;
         std::string normal = tvsim::normal_path(path);
         if (tvsim::Board::is_board_path(normal) &&
             (normal.rfind("/proc/", 0) == 0 || normal.rfind("/sys/", 0) == 0))
             hook.board().refresh_kernel_files();
-        host = hook.board().resolve(path).path;
-    } catch (...) {
-        errno = EIO;
-        return -1;
-    }
-    hook.restore_errno();
-    return real(host.c_str(), buf);
+        std::string host = hook.board().resolve(path).path;
+        hook.restore_errno();
+        return real(host.c_str(), buf);
+    });
 }
 
 template <typename Stat, typename RealFstat> int fstat_on_board(RealFstat real, int fd, Stat *buf) {
@@ -78,17 +76,13 @@ template <typename Stat, typename RealFstat> int fstat_on_board(RealFstat real, 
 // Calls fn with where path lands.
 template <typename Fn> int on_resolved_path(const char *path, Fn fn) {
     Hook hook;
-    if (!hook.active() || path == nullptr)
+    if (!hook.active() || no_path(path))
         return fn(path);
-    std::string host;
-    try {
-        host = hook.board().resolve(path).path;
-    } catch (...) {
-        errno = EIO;
-        return -1;
-    }
-    hook.restore_errno();
-    return fn(host.c_str());
+    return or_io_error([&] {
+        std::string host = hook.board().resolve(path).path;
+        hook.restore_errno();
+        return fn(host.c_str());
+    });
 }
 
 } // namespace

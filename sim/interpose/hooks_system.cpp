@@ -22,6 +22,7 @@ extern char **environ;
 using tvsim::json;
 using tvsim::kNsPerSecond;
 using tvsim::interpose::Hook;
+using tvsim::interpose::or_io_error;
 
 namespace {
 
@@ -35,15 +36,13 @@ template <typename Fn> int on_board_only(Fn fn) {
     Hook hook;
     if (!hook.active())
         return refuse();
-    try {
+    return or_io_error([&] {
         int err = fn(hook.board());
         if (err == 0)
             return 0;
         errno = err;
-    } catch (...) {
-        errno = EIO;
-    }
-    return -1;
+        return -1;
+    });
 }
 
 // The environment of a shell command: the host's programs, the board's stand-ins first on
@@ -151,7 +150,7 @@ int system(const char *command) {
         return refuse();
     if (command == nullptr)
         return 1; // a shell is available
-    try {
+    return or_io_error([&] {
         tvsim::Board &board = hook.board();
         std::string run = command_to_run(board, command);
         std::string foreign = board.foreign_path_in(run);
@@ -167,10 +166,7 @@ int system(const char *command) {
         board.reload();
         board.trace("shell", {{"command", command}, {"run", run}, {"status", status}});
         return status;
-    } catch (...) {
-        errno = EIO;
-        return -1;
-    }
+    });
 }
 
 unsigned int sleep(unsigned int seconds) {

@@ -102,6 +102,10 @@ bool any_device_open() {
     return g_open_devices > 0;
 }
 
+bool no_path(const char *path) {
+    return path == nullptr;
+}
+
 } // namespace tvsim::interpose
 
 using tvsim::interpose::Hook;

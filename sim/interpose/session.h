@@ -9,6 +9,7 @@
 #include <cstdarg>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <type_traits>
 
 namespace tvsim::interpose {
 
@@ -38,6 +39,33 @@ private:
     Board *board_ = nullptr;
     int saved_errno_;
 };
+
+// What a failed call returns: a null pointer, false, or -1.
+template <typename R> R failed_result() {
+    if constexpr (std::is_pointer_v<R>)
+        return nullptr;
+    else if constexpr (std::is_same_v<R, bool>)
+        return false;
+    else
+        return static_cast<R>(-1);
+}
+
+// Runs a hook's work on the board. When the simulator itself fails there (a board record it
+// cannot read, no memory left), the program's call fails with EIO, as on a failing disk, instead
+// of the program ending on an exception thrown through the C library.
+template <typename Fn> auto or_io_error(Fn fn) -> decltype(fn()) {
+    try {
+        return fn();
+    } catch (...) {
+        errno = EIO;
+        return failed_result<decltype(fn())>();
+    }
+}
+
+// True when a path argument is missing. It is out of line because the C library declares its
+// path arguments non-null: the same test written inside a hook would be dropped by the compiler,
+// and the hook would crash where the kernel answers EFAULT.
+bool no_path(const char *path);
 
 // open's mode argument, read only where the flags say one was passed.
 inline mode_t mode_argument(int flags, va_list ap) {

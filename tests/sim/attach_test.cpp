@@ -3,10 +3,12 @@
 #include "support/board_fixture.h"
 
 #include <cstdlib>
+#include <dirent.h>
 #include <fcntl.h>
 #include <functional>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <time.h>
 
 namespace {
@@ -118,6 +120,85 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
     EXPECT_EQ(mounts[0]["source"], "/dev/sdb1");
     EXPECT_EQ(read_file("fs/tmp/marker"), "on-board\n");
     std::filesystem::remove_all(medium);
+}
+
+// Calls that name a path, each as (result, errno). The C library reads a directory's path
+// itself before the kernel sees it, so only the other calls can be made without a path.
+std::pair<int, int> outcome(int result) {
+    return {result, result == -1 ? errno : 0};
+}
+const struct {
+    const char *name;
+    std::function<int(const char *path)> call;
+    bool kernel_checks_path = true;
+} kPathCalls[] = {
+    {"open",
+     [](const char *p) {
+         int fd = open(p, O_RDONLY);
+         return fd < 0 ? fd : close(fd);
+     }},
+    {"creat",
+     [](const char *p) {
+         int fd = creat(p, 0644);
+         return fd < 0 ? fd : close(fd);
+     }},
+    {"fopen",
+     [](const char *p) {
+         FILE *f = fopen(p, "r");
+         return f == nullptr ? -1 : fclose(f);
+     }},
+    {"stat",
+     [](const char *p) {
+         struct stat st;
+         return stat(p, &st);
+     }},
+    {"access", [](const char *p) { return access(p, F_OK); }},
+    {"mkdir", [](const char *p) { return mkdir(p, 0755); }},
+    {"unlink", [](const char *p) { return unlink(p); }},
+    {"mknod", [](const char *p) { return mknod(p, S_IFCHR | 0600, makedev(90, 0)); }},
+    {"symlink", [](const char *p) { return symlink("/tmp", p); }},
+    {"rename", [](const char *p) { return rename("/tmp", p); }},
+    {"mkfifo", [](const char *p) { return mkfifo(p, 0644); }},
+    {"scandir",
+     [](const char *p) {
+         dirent **list = nullptr;
+         int n = scandir(p, &list, nullptr, nullptr);
+         for (int i = 0; i < n; ++i)
+             free(list[i]);
+         free(list);
+         return n < 0 ? n : 0;
+     },
+     false},
+};
+
+// A call without a path fails with EFAULT on the board as off it, from the kernel.
+TEST_F(AttachedBoard, ACallWithoutAPathFailsAsTheKernelFailsIt) {
+    const char *volatile none = nullptr; // out of the compiler's sight
+    for (bool on_board : {false, true}) {
+        if (on_board)
+            attach();
+        for (const auto &c : kPathCalls) {
+            if (!c.kernel_checks_path)
+                continue;
+            EXPECT_EQ(outcome(c.call(none)), std::pair(-1, EFAULT)) << c.name << on_board;
+        }
+    }
+}
+
+// A board record the simulator cannot read (a mount's flags as text) fails every call that
+// needs it with EIO, as a failing disk would; the program goes on.
+TEST_F(AttachedBoard, ADamagedBoardRecordFailsCallsWithIoError) {
+    attach();
+    detach();
+    nlohmann::json state = read_json("state.json");
+    state["mounts"] = {
+        {{"source", "/dev/sda1"}, {"target", "/tmp"}, {"host", dir_ / "fs/tmp"}, {"flags", "rw"}}};
+    std::ofstream(dir_ / "state.json") << state.dump();
+    attach();
+    for (const auto &c : kPathCalls)
+        EXPECT_EQ(outcome(c.call("/tmp/damaged")), std::pair(-1, EIO)) << c.name;
+    EXPECT_EQ(outcome(system("ls /tmp")), std::pair(-1, EIO));
+    EXPECT_EQ(outcome(mount("/dev/sda1", "/tmp/usb", "vfat", 0, nullptr)), std::pair(-1, EIO));
 }
 
 // Relative sleeps pass at once on the board's clock; a wait for a moment already past returns
