@@ -136,6 +136,11 @@ bool Board::read_files(std::string *error) {
         *error = "board.json in " + dir_ + " is not a JSON object";
         return false;
     }
+    if (json format = config_.value("format", json()); format != kBoardFormat) {
+        *error = "board.json in " + dir_ + " is of format " + format.dump() +
+                 "; this simulator reads format " + std::to_string(kBoardFormat);
+        return false;
+    }
     if (!read_file(file("state.json"), &text)) {
         state_ = initial_state(config_);
         return true;

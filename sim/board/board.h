@@ -21,6 +21,9 @@ constexpr uint64_t kNsPerSecond = 1000 * kNsPerMs;
 
 using json = nlohmann::json;
 
+// The layout of board.json that this simulator writes and reads.
+constexpr int kBoardFormat = 1;
+
 class Device;
 class MemoryFile;
 

@@ -58,7 +58,7 @@ json default_config(const NewBoardOptions &options) {
                {"medium", "media/sd"},
                {"filesystem", "vfat"},
                {"block_device_after_seconds", 0}};
-    return json{{"format", 1},
+    return json{{"format", kBoardFormat},
                 {"media", {{"usb", usb}, {"sd", sd}}},
                 {"ubi", default_ubi()},
                 {"soc", default_soc_config()},

@@ -21,6 +21,39 @@ protected:
     std::unique_ptr<Board> board_;
 };
 
+// A board the simulator cannot read is not loaded, and the reason names the file.
+TEST_F(BoardTest, ABoardItCannotReadIsNotLoaded) {
+    const struct {
+        const char *file;
+        const char *text;
+        const char *error;
+    } damaged[] = {
+        {.file = "board.json", .text = "[]", .error = "board.json in DIR is not a JSON object"},
+        {.file = "board.json",
+         .text = R"({"format": 2})",
+         .error = "board.json in DIR is of format 2; this simulator reads format 1"},
+        {.file = "board.json",
+         .text = R"({"format": "1"})",
+         .error = R"(board.json in DIR is of format "1"; this simulator reads format 1)"},
+        {.file = "board.json",
+         .text = "{}",
+         .error = "board.json in DIR is of format null; this simulator reads format 1"},
+        {.file = "state.json", .text = "{", .error = "state.json in DIR is not a JSON object"},
+    };
+    std::string board = read_file("board.json");
+    for (const auto &d : damaged) {
+        std::ofstream(dir_ / d.file) << d.text;
+        std::string error;
+        EXPECT_EQ(Board::load(dir_.string(), &error), nullptr) << d.text;
+        std::string expected = d.error;
+        expected.replace(expected.find("DIR"), 3, dir_.string());
+        EXPECT_EQ(error, expected);
+        std::ofstream(dir_ / "board.json") << board;
+        std::filesystem::remove(dir_ / "state.json");
+    }
+    EXPECT_NE(load_board(), nullptr); // the board as made loads
+}
+
 TEST_F(BoardTest, MountsFailAsTheKernelWould) {
     struct Case {
         const char *source;
