@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <pty.h>
 #include <spawn.h>
 #include <sstream>
 #include <sys/wait.h>
@@ -58,11 +59,20 @@ void replace_all(std::string &text, const std::string &from, const std::string &
         text.replace(at, from.size(), to);
 }
 
+// A pipe, or a raw pseudo-terminal: [0] is the end the output is read from.
+bool open_screen(Screen screen, int fds[2]) {
+    if (screen == Screen::pipe)
+        return pipe(fds) == 0;
+    termios raw{};
+    cfmakeraw(&raw);
+    return openpty(&fds[0], &fds[1], nullptr, &raw, nullptr) == 0;
+}
+
 // Runs argv with output captured; the exit status, or -1 when it did not exit.
-RunResult capture(const std::vector<std::string> &args) {
+RunResult capture(const std::vector<std::string> &args, Screen screen = Screen::pipe) {
     RunResult result;
     int pipe_fds[2];
-    if (pipe(pipe_fds) != 0)
+    if (!open_screen(screen, pipe_fds))
         return result;
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -79,7 +89,7 @@ RunResult capture(const std::vector<std::string> &args) {
     posix_spawn_file_actions_destroy(&actions);
     close(pipe_fds[1]);
     char buf[4096];
-    ssize_t n;
+    ssize_t n; // a terminal's reads end with EIO once no program has it open
     while ((n = read(pipe_fds[0], buf, sizeof buf)) > 0)
         result.output.append(buf, static_cast<size_t>(n));
     close(pipe_fds[0]);
@@ -157,21 +167,22 @@ void SimBoard::change_config(const std::function<void(json &)> &change) const {
     write_text(path("board.json"), config.dump(2) + "\n");
 }
 
-RunResult SimBoard::run(const std::vector<std::string> &args) const {
+RunResult SimBoard::run(const std::vector<std::string> &args, Screen screen) const {
     std::vector<std::string> argv = {TVSIM_CLI,   "--board",         dir(),
                                      "--preload", preload_library(), "--"};
     argv.insert(argv.end(), args.begin(), args.end());
-    RunResult result = capture(argv);
+    RunResult result = capture(argv, screen);
     // Shell commands report host paths; the operator sees board paths.
     replace_all(result.output, dir() + "/fs/", "/");
     replace_all(result.output, dir() + "/", "<board>/");
     return result;
 }
 
-RunResult SimBoard::tool(const std::string &name, const std::vector<std::string> &args) const {
+RunResult SimBoard::tool(const std::string &name, const std::vector<std::string> &args,
+                         Screen screen) const {
     std::vector<std::string> argv = {fs::path(tool_binary()).replace_filename(name).string()};
     argv.insert(argv.end(), args.begin(), args.end());
-    return run(argv);
+    return run(argv, screen);
 }
 
 bool SimBoard::exists(const std::string &relative) const {

@@ -25,6 +25,10 @@ struct RunResult {
     std::string output;
 };
 
+// Where a program's output goes: a pipe, or a terminal (a pseudo-terminal without line-end
+// translation), on which the C library writes each line as it is printed.
+enum class Screen { pipe, terminal };
+
 // A fresh board directory per test, under the build's scenario folder. The test fills the
 // medium folder, makes the board, adjusts board.json if it needs faults or other hardware,
 // runs programs on it and inspects its files.
@@ -62,9 +66,9 @@ public:
     }
 
     // Runs a program on the board; "tvupdate" names the tool under test.
-    RunResult run(const std::vector<std::string> &args) const;
-    RunResult tvupdate(const std::vector<std::string> &args) const {
-        return tool("tvupdate", args);
+    RunResult run(const std::vector<std::string> &args, Screen screen = Screen::pipe) const;
+    RunResult tvupdate(const std::vector<std::string> &args, Screen screen = Screen::pipe) const {
+        return tool("tvupdate", args, screen);
     }
     // Runs the service tool of the build under test.
     RunResult tvservice(const std::vector<std::string> &args) const {
@@ -91,7 +95,8 @@ public:
 
 private:
     // Runs the named program of the build under test.
-    RunResult tool(const std::string &name, const std::vector<std::string> &args) const;
+    RunResult tool(const std::string &name, const std::vector<std::string> &args,
+                   Screen screen = Screen::pipe) const;
     std::string root_;
     std::string slot_;
 };
