@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <gmock/gmock.h>
@@ -374,11 +375,13 @@ TEST_F(UpdateRun, ApplicationScriptStatusDecidesTheStep) {
         json fault; // null: the board's own script runs
         const char *script_output;
         bool succeeds;
+        int status; // as waitpid reports it
     } cases[] = {
-        {"exits 0", nullptr, "update_tool: application installed\n", true},
-        {"exits 1", fault("command", "", {{"match", "update_tool.sh"}, {"exit", 1}}), "", false},
+        {"exits 0", nullptr, "update_tool: application installed\n", true, 0},
+        {"exits 1 by default", fault("command", "", {{"match", "update_tool.sh"}}), "", false,
+         1 << 8},
         {"killed", fault("command", "", {{"match", "update_tool.sh"}, {"signal", "KILL"}}), "",
-         false},
+         false, SIGKILL},
     };
     board.medium_list("M1", "qvxbin\n");
     board.make();
@@ -390,6 +393,9 @@ TEST_F(UpdateRun, ApplicationScriptStatusDecidesTheStep) {
                        (c.succeeds ? "Binary image updating is finished.\n"
                                    : "!!! Unable to update Binary Image. !!!\n") +
                        run_epilogue());
+        std::vector<json> shells = board.trace("shell");
+        ASSERT_FALSE(shells.empty());
+        EXPECT_EQ(shells.back()["status"], c.status);
     }
 }
 
