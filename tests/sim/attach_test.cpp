@@ -201,6 +201,19 @@ TEST_F(AttachedBoard, ADamagedBoardRecordFailsCallsWithIoError) {
     EXPECT_EQ(outcome(mount("/dev/sda1", "/tmp/usb", "vfat", 0, nullptr)), std::pair(-1, EIO));
 }
 
+// A character node made with mknod opens the device of its number, until it is unlinked.
+TEST_F(AttachedBoard, ANodeMadeWithMknodIsItsDeviceUntilUnlinked) {
+    attach();
+    struct stat device {};
+    ASSERT_EQ(stat("/dev/spioctl", &device), 0);
+    ASSERT_EQ(mknod("/tmp/spioctl", S_IFCHR | 0600, device.st_rdev), 0);
+    int fd = open("/tmp/spioctl", O_RDWR);
+    EXPECT_GE(fd, 0);
+    close(fd);
+    ASSERT_EQ(unlink("/tmp/spioctl"), 0);
+    EXPECT_EQ(outcome(open("/tmp/spioctl", O_RDWR)), std::pair(-1, ENOENT));
+}
+
 // Relative sleeps pass at once on the board's clock; a wait for a moment already past returns
 // at once on any clock and is no board sleep.
 TEST_F(AttachedBoard, SleepsAdvanceTheBoardClockAtOnce) {

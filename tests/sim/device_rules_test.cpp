@@ -129,6 +129,7 @@ TEST_F(DeviceRules, MtdDescriptorsDoOnlyWhatTheirOpenModeAllows) {
     ASSERT_EQ(stat("/dev/mtd1", &node), 0); // the node as udev makes it
     EXPECT_TRUE(S_ISCHR(node.st_mode));
     EXPECT_EQ(node.st_rdev, makedev(90, 2));
+    EXPECT_EQ(node.st_nlink, 1u);
     mtd_info_user info{};
     ASSERT_EQ(ioctl(read_only, MEMGETINFO, &info), 0);
     uint8_t page[2048];
