@@ -13,8 +13,11 @@
 
 using tvsim::HostPath;
 using tvsim::interpose::Hook;
+using tvsim::interpose::is_kernel_file;
 using tvsim::interpose::no_path;
 using tvsim::interpose::or_io_error;
+using tvsim::interpose::resolve_for_access;
+using tvsim::interpose::with_resolved_path;
 
 extern "C" {
 int __open_2(const char *path, int flags);
@@ -31,10 +34,6 @@ bool writes(int flags) {
     return (flags & O_ACCMODE) != O_RDONLY || (flags & (O_CREAT | O_TRUNC));
 }
 
-bool is_kernel_file(const std::string &normal) {
-    return normal.rfind("/sys/", 0) == 0 || normal.rfind("/proc/", 0) == 0;
-}
-
 // The board's /sys and /proc files that are no device (sizes, /proc/mtd, /proc/misc) can only be
 // read: sysfs refuses to open them for writing with EACCES, whoever asks.
 bool kernel_file_refuses(const std::string &normal, bool for_writing) {
@@ -42,14 +41,6 @@ bool kernel_file_refuses(const std::string &normal, bool for_writing) {
         return false;
     errno = EACCES;
     return true;
-}
-
-// Where a path that a program names lands; refreshes kernel files it may be about to read.
-HostPath resolve_for_access(const Hook &hook, const char *path) {
-    std::string normal = tvsim::normal_path(path);
-    if (tvsim::Board::is_board_path(normal) && is_kernel_file(normal))
-        hook.board().refresh_kernel_files();
-    return hook.board().resolve(path);
 }
 
 // Gives a board device a real descriptor of its own. As in the kernel, the descriptor comes
@@ -135,18 +126,6 @@ FILE *fopen_on_board(RealFopen real, const char *path, const char *mode) {
         }
         hook.restore_errno();
         return real(host.path.c_str(), mode);
-    });
-}
-
-// For calls that only read a path: resolve it and pass it on.
-template <typename Fn> auto with_resolved_path(const char *path, Fn fn) {
-    Hook hook;
-    if (!hook.active() || no_path(path))
-        return fn(path);
-    return or_io_error([&] {
-        HostPath host = resolve_for_access(hook, path);
-        hook.restore_errno();
-        return fn(host.path.c_str());
     });
 }
 

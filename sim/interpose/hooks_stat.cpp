@@ -51,11 +51,7 @@ int stat_on_board(RealStat real, const char *path, Stat *buf) {
     return or_io_error([&] {
         if (describe_board_node(hook, path, buf))
             return 0;
-        std::string normal = tvsim::normal_path(path);
-        if (tvsim::Board::is_board_path(normal) &&
-            (normal.rfind("/proc/", 0) == 0 || normal.rfind("/sys/", 0) == 0))
-            hook.board().refresh_kernel_files();
-        std::string host = hook.board().resolve(path).path;
+        std::string host = tvsim::interpose::resolve_for_access(hook, path).path;
         hook.restore_errno();
         return real(host.c_str(), buf);
     });
@@ -71,18 +67,6 @@ template <typename Stat, typename RealFstat> int fstat_on_board(RealFstat real, 
         hook.restore_errno();
     }
     return real(fd, buf);
-}
-
-// Calls fn with where path lands.
-template <typename Fn> int on_resolved_path(const char *path, Fn fn) {
-    Hook hook;
-    if (!hook.active() || no_path(path))
-        return fn(path);
-    return or_io_error([&] {
-        std::string host = hook.board().resolve(path).path;
-        hook.restore_errno();
-        return fn(host.c_str());
-    });
 }
 
 } // namespace
@@ -107,7 +91,8 @@ int fstat64(int fd, struct stat64 *buf) {
 }
 
 int access(const char *path, int mode) {
-    return on_resolved_path(path, [&](const char *p) { return TVSIM_REAL(access)(p, mode); });
+    return tvsim::interpose::with_resolved_path(
+        path, [&](const char *p) { return TVSIM_REAL(access)(p, mode); });
 }
 
 #if defined(__arm__)

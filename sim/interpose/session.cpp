@@ -106,6 +106,17 @@ bool no_path(const char *path) {
     return path == nullptr;
 }
 
+bool is_kernel_file(const std::string &normal) {
+    return normal.rfind("/sys/", 0) == 0 || normal.rfind("/proc/", 0) == 0;
+}
+
+HostPath resolve_for_access(const Hook &hook, const char *path) {
+    std::string normal = normal_path(path);
+    if (Board::is_board_path(normal) && is_kernel_file(normal))
+        hook.board().refresh_kernel_files();
+    return hook.board().resolve(path);
+}
+
 } // namespace tvsim::interpose
 
 using tvsim::interpose::Hook;

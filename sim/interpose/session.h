@@ -67,6 +67,24 @@ template <typename Fn> auto or_io_error(Fn fn) -> decltype(fn()) {
 // and the hook would crash where the kernel answers EFAULT.
 bool no_path(const char *path);
 
+// A path of the kernel's own files, under /proc or /sys.
+bool is_kernel_file(const std::string &normal);
+
+// Where a path that a program names lands; refreshes the kernel files it may be about to read.
+HostPath resolve_for_access(const Hook &hook, const char *path);
+
+// For calls that only read a path: fn gets where it lands (off the board, the path as given).
+template <typename Fn> auto with_resolved_path(const char *path, Fn fn) {
+    Hook hook;
+    if (!hook.active() || no_path(path))
+        return fn(path);
+    return or_io_error([&] {
+        HostPath host = resolve_for_access(hook, path);
+        hook.restore_errno();
+        return fn(host.path.c_str());
+    });
+}
+
 // open's mode argument, read only where the flags say one was passed.
 inline mode_t mode_argument(int flags, va_list ap) {
     return (flags & (O_CREAT | O_TMPFILE)) != 0 ? static_cast<mode_t>(va_arg(ap, int)) : 0;

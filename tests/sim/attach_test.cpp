@@ -2,6 +2,7 @@
 #include "run/flashimg.h"
 #include "support/board_fixture.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
@@ -199,6 +200,19 @@ TEST_F(AttachedBoard, ADamagedBoardRecordFailsCallsWithIoError) {
         EXPECT_EQ(outcome(c.call("/tmp/damaged")), std::pair(-1, EIO)) << c.name;
     EXPECT_EQ(outcome(system("ls /tmp")), std::pair(-1, EIO));
     EXPECT_EQ(outcome(mount("/dev/sda1", "/tmp/usb", "vfat", 0, nullptr)), std::pair(-1, EIO));
+}
+
+// The kernel's files are there whenever a program looks, whatever the board's folder holds.
+TEST_F(AttachedBoard, KernelFilesAreThereWheneverAProgramLooks) {
+    attach();
+    for (std::string_view name : {"stat", "access", "open", "fopen"}) {
+        const auto &c = *std::find_if(std::begin(kPathCalls), std::end(kPathCalls),
+                                      [&](const auto &call) { return call.name == name; });
+        for (const char *file : {"/proc/mtd", "/proc/misc", "/proc/sdcard/ctrl"}) {
+            std::filesystem::remove_all(dir_ / "fs/proc");
+            EXPECT_EQ(outcome(c.call(file)), std::pair(0, 0)) << name << " " << file;
+        }
+    }
 }
 
 // A character node made with mknod opens the device of its number, until it is unlinked.
