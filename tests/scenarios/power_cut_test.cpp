@@ -125,6 +125,11 @@ TEST_F(PowerCut, ATerminalShowsEveryLinePrintedBeforeTheCut) {
         << shown[Screen::terminal].size() << " bytes of " << lines.size() << " on the terminal";
     EXPECT_LT(shown[Screen::pipe].size(), lines.size());
     EXPECT_TRUE(printed.starts_with(shown[Screen::pipe]));
+    // What follows a piece's last line end is held until the line or the program ends.
+    if (on_host()) {
+        board.reboot();
+        EXPECT_EQ(board.run({"/bin/echo", "-n", "one\ntwo"}, Screen::terminal).output, "one\ntwo");
+    }
 }
 
 // The data volumes are written through: what a refresh copied is on the flash even when the
