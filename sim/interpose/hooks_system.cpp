@@ -163,8 +163,11 @@ int system(const char *command) {
         board.write_part_time();
         board.save();
         int status = spawn_shell(board, run);
+        int spawn_error = errno;
         board.reload();
         board.trace("shell", {{"command", command}, {"run", run}, {"status", status}});
+        if (status == -1)
+            errno = spawn_error; // a shell that could not be started or waited for
         return status;
     });
 }

@@ -3,6 +3,7 @@
 #include "support/board_fixture.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
@@ -37,6 +38,11 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
     EXPECT_EQ(search_usb_media(&mount_point), 0);
     EXPECT_STREQ(mount_point, "/tmp/usb");
     EXPECT_EQ(system("echo on-board > /tmp/marker"), 0);
+    // With SIGCHLD ignored the shell is gone before it can be waited for: the C library's system
+    // fails with ECHILD.
+    sighandler_t children = signal(SIGCHLD, SIG_IGN);
+    const std::pair<int, int> unwaited{system("true"), errno};
+    signal(SIGCHLD, children);
     // The stick is mounted read-only: writes fail, an existing name is reported first. A
     // refused call returns -1, as the kernel's calls do.
     auto error_of = [](bool failed) { return failed ? errno : 0; };
@@ -100,6 +106,7 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
     dup2(input, STDIN_FILENO);
     close(input);
     EXPECT_EQ(trace("mount").size(), 1u);
+    EXPECT_EQ(unwaited, std::pair(-1, ECHILD));
     for (const auto &write : writes)
         EXPECT_EQ(write.first, write.second) << "write " << &write - writes;
     for (size_t i = 0; i < made.size(); ++i) {
