@@ -120,6 +120,7 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
         std::filesystem::remove("/tmp/" + name); // what a call gone astray left on the host
     }
     EXPECT_EQ(read_file("fs/tmp/made-by-symlink"), "on-board\n"); // the link stays on the board
+    EXPECT_TRUE(std::filesystem::is_fifo(dir_ / "fs/tmp/made-by-mknod"));
     EXPECT_EQ(std::filesystem::status(dir_ / "fs/tmp/made-by-openat").permissions(),
               std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
 

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <linux/i2c-dev.h>
 #include <mtd/mtd-user.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
@@ -89,7 +90,8 @@ TEST_F(DeviceRules, RegisterWindowsMapOnlyAsTheControlDriverAllows) {
 }
 
 // The kernel refuses an open with EMFILE once the process holds as many descriptors as its
-// limit allows, and a board gives a process 1024.
+// limit allows, and a board gives a process 1024. Devices take descriptors from the lowest free
+// one: descriptor 0 in a program started without standard input.
 TEST_F(DeviceRules, DeviceOpensEndWithEmfileAtTheProcessLimit) {
     attach();
     rlimit limit{};
@@ -98,16 +100,23 @@ TEST_F(DeviceRules, DeviceOpensEndWithEmfileAtTheProcessLimit) {
     // Given back first: the sanitizer build checks a device's release through a pipe.
     int spare[2];
     ASSERT_EQ(pipe(spare), 0);
+    const int input = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
     std::vector<int> opened;
     int fd = 0;
     while ((fd = open("/dev/i2c-0", O_RDWR)) >= 0)
         opened.push_back(fd);
     const int err = errno;
     const int highest = opened.empty() ? -1 : *std::max_element(opened.begin(), opened.end());
+    ASSERT_FALSE(opened.empty());
+    EXPECT_EQ(opened[0], 0);
+    EXPECT_EQ(ioctl(opened[0], I2C_SLAVE, 0x50), 0); // the device answers at descriptor 0 too
     close(spare[0]);
     close(spare[1]);
     for (int each : opened)
         close(each);
+    dup2(input, STDIN_FILENO);
+    close(input);
     EXPECT_EQ(err, EMFILE);
     EXPECT_EQ(static_cast<rlim_t>(highest) + 1, limit.rlim_cur); // every descriptor was used
     std::vector<json> opens = trace("open");
