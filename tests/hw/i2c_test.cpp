@@ -289,6 +289,7 @@ TEST_F(I2cModels, AdapterRefusesWhatI2cDevRefuses) {
         {"no device", rdwr(bus0_, {{0x52, I2C_M_RD, 1, &byte}}), ENXIO},
         {"SMBus read, no device", smbus_at(0x52, &read_byte), ENXIO},
         {"bus 3", error_of(open("/dev/i2c-3", O_RDWR)), ENOENT},
+        {"time-out setting", error_of(ioctl(bus0_, I2C_TIMEOUT, 2)), 0}, // in 10 ms units
         {"unknown request", error_of(ioctl(bus0_, 0x7799, &byte)), ENOTTY},
     };
     for (const auto &c : cases)
