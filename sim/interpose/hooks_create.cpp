@@ -54,13 +54,13 @@ bool land(const Hook &hook, const char *path, std::string *host) {
 }
 
 // Calls fn with the host paths of one or two new names; off the board, with the names given.
-template <typename Fn> auto creating(Fn fn, const char *path, decltype(fn(path)) failed) {
+template <typename Fn> auto creating(Fn fn, const char *path) {
     Hook hook;
     if (!hook.active() || no_path(path))
         return fn(path);
     std::string host;
     if (!land(hook, path, &host))
-        return failed;
+        return tvsim::interpose::failed_result<decltype(fn(path))>();
     return fn(host.c_str());
 }
 
@@ -172,12 +172,10 @@ int __openat64_2(int dirfd, const char *path, int flags) {
 }
 
 FILE *freopen(const char *path, const char *mode, FILE *stream) {
-    return creating([&](const char *p) { return TVSIM_REAL(freopen)(p, mode, stream); }, path,
-                    static_cast<FILE *>(nullptr));
+    return creating([&](const char *p) { return TVSIM_REAL(freopen)(p, mode, stream); }, path);
 }
 FILE *freopen64(const char *path, const char *mode, FILE *stream) {
-    return creating([&](const char *p) { return TVSIM_REAL(freopen64)(p, mode, stream); }, path,
-                    static_cast<FILE *>(nullptr));
+    return creating([&](const char *p) { return TVSIM_REAL(freopen64)(p, mode, stream); }, path);
 }
 
 int mkdirat(int dirfd, const char *path, mode_t mode) {
@@ -189,7 +187,7 @@ int mknodat(int dirfd, const char *path, mode_t mode, dev_t number) {
                                         : TVSIM_REAL(mknodat)(dirfd, path, mode, number);
 }
 int mkfifo(const char *path, mode_t mode) {
-    return creating([&](const char *p) { return TVSIM_REAL(mkfifo)(p, mode); }, path, -1);
+    return creating([&](const char *p) { return TVSIM_REAL(mkfifo)(p, mode); }, path);
 }
 int mkfifoat(int dirfd, const char *path, mode_t mode) {
     return names_by_itself(dirfd, path) ? mkfifo(path, mode)
