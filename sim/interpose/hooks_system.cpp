@@ -76,8 +76,10 @@ int spawn_shell(const tvsim::Board &board, const std::string &command) {
     std::string text = command;
     char *argv[] = {sh, dash_c, text.data(), nullptr};
     pid_t pid;
-    if (posix_spawn(&pid, "/bin/sh", nullptr, nullptr, argv, envp.data()) != 0)
+    if (int err = posix_spawn(&pid, "/bin/sh", nullptr, nullptr, argv, envp.data()); err != 0) {
+        errno = err; // posix_spawn returns its error; system reports it in errno
         return -1;
+    }
     int status;
     while (waitpid(pid, &status, 0) < 0) {
         if (errno != EINTR)
