@@ -17,6 +17,55 @@ namespace {
 
 using AttachedBoard = testsupport::BoardFixture;
 
+// Calls that name a path, each as (result, errno). The C library reads a directory's path
+// itself before the kernel sees it, so only the other calls can be made without a path.
+std::pair<int, int> outcome(int result) {
+    return {result, result == -1 ? errno : 0};
+}
+const struct {
+    const char *name;
+    std::function<int(const char *path)> call;
+    bool kernel_checks_path = true;
+} kPathCalls[] = {
+    {"open",
+     [](const char *p) {
+         int fd = open(p, O_RDONLY);
+         return fd < 0 ? fd : close(fd);
+     }},
+    {"creat",
+     [](const char *p) {
+         int fd = creat(p, 0644);
+         return fd < 0 ? fd : close(fd);
+     }},
+    {"fopen",
+     [](const char *p) {
+         FILE *f = fopen(p, "r");
+         return f == nullptr ? -1 : fclose(f);
+     }},
+    {"stat",
+     [](const char *p) {
+         struct stat st;
+         return stat(p, &st);
+     }},
+    {"access", [](const char *p) { return access(p, F_OK); }},
+    {"mkdir", [](const char *p) { return mkdir(p, 0755); }},
+    {"unlink", [](const char *p) { return unlink(p); }},
+    {"mknod", [](const char *p) { return mknod(p, S_IFCHR | 0600, makedev(90, 0)); }},
+    {"symlink", [](const char *p) { return symlink("/tmp", p); }},
+    {"rename", [](const char *p) { return rename("/tmp", p); }},
+    {"mkfifo", [](const char *p) { return mkfifo(p, 0644); }},
+    {"scandir",
+     [](const char *p) {
+         dirent **list = nullptr;
+         int n = scandir(p, &list, nullptr, nullptr);
+         for (int i = 0; i < n; ++i)
+             free(list[i]);
+         free(list);
+         return n < 0 ? n : 0;
+     },
+     false},
+};
+
 TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
     std::filesystem::path medium = dir_.string() + ".medium";
     std::filesystem::create_directories(medium / "M1");
@@ -94,7 +143,6 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
              return made == name.data() ? rename(made, p) : -1;
          }},
     };
-    auto outcome = [](int result) { return std::pair(result, result == -1 ? errno : 0); };
     std::vector<std::pair<std::pair<int, int>, std::pair<int, int>>> made;
     for (const auto &maker : makers) {
         ASSERT_EQ(system("cp /tmp/marker /tmp/marker.copy"), 0);
@@ -130,55 +178,6 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
     EXPECT_EQ(read_file("fs/tmp/marker"), "on-board\n");
     std::filesystem::remove_all(medium);
 }
-
-// Calls that name a path, each as (result, errno). The C library reads a directory's path
-// itself before the kernel sees it, so only the other calls can be made without a path.
-std::pair<int, int> outcome(int result) {
-    return {result, result == -1 ? errno : 0};
-}
-const struct {
-    const char *name;
-    std::function<int(const char *path)> call;
-    bool kernel_checks_path = true;
-} kPathCalls[] = {
-    {"open",
-     [](const char *p) {
-         int fd = open(p, O_RDONLY);
-         return fd < 0 ? fd : close(fd);
-     }},
-    {"creat",
-     [](const char *p) {
-         int fd = creat(p, 0644);
-         return fd < 0 ? fd : close(fd);
-     }},
-    {"fopen",
-     [](const char *p) {
-         FILE *f = fopen(p, "r");
-         return f == nullptr ? -1 : fclose(f);
-     }},
-    {"stat",
-     [](const char *p) {
-         struct stat st;
-         return stat(p, &st);
-     }},
-    {"access", [](const char *p) { return access(p, F_OK); }},
-    {"mkdir", [](const char *p) { return mkdir(p, 0755); }},
-    {"unlink", [](const char *p) { return unlink(p); }},
-    {"mknod", [](const char *p) { return mknod(p, S_IFCHR | 0600, makedev(90, 0)); }},
-    {"symlink", [](const char *p) { return symlink("/tmp", p); }},
-    {"rename", [](const char *p) { return rename("/tmp", p); }},
-    {"mkfifo", [](const char *p) { return mkfifo(p, 0644); }},
-    {"scandir",
-     [](const char *p) {
-         dirent **list = nullptr;
-         int n = scandir(p, &list, nullptr, nullptr);
-         for (int i = 0; i < n; ++i)
-             free(list[i]);
-         free(list);
-         return n < 0 ? n : 0;
-     },
-     false},
-};
 
 // A call without a path fails with EFAULT on the board as off it, from the kernel.
 TEST_F(AttachedBoard, ACallWithoutAPathFailsAsTheKernelFailsIt) {
