@@ -511,14 +511,18 @@ bool Board::node_at(const std::string &normal_path, uint64_t *number) const {
 }
 
 std::unique_ptr<Device> Board::open_device(std::string_view path, int flags, int *err) {
-    using Opener = std::unique_ptr<Device> (*)(Board &, std::string_view, int, int *);
-    static constexpr Opener kDeviceModels[] = {
-        open_control_device, open_media_device, open_microcontroller, open_mtd_device,
-        open_i2c_bus,        open_spi_device,   open_spidev,          open_nor_direct};
     if (const json *f = take_fault("open", std::string(path))) {
         *err = errno_from_name(f->value("errno", json("ENODEV")));
         return nullptr;
     }
+    return find_device(path, flags, err);
+}
+
+std::unique_ptr<Device> Board::find_device(std::string_view path, int flags, int *err) {
+    using Opener = std::unique_ptr<Device> (*)(Board &, std::string_view, int, int *);
+    static constexpr Opener kDeviceModels[] = {
+        open_control_device, open_media_device, open_microcontroller, open_mtd_device,
+        open_i2c_bus,        open_spi_device,   open_spidev,          open_nor_direct};
     *err = ENOENT;
     for (Opener open : kDeviceModels) {
         if (auto device = open(*this, path, flags, err)) {

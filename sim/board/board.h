@@ -166,6 +166,8 @@ public:
 
     // Opens a board device node; null with *err set (ENOENT when the path is no device).
     std::unique_ptr<Device> open_device(std::string_view normal_path, int flags, int *err);
+    // The same without the faults injected into opens: which device a node names, for stat.
+    std::unique_ptr<Device> find_device(std::string_view normal_path, int flags, int *err);
 
     // --- power cut (board.json "power_cut", power_cut.cpp) -------------------------------
     // Of count units (bytes, erase blocks) of a write or erase that the next event records,

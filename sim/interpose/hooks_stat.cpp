@@ -22,24 +22,31 @@ int __fxstat64(int version, int fd, struct stat64 *buf);
 
 namespace {
 
-template <typename Stat> void describe_device(const tvsim::Device &device, Stat *buf) {
+template <typename Stat> void describe_node(dev_t number, Stat *buf) {
     memset(buf, 0, sizeof *buf);
     buf->st_mode = S_IFCHR | 0660;
     buf->st_nlink = 1;
-    buf->st_rdev = device.node_number();
+    buf->st_rdev = number;
     buf->st_blksize = 4096;
 }
 
-// A board device at a path: the node's description, or false when the path names none.
+// A board device node at a path: its description, or false when the path names none. A node
+// made with mknod has the number it was made with, whether a driver answers for it or not.
 template <typename Stat> bool describe_board_node(Hook &hook, const char *path, Stat *buf) {
     std::string normal = tvsim::normal_path(path);
-    if (normal.rfind("/dev/", 0) != 0 || !tvsim::Board::is_board_path(normal))
+    if (!tvsim::Board::is_board_path(normal))
         return false;
-    int err = 0;
-    std::unique_ptr<tvsim::Device> device = hook.board().open_device(normal, O_RDONLY, &err);
-    if (device == nullptr)
-        return false;
-    describe_device(*device, buf);
+    uint64_t number = 0;
+    if (!hook.board().node_at(normal, &number)) {
+        int err = 0;
+        std::unique_ptr<tvsim::Device> device =
+            normal.starts_with("/dev/") ? hook.board().find_device(normal, O_RDONLY, &err)
+                                        : nullptr;
+        if (device == nullptr)
+            return false;
+        number = device->node_number();
+    }
+    describe_node(static_cast<dev_t>(number), buf);
     return true;
 }
 
@@ -61,7 +68,7 @@ template <typename Stat, typename RealFstat> int fstat_on_board(RealFstat real, 
     if (tvsim::interpose::any_device_open()) {
         Hook hook;
         if (tvsim::Device *device = hook.active() ? tvsim::interpose::device_at(fd) : nullptr) {
-            describe_device(*device, buf);
+            describe_node(device->node_number(), buf);
             return 0;
         }
         hook.restore_errno();
