@@ -222,12 +222,17 @@ TEST_F(AttachedBoard, KernelFilesAreThereWheneverAProgramLooks) {
     }
 }
 
-// A character node made with mknod opens the device of its number, until it is unlinked.
+// A character node made with mknod is a node of its number and opens the device of that number,
+// until it is unlinked.
 TEST_F(AttachedBoard, ANodeMadeWithMknodIsItsDeviceUntilUnlinked) {
     attach();
     struct stat device {};
     ASSERT_EQ(stat("/dev/spioctl", &device), 0);
     ASSERT_EQ(mknod("/tmp/spioctl", S_IFCHR | 0600, device.st_rdev), 0);
+    struct stat node {};
+    ASSERT_EQ(stat("/tmp/spioctl", &node), 0);
+    EXPECT_TRUE(S_ISCHR(node.st_mode));
+    EXPECT_EQ(node.st_rdev, device.st_rdev);
     int fd = open("/tmp/spioctl", O_RDWR);
     EXPECT_GE(fd, 0);
     close(fd);

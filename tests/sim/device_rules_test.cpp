@@ -129,6 +129,7 @@ TEST_F(DeviceRules, DeviceOpensEndWithEmfileAtTheProcessLimit) {
 
 TEST_F(DeviceRules, MtdDescriptorsDoOnlyWhatTheirOpenModeAllows) {
     add_fault(fault("mtd_write", "uboot_env", {{"bytes", 0}}));
+    add_fault(fault("open", "/dev/mtd2", {{"times", 1}}));
     attach();
     int write_only = open("/dev/mtd1", O_WRONLY);
     int read_only = open("/dev/mtd1", O_RDONLY);
@@ -139,6 +140,9 @@ TEST_F(DeviceRules, MtdDescriptorsDoOnlyWhatTheirOpenModeAllows) {
     EXPECT_TRUE(S_ISCHR(node.st_mode));
     EXPECT_EQ(node.st_rdev, makedev(90, 2));
     EXPECT_EQ(node.st_nlink, 1u);
+    // A fault in a node's open leaves its stat alone, and a stat does not use the fault up.
+    EXPECT_EQ(stat("/dev/mtd2", &node), 0);
+    EXPECT_EQ(error_of(open("/dev/mtd2", O_RDONLY) < 0), ENODEV);
     mtd_info_user info{};
     ASSERT_EQ(ioctl(read_only, MEMGETINFO, &info), 0);
     uint8_t page[2048];
