@@ -11,6 +11,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <sys/time.h>
 #include <time.h>
 
 namespace {
@@ -229,6 +230,8 @@ TEST_F(AttachedBoard, ANodeMadeWithMknodIsItsDeviceUntilUnlinked) {
     struct stat device {};
     ASSERT_EQ(stat("/dev/spioctl", &device), 0);
     ASSERT_EQ(mknod("/tmp/spioctl", S_IFCHR | 0600, device.st_rdev), 0);
+    EXPECT_EQ(outcome(mknod("/tmp/spioctl", S_IFCHR | 0600, device.st_rdev)),
+              std::pair(-1, EEXIST));
     struct stat node {};
     ASSERT_EQ(stat("/tmp/spioctl", &node), 0);
     EXPECT_TRUE(S_ISCHR(node.st_mode));
@@ -251,7 +254,10 @@ TEST_F(AttachedBoard, SleepsAdvanceTheBoardClockAtOnce) {
     EXPECT_EQ(clock_nanosleep(CLOCK_MONOTONIC, 0, &two, nullptr), 0);
     EXPECT_EQ(clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &epoch, nullptr), 0);
     EXPECT_EQ(system(nullptr), 1); // a shell is there for commands
+    const timeval new_year{946684800, 0};
+    EXPECT_EQ(settimeofday(&new_year, nullptr), 0); // the board's clock, not the host's
     detach();
+    EXPECT_EQ(trace("settimeofday").size(), 1u);
     std::vector<nlohmann::json> sleeps = trace("sleep");
     ASSERT_EQ(sleeps.size(), 4u);
     const std::pair<const char *, uint64_t> expected[] = {{"nanosleep", 1500000000u},
