@@ -166,7 +166,7 @@ private:
         case I2C_SMBUS_BLOCK_DATA:
             if (read) // needs a receive-length message, which this adapter does not offer
                 return fail(EOPNOTSUPP);
-            if (data->block[0] == 0 || data->block[0] > I2C_SMBUS_BLOCK_MAX)
+            if (data->block[0] > I2C_SMBUS_BLOCK_MAX) // a block of no bytes is sent as its count
                 return fail(EINVAL);
             memcpy(out + 1, data->block, data->block[0] + 1u);
             out_length = data->block[0] + 2u;

@@ -268,6 +268,9 @@ TEST_F(I2cModels, AdapterRefusesWhatI2cDevRefuses) {
     i2c_smbus_data block{};
     block.block[0] = I2C_SMBUS_BLOCK_MAX;
     i2c_smbus_ioctl_data read_block{I2C_SMBUS_READ, 0, I2C_SMBUS_I2C_BLOCK_DATA, &block};
+    i2c_smbus_data no_bytes{}; // block[0], the count, is 0
+    i2c_smbus_ioctl_data empty_block{I2C_SMBUS_WRITE, 0, I2C_SMBUS_BLOCK_DATA, &no_bytes};
+    i2c_smbus_ioctl_data no_data{I2C_SMBUS_WRITE, 0, I2C_SMBUS_BYTE_DATA, nullptr};
     auto smbus_at = [&](int address, i2c_smbus_ioctl_data *call) {
         EXPECT_EQ(ioctl(bus0_, I2C_SLAVE, address), 0);
         return error_of(ioctl(bus0_, I2C_SMBUS, call));
@@ -286,6 +289,8 @@ TEST_F(I2cModels, AdapterRefusesWhatI2cDevRefuses) {
         {"SMBus size", error_of(ioctl(bus0_, I2C_SMBUS, &bad_size)), EINVAL},
         {"SMBus read", smbus_at(0x51, &read_byte), 0},
         {"SMBus read of a whole block", smbus_at(0x51, &read_block), 0},
+        {"SMBus block write of no bytes", smbus_at(0x51, &empty_block), 0},
+        {"SMBus write without its data", smbus_at(0x51, &no_data), EINVAL},
         {"no device", rdwr(bus0_, {{0x52, I2C_M_RD, 1, &byte}}), ENXIO},
         {"SMBus read, no device", smbus_at(0x52, &read_byte), ENXIO},
         {"bus 3", error_of(open("/dev/i2c-3", O_RDWR)), ENOENT},
