@@ -345,6 +345,7 @@ TEST_F(DeviceRules, OutOfBandRequestsStayWithinTheirAreas) {
         {"a write at the end", MEMWRITEOOB, info.size, 4, EINVAL},
         {"a read at the end", MEMREADOOB, info.size, 4, EINVAL},
         {"a read of more than 4096 bytes", MEMREADOOB, 0, 4097, EINVAL},
+        {"a read of 4096 bytes", MEMREADOOB, 0, 4096, 0},
         {"a read into the next page's area", MEMREADOOB, before_bad, 128, 0},
     };
     for (const auto &c : cases) {
