@@ -137,6 +137,12 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
              int result = closed(mkstemp(name.data()));
              return result == 0 ? rename(name.c_str(), p) : result;
          }},
+        {"mkstemps", // the letters before a suffix
+         [&](const char *p) {
+             std::string name = std::string(p) + "XXXXXX.tmp";
+             int result = closed(mkstemps(name.data(), 4));
+             return result == 0 ? rename(name.c_str(), p) : result;
+         }},
         {"mkdtemp",
          [](const char *p) {
              std::string name = std::string(p) + "XXXXXX";

@@ -154,8 +154,8 @@ TEST_F(DeviceRules, MtdDescriptorsDoOnlyWhatTheirOpenModeAllows) {
         std::function<bool()> fails;
         int err;
     } cases[] = {
-        {"read, write-only", [&] { return read(write_only, page, 16) < 0; }, EBADF},
-        {"write, read-only", [&] { return write(read_only, page, sizeof page) < 0; }, EBADF},
+        {"read, write-only", [&] { return read(write_only, page, 16) == -1; }, EBADF},
+        {"write, read-only", [&] { return write(read_only, page, sizeof page) == -1; }, EBADF},
         {"erase, read-only", [&] { return ioctl(read_only, MEMERASE, &block) != 0; }, EPERM},
         {"bad block query, read-only",
          [&] { return ioctl(read_only, MEMGETBADBLOCK, &first_block) < 0; }, 0},
