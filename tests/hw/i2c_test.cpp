@@ -478,6 +478,14 @@ TEST_F(FpgaEepromOnBoard, PllLockNeedsThreeLockedReadsInARow) {
     EXPECT_EQ(printed([] { EXPECT_EQ(EnableFPGAEeprom(2), 1); }),
               "FPGA EEP ERROR! on checking FPGA PLL lock status(0x000c).\n");
     EXPECT_EQ(pll_reads(), 10);
+    // Its EEPROM interface runs on that PLL: the enable register is not taken.
+    int bus = open("/dev/i2c-2", O_RDWR);
+    uint8_t enable[4] = {0x00, 0x20, 0x00, 0x00};
+    i2c_msg message{0x0F, 0, sizeof enable, enable};
+    i2c_rdwr_ioctl_data transfer{&message, 1};
+    EXPECT_EQ(ioctl(bus, I2C_RDWR, &transfer), -1);
+    EXPECT_EQ(errno, EREMOTEIO);
+    close(bus);
 }
 
 TEST_F(FpgaEepromOnBoard, BlockSequencesAreJudgedByTheirLock) {
