@@ -30,22 +30,26 @@ template <typename Stat> void describe_node(dev_t number, Stat *buf) {
     buf->st_blksize = 4096;
 }
 
-// A board device node at a path: its description, or false when the path names none. A node
-// made with mknod has the number it was made with, whether a driver answers for it or not.
+// The number of the board device node at a normal path: a node made with mknod (whether a
+// driver answers for it or not), or a device the board has under /dev. False for any other path.
+bool board_node_number(tvsim::Board &board, const std::string &normal, uint64_t *number) {
+    if (board.node_at(normal, number))
+        return true;
+    if (!normal.starts_with("/dev/"))
+        return false;
+    int err = 0;
+    std::unique_ptr<tvsim::Device> device = board.find_device(normal, O_RDONLY, &err);
+    if (device != nullptr)
+        *number = device->node_number();
+    return device != nullptr;
+}
+
+// A board device node at a path: its description, or false when the path names none.
 template <typename Stat> bool describe_board_node(Hook &hook, const char *path, Stat *buf) {
     std::string normal = tvsim::normal_path(path);
-    if (!tvsim::Board::is_board_path(normal))
-        return false;
     uint64_t number = 0;
-    if (!hook.board().node_at(normal, &number)) {
-        int err = 0;
-        std::unique_ptr<tvsim::Device> device =
-            normal.starts_with("/dev/") ? hook.board().find_device(normal, O_RDONLY, &err)
-                                        : nullptr;
-        if (device == nullptr)
-            return false;
-        number = device->node_number();
-    }
+    if (!tvsim::Board::is_board_path(normal) || !board_node_number(hook.board(), normal, &number))
+        return false;
     describe_node(static_cast<dev_t>(number), buf);
     return true;
 }
