@@ -163,6 +163,47 @@ TEST_F(I2cOnBoard, DeviceCallsReleaseTheirBusDescriptorsAndRefusedDataIsFinal) {
               (std::vector<std::string>{"nak", "nak", "nak"}));
 }
 
+// Each byte on the bus takes 9 bit times at 100 kHz: the address bytes, the data up to and
+// including the first byte not acknowledged, and the stop, which a refused transfer never sends.
+TEST_F(I2cOnBoard, BusTimeRunsToTheRefusedByte) {
+    add_fault(fault("i2c_bus_error", "i2c-0", {{"skip", 1}, {"times", 1}}));
+    add_fault(fault("i2c_nak", "pelto", {{"skip", 1}, {"times", 1}}));
+    add_fault(fault("i2c_read_error", "pelto", {{"times", 1}}));
+    attach();
+    int bus = open("/dev/i2c-0", O_RDWR);
+    ASSERT_GE(bus, 0);
+    uint8_t address[3] = {0x00, 0x00, 0xAA};
+    uint8_t in[2] = {};
+    auto transfer = [&](std::vector<i2c_msg> messages) {
+        i2c_rdwr_ioctl_data data{messages.data(), static_cast<uint32_t>(messages.size())};
+        return ioctl(bus, I2C_RDWR, &data);
+    };
+    const std::vector<i2c_msg> read_back = {{0x51, 0, 2, address}, {0x51, I2C_M_RD, 2, in}};
+    const struct {
+        const char *what;
+        std::vector<i2c_msg> messages;
+        int64_t bytes;
+    } cases[] = {
+        {"a write, for the time it ends", {{0x51, 0, 2, address}}, 4},
+        {"a bus error", {{0x51, 0, 2, address}}, 1},
+        {"the first data byte refused", {{0x51, 0, 3, address}}, 2},
+        {"a read that fails", read_back, 5},
+        {"no device at the address", {{0x52, I2C_M_RD, 1, in}}, 1},
+        {"a read", read_back, 7},
+    };
+    const size_t before = trace("i2c").size();
+    for (const auto &c : cases)
+        transfer(c.messages);
+    close(bus);
+    const std::vector<json> events = trace("i2c");
+    ASSERT_EQ(events.size(), before + std::size(cases));
+    for (size_t i = 1; i < std::size(cases); ++i) {
+        const int64_t took =
+            events[before + i]["t"].get<int64_t>() - events[before + i - 1]["t"].get<int64_t>();
+        EXPECT_EQ(took, cases[i].bytes * 90000) << cases[i].what;
+    }
+}
+
 TEST_F(I2cOnBoard, HdmiEepromPagesAndHalves) {
     change_config([](json &c) {
         for (int half : {0, 1})
