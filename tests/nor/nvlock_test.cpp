@@ -49,8 +49,8 @@ TEST(NorSectorTable, SectorsTileTheFlashBottomBoot) {
 }
 
 // Program and erase through the mapped flash, as the part answers them: status while busy (DQ7
-// data polling, DQ6 toggling, DQ3 and DQ2 while erasing), array data once done, protected
-// sectors left as they were. The rows run in order on one board.
+// data polling, DQ6 toggling, DQ3 and DQ2 while erasing) for the operation's time, array data
+// once done, protected sectors left as they were. The rows run in order on one board.
 class NorChipOnBoard : public testsupport::BoardFixture {
 protected:
     static void cycle(uint32_t at, uint16_t value) {
@@ -77,15 +77,17 @@ TEST_F(NorChipOnBoard, ProgramAndEraseAnswerWithStatusThenArray) {
         Cycles cycles;    // the last one's address is read
         uint16_t busy[2]; // two reads at once
         uint16_t after;   // a read once the part's time is up
+        useconds_t lasts; // the operation's time; each read takes a microsecond
     } cases[] = {
-        {"program", with(program, 0x20000, 0x1234), {0xC0, 0x80}, 0x1234},
-        {"program a protected sector", with(program, 0x10000, 0x1234), {0xC0, 0x80}, 0x5A5A},
-        {"sector erase", with(erase, 0x20000, 0x30), {0x4C, 0x08}, 0xFFFF},
-        {"erase a protected sector", with(erase, 0x10000, 0x30), {0x4C, 0x08}, 0x5A5A},
+        {"program", with(program, 0x20000, 0x1234), {0xC0, 0x80}, 0x1234, 8},
+        {"program a protected sector", with(program, 0x10000, 0x1234), {0xC0, 0x80}, 0x5A5A, 100},
+        {"sector erase", with(erase, 0x20000, 0x30), {0x4C, 0x08}, 0xFFFF, 500000},
+        {"erase a protected sector", with(erase, 0x10000, 0x30), {0x4C, 0x08}, 0x5A5A, 100},
         {"program without its second unlock cycle",
          {{0xAAA, 0xAA}, {0xAAA, 0xA0}, {0x20000, 0}},
          {0xFFFF, 0xFFFF},
-         0xFFFF},
+         0xFFFF,
+         0},
     };
     change_config([](json &c) {
         c["nor"]["protected"] = {4};            // 0x10000..0x1FFFF
@@ -103,7 +105,10 @@ TEST_F(NorChipOnBoard, ProgramAndEraseAnswerWithStatusThenArray) {
         uint16_t first = word(at);
         EXPECT_EQ(first, c.busy[0]) << c.name;
         EXPECT_EQ(word(at), c.busy[1]) << c.name;
-        usleep(600000);
+        if (c.lasts != 0) {
+            usleep(c.lasts - 3);
+            EXPECT_NE(word(at), c.after) << c.name << ": done a microsecond early";
+        }
         EXPECT_EQ(word(at), c.after) << c.name;
     }
     // Left in autoselect, the flash answers the partition's reads with its identification.
