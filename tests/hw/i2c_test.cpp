@@ -447,8 +447,13 @@ TEST_F(I2cModels, KolmaAnswersAfterResetReleaseAndOpensItsEepromAfterEnable) {
     cn_user_fd = open("/dev/cn_user", O_RDWR);
     ASSERT_EQ(PIO_BitWrite(23, 1), PIO_OK);
     EXPECT_EQ(kolma(0x40FA, 0x5745), EREMOTEIO); // EEPROM not enabled
-    EXPECT_EQ(kolma(0x0016, 1), 0);              // the EEPROM enable register
-    EXPECT_EQ(kolma(0x0016, 0), 0);
+    // The EEPROM enable register takes 1 then 0; a value out of turn starts the sequence again,
+    // as its first step when it is 1.
+    for (uint16_t value : {0, 0})
+        EXPECT_EQ(kolma(0x0016, value), 0);
+    EXPECT_EQ(kolma(0x40FA, 0x5745), EREMOTEIO);
+    for (uint16_t value : {1, 1, 0})
+        EXPECT_EQ(kolma(0x0016, value), 0);
     EXPECT_EQ(kolma(0x40FA, 0x5745), 0);
     // Reads: only the registers that give a value answer; a write-only register, or one past
     // the read interface's 16 data bytes, refuses the register's low byte.
