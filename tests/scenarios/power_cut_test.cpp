@@ -129,6 +129,10 @@ TEST_F(PowerCut, ATerminalShowsEveryLinePrintedBeforeTheCut) {
     if (on_host()) {
         board.reboot();
         EXPECT_EQ(board.run({"/bin/echo", "-n", "one\ntwo"}, Screen::terminal).output, "one\ntwo");
+        std::vector<json> pieces = board.trace("output"); // recorded line by line
+        ASSERT_GE(pieces.size(), 2u);
+        EXPECT_EQ(pieces[pieces.size() - 2]["text"], "one");
+        EXPECT_EQ(pieces.back()["text"], "two");
     }
 }
 

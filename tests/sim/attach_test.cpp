@@ -88,6 +88,11 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
     EXPECT_EQ(search_usb_media(&mount_point), 0);
     EXPECT_STREQ(mount_point, "/tmp/usb");
     EXPECT_EQ(system("echo on-board > /tmp/marker"), 0);
+    // Started without a PATH, a command still finds the host's programs after the board's.
+    const std::string host_path = getenv("PATH");
+    unsetenv("PATH");
+    const int without_path = system("cat /tmp/marker > /dev/null");
+    setenv("PATH", host_path.c_str(), 1);
     // With SIGCHLD ignored the shell is gone before it can be waited for: the C library's system
     // fails with ECHILD.
     sighandler_t children = signal(SIGCHLD, SIG_IGN);
@@ -113,6 +118,13 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
         {"creat", [&](const char *p) { return closed(creat(p, 0644)); }},
         {"openat",
          [&](const char *p) { return closed(openat(AT_FDCWD, p, O_CREAT | O_RDWR, 0600)); }},
+        {"openat-beside", // a name of its own beside a directory's descriptor
+         [&](const char *p) {
+             int tmp = open("/tmp", O_RDONLY | O_DIRECTORY);
+             int result = closed(openat(tmp, p, O_CREAT | O_RDWR, 0600));
+             close(tmp);
+             return result;
+         }},
         {"freopen",
          [](const char *p) {
              FILE *file = freopen(p, "w", tmpfile());
@@ -162,6 +174,7 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
     close(input);
     EXPECT_EQ(trace("mount").size(), 1u);
     EXPECT_EQ(unwaited, std::pair(-1, ECHILD));
+    EXPECT_EQ(without_path, 0);
     for (const auto &write : writes)
         EXPECT_EQ(write.first, write.second) << "write " << &write - writes;
     for (size_t i = 0; i < made.size(); ++i) {
