@@ -115,6 +115,9 @@ TEST_F(BoardTest, TheMountTableShowsFlagsAndOptions) {
               "ubi5:other /mnt/flash/other ubifs ro 0 0\n");
     EXPECT_TRUE(board_->resolve("/mnt/flash/other/x").read_only);
     EXPECT_FALSE(board_->resolve("/mnt/flash/bitmap/x").read_only);
+    // A source mounted again where it is mounted is busy; elsewhere it is a second mount.
+    EXPECT_EQ(board_->mount("/dev/sdb1", "/mnt/sdcard", "vfat", MS_RDONLY, nullptr), EBUSY);
+    EXPECT_EQ(board_->mount("/dev/sdb1", "/tmp", "vfat", MS_RDONLY, nullptr), 0);
 }
 
 // A ubifs volume mounted without sync keeps what was written since the mount, or since the last
