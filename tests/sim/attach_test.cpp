@@ -89,7 +89,8 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
     EXPECT_STREQ(mount_point, "/tmp/usb");
     EXPECT_EQ(system("echo on-board > /tmp/marker"), 0);
     // Started without a PATH, a command still finds the host's programs after the board's.
-    const std::string host_path = getenv("PATH");
+    const char *path = getenv("PATH");
+    const std::string host_path = path != nullptr ? path : "/usr/bin:/bin";
     unsetenv("PATH");
     const int without_path = system("cat /tmp/marker > /dev/null");
     setenv("PATH", host_path.c_str(), 1);
