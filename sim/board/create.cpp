@@ -82,27 +82,31 @@ bool create_board(const std::string &dir, const NewBoardOptions &options, std::s
         *error = dir + " already holds a board";
         return false;
     }
+    bool ok = true; // every folder and file made so far
+    auto make_folder = [&ok](const fs::path &path) {
+        std::error_code failed;
+        fs::create_directories(path, failed);
+        ok = ok && !failed;
+    };
     fs::path root = board / "fs";
     for (const char *d :
          {"tmp", "mnt/sdcard", "mnt/flash/app_data", "mnt/flash/model_data", "mnt/flash/jpeg_user",
           "mnt/flash/jpeg_factory", "mnt/flash/bitmap", "mnt/flash/other", "update", "sbin",
           "modules", "sys/class/scsi_device", "sys/block", "proc", "dev"})
-        fs::create_directories(root / d, ec);
+        make_folder(root / d);
     json config = default_config(options);
     for (const json &dev : config["ubi"]) {
         for (const json &vol : dev["volumes"]) {
-            fs::create_directories(board / "flash" /
-                                       ("ubi" + std::to_string(dev["number"].get<int>()) + "_" +
-                                        std::to_string(vol["id"].get<int>())),
-                                   ec);
+            make_folder(board / "flash" /
+                        ("ubi" + std::to_string(dev["number"].get<int>()) + "_" +
+                         std::to_string(vol["id"].get<int>())));
         }
     }
-    fs::create_directories(board / "flash/ubi4_0/dpdc", ec);
-    fs::create_directories(board / "flash/ubi4_0/factory", ec);
-    fs::create_directories(board / "media/usb", ec);
-    fs::create_directories(board / "media/sd", ec);
+    make_folder(board / "flash/ubi4_0/dpdc");
+    make_folder(board / "flash/ubi4_0/factory");
+    make_folder(board / "media/usb");
+    make_folder(board / "media/sd");
 
-    bool ok = true;
     for (const char *tool : {"ubimkvol", "ubirmvol"})
         ok = ok && write_executable(root / "update" / tool, stand_in(tool));
     for (const char *tool : {"insmod", "rmmod", "modprobe"})
@@ -115,18 +119,19 @@ bool create_board(const std::string &dir, const NewBoardOptions &options, std::s
     ok = ok && create_microcontroller_files(board.string(), config["microcontroller"]);
     ok = ok && create_i2c_files(board.string(), config["i2c"]);
     ok = ok && write_file((board / "board.json").string(), config.dump(2) + "\n");
-    if (!ok || ec) {
+    if (!ok) {
         *error = "cannot write the board into " + dir;
         return false;
     }
+    std::error_code copy_failed;
     auto copy_medium = [&](const std::string &from, const char *to) {
-        if (!from.empty())
-            fs::copy(from, board / to, fs::copy_options::recursive, ec);
+        if (!from.empty() && !copy_failed) // the first failure is the one reported
+            fs::copy(from, board / to, fs::copy_options::recursive, copy_failed);
     };
     copy_medium(options.usb_medium, "media/usb");
     copy_medium(options.sd_medium, "media/sd");
-    if (ec) {
-        *error = "cannot copy the medium: " + ec.message();
+    if (copy_failed) {
+        *error = "cannot copy the medium: " + copy_failed.message();
         return false;
     }
     return true;

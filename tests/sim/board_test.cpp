@@ -1,5 +1,6 @@
 // The simulator's board: how mounts fail, how shell commands are rewritten and checked,
 // and how register accesses arrive.
+#include "board/create.h"
 #include "board/device.h"
 #include "support/board_fixture.h"
 
@@ -52,6 +53,37 @@ TEST_F(BoardTest, ABoardItCannotReadIsNotLoaded) {
         std::filesystem::remove(dir_ / "state.json");
     }
     EXPECT_NE(load_board(), nullptr); // the board as made loads
+}
+
+// A board is made whole or not at all: any folder, file or medium it cannot make fails it,
+// and the first such failure is the one reported.
+TEST_F(BoardTest, ABoardItCannotMakeWholeIsRefused) {
+    const std::string made = dir_.string(), fresh = made + ".fresh", no_medium = made + ".none";
+    const struct {
+        const char *what;
+        const char *file_in_the_way; // a file where the board needs a folder, or ""
+        NewBoardOptions options;
+        std::string error;
+    } cases[] = {
+        {"a folder it cannot make", "fs/mnt/flash/other", {}, "cannot write the board into "},
+        {"a stick without its folder",
+         "",
+         {.usb_medium = no_medium, .sd_medium = made, .seed = {}},
+         "cannot copy the medium: No such file or directory"},
+        {"a board already there", "board.json", {}, " already holds a board"},
+    };
+    for (const auto &c : cases) {
+        std::filesystem::remove_all(fresh);
+        if (*c.file_in_the_way != '\0') {
+            std::filesystem::create_directories(
+                (fresh / std::filesystem::path(c.file_in_the_way)).parent_path());
+            std::ofstream(fresh + "/" + c.file_in_the_way) << "in the way";
+        }
+        std::string error;
+        EXPECT_FALSE(create_board(fresh, c.options, &error)) << c.what;
+        EXPECT_NE(error.find(c.error), std::string::npos) << c.what << ": " << error;
+    }
+    std::filesystem::remove_all(fresh);
 }
 
 TEST_F(BoardTest, MountsFailAsTheKernelWould) {
