@@ -63,6 +63,13 @@ protected:
         cn_user_fd = -1;
         BoardFixture::TearDown();
     }
+    // errno of a failed request (which returns -1, as the kernel's calls do), 0 when it
+    // succeeded; any other negative result as it is.
+    static int error_of(int result) { return result == -1 ? errno : std::min(result, 0); }
+    static int rdwr(int fd, std::vector<i2c_msg> messages) {
+        i2c_rdwr_ioctl_data data{messages.data(), static_cast<uint32_t>(messages.size())};
+        return error_of(ioctl(fd, I2C_RDWR, &data));
+    }
     // The I2C transfers so far, as "w" hex lengths of their first message ("nak" when any
     // message of the transfer was refused).
     std::vector<std::string> transfers() const {
@@ -174,10 +181,6 @@ TEST_F(I2cOnBoard, BusTimeRunsToTheRefusedByte) {
     ASSERT_GE(bus, 0);
     uint8_t address[3] = {0x00, 0x00, 0xAA};
     uint8_t in[2] = {};
-    auto transfer = [&](std::vector<i2c_msg> messages) {
-        i2c_rdwr_ioctl_data data{messages.data(), static_cast<uint32_t>(messages.size())};
-        return ioctl(bus, I2C_RDWR, &data);
-    };
     const std::vector<i2c_msg> read_back = {{0x51, 0, 2, address}, {0x51, I2C_M_RD, 2, in}};
     const struct {
         const char *what;
@@ -193,7 +196,7 @@ TEST_F(I2cOnBoard, BusTimeRunsToTheRefusedByte) {
     };
     const size_t before = trace("i2c").size();
     for (const auto &c : cases)
-        transfer(c.messages);
+        rdwr(bus, c.messages);
     close(bus);
     const std::vector<json> events = trace("i2c");
     ASSERT_EQ(events.size(), before + std::size(cases));
@@ -269,13 +272,6 @@ protected:
         close(bus0_);
         close(bus2_);
         I2cOnBoard::TearDown();
-    }
-    // errno of a failed request (which returns -1, as the kernel's calls do), 0 when it
-    // succeeded; any other negative result as it is.
-    static int error_of(int result) { return result == -1 ? errno : std::min(result, 0); }
-    int rdwr(int fd, std::vector<i2c_msg> messages) {
-        i2c_rdwr_ioctl_data data{messages.data(), static_cast<uint32_t>(messages.size())};
-        return error_of(ioctl(fd, I2C_RDWR, &data));
     }
     // A write of a 16-bit register of a device on bus 2, the Vornek unless told.
     int set_register(uint16_t reg, uint16_t value, uint16_t device = 0x0A) {
@@ -527,10 +523,7 @@ TEST_F(FpgaEepromOnBoard, PllLockNeedsThreeLockedReadsInARow) {
     // Its EEPROM interface runs on that PLL: the enable register is not taken.
     int bus = open("/dev/i2c-2", O_RDWR);
     uint8_t enable[4] = {0x00, 0x20, 0x00, 0x00};
-    i2c_msg message{0x0F, 0, sizeof enable, enable};
-    i2c_rdwr_ioctl_data transfer{&message, 1};
-    EXPECT_EQ(ioctl(bus, I2C_RDWR, &transfer), -1);
-    EXPECT_EQ(errno, EREMOTEIO);
+    EXPECT_EQ(rdwr(bus, {{0x0F, 0, sizeof enable, enable}}), EREMOTEIO);
     close(bus);
 }
 

@@ -112,6 +112,13 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
     // Every entry point that makes a name lands on the board, and the stick refuses it: each
     // call returns 0, or -1 with EROFS.
     auto closed = [](int fd) { return fd < 0 ? fd : close(fd); };
+    // A call given a descriptor of /tmp, closed after it.
+    auto beside_tmp = [](const std::function<int(int tmp)> &call) {
+        int tmp = open("/tmp", O_RDONLY | O_DIRECTORY);
+        int result = call(tmp);
+        close(tmp);
+        return result;
+    };
     const struct {
         const char *name;
         std::function<int(const char *path)> make;
@@ -121,10 +128,8 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
          [&](const char *p) { return closed(openat(AT_FDCWD, p, O_CREAT | O_RDWR, 0600)); }},
         {"openat-beside", // a name of its own beside a directory's descriptor
          [&](const char *p) {
-             int tmp = open("/tmp", O_RDONLY | O_DIRECTORY);
-             int result = closed(openat(tmp, p, O_CREAT | O_RDWR, 0600));
-             close(tmp);
-             return result;
+             return beside_tmp(
+                 [&](int tmp) { return closed(openat(tmp, p, O_CREAT | O_RDWR, 0600)); });
          }},
         {"freopen",
          [](const char *p) {
@@ -138,11 +143,8 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
         {"link", [](const char *p) { return link("/tmp/marker", p); }},
         {"rename", [](const char *p) { return rename("/tmp/marker.copy", p); }},
         {"renameat", // from a name under a directory's descriptor to a name of its own
-         [](const char *p) {
-             int tmp = open("/tmp", O_RDONLY | O_DIRECTORY);
-             int result = renameat(tmp, "marker.copy", AT_FDCWD, p);
-             close(tmp);
-             return result;
+         [&](const char *p) {
+             return beside_tmp([&](int tmp) { return renameat(tmp, "marker.copy", AT_FDCWD, p); });
          }},
         {"mkstemp",
          [&](const char *p) {

@@ -75,9 +75,10 @@ TEST_F(BoardTest, ABoardItCannotMakeWholeIsRefused) {
     for (const auto &c : cases) {
         std::filesystem::remove_all(fresh);
         if (*c.file_in_the_way != '\0') {
-            std::filesystem::create_directories(
-                (fresh / std::filesystem::path(c.file_in_the_way)).parent_path());
-            std::ofstream(fresh + "/" + c.file_in_the_way) << "in the way";
+            const std::filesystem::path in_the_way =
+                std::filesystem::path(fresh) / c.file_in_the_way;
+            std::filesystem::create_directories(in_the_way.parent_path());
+            std::ofstream(in_the_way) << "in the way";
         }
         std::string error;
         EXPECT_FALSE(create_board(fresh, c.options, &error)) << c.what;
