@@ -504,10 +504,15 @@ protected:
         }
     }
     // The PLL status reads so far: register 0x0010 written, then read.
-    long pll_reads() const {
-        return std::ranges::count_if(trace("i2c"), [](const json &e) {
-            return e["msgs"].size() == 2 && e["msgs"][0].value("w", "") == "0010";
-        });
+    long pll_reads() const { return register_reads("0010").size(); }
+    // What each read of a register answered so far ("" when refused).
+    std::vector<std::string> register_reads(const std::string &reg) const {
+        std::vector<std::string> answers;
+        for (const json &e : trace("i2c")) {
+            if (e["msgs"].size() == 2 && e["msgs"][0].value("w", "") == reg)
+                answers.push_back(e["msgs"][1].value("r", ""));
+        }
+        return answers;
     }
 };
 
@@ -586,6 +591,8 @@ TEST_F(FpgaEepromOnBoard, BlockSequencesAreJudgedByTheirLock) {
         if (c.type == 1 && c.stored) { // the read interface sees what the block stored
             EXPECT_EQ(ReadFPGAEeprom(0x44, back.data(), 10), 0);
             EXPECT_EQ(back, counting(10, 5));
+            // Its status, read at the start register, shows it ready.
+            EXPECT_EQ(register_reads("4802"), std::vector<std::string>{"0000"});
         }
     }
 }
@@ -607,6 +614,7 @@ TEST_F(FpgaEepromOnBoard, Tr6BlockKeepsItsPausesOnTheBoardClock) {
     ASSERT_GE(registers.size(), 21u);
     EXPECT_EQ(std::vector<std::string>(registers.begin(), registers.begin() + 5),
               (std::vector<std::string>{"4804", "4874", "4876", "4872", "4878"}));
+    EXPECT_EQ(register_reads("4804"), std::vector<std::string>{"0000"});
     constexpr int64_t kAfterWrite = 20000000;
     EXPECT_EQ(pauses[1], kAfterWrite + 5000000); // between the keys
     EXPECT_EQ(pauses[2], kAfterWrite + 5000000); // the second key to the status

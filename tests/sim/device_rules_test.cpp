@@ -371,14 +371,21 @@ int open_link(int flags) {
 
 TEST_F(DeviceRules, TheMicrocontrollerAnswersOnlyWhatItIsSent) {
     testing::internal::CaptureStdout(); // the commands' retry messages (/tmp is the board's)
+    add_fault(fault("eeprom_write_status", "eeprom_write", {{"replies", 2}}));
     attach();
     int fd = open_link(O_RDWR);
     uint8_t reply[70];
-    // A read of another EEPROM than its own is refused.
+    // A read of another EEPROM than its own is refused; of its own, 64 bytes at most are
+    // read. Each reply echoes the command's code.
     const uint8_t read_ferund[] = {0x3A, 0x06, 0xB8, 0x01, 0x40, 0x00, 0x00, 0x39};
-    out_uat(fd, read_ferund, sizeof read_ferund);
-    int read_result = in_uat(fd, reply, 70);
-    int refusal = reply[3];
+    const uint8_t read_64[] = {0x3A, 0x06, 0xB8, 0x00, 0x40, 0x00, 0x00, 0x38};
+    const uint8_t read_65[] = {0x3A, 0x06, 0xB8, 0x00, 0x41, 0x00, 0x00, 0x39};
+    std::vector<int> reads;
+    for (const uint8_t *frame : {read_ferund, read_64, read_65}) {
+        out_uat(fd, frame, sizeof read_ferund);
+        reads.insert(reads.end(), {in_uat(fd, reply, 70), reply[2], reply[3]});
+    }
+    EXPECT_EQ(reads, (std::vector<int>{0, 0xB8, 0x31, 0, 0xB8, 0x30, 0, 0xB8, 0x31}));
     // A close-write outside writing mode, or of a writing mode that erased nothing, is refused,
     // unless it repeats the close that ended writing mode (whose reply may have been lost).
     int close_outside = tvm_CloseWriteFlash(fd);
@@ -405,6 +412,18 @@ TEST_F(DeviceRules, TheMicrocontrollerAnswersOnlyWhatItIsSent) {
     const uint8_t status[] = {0x3A, 0x02, 0x21, 0x5D};
     ASSERT_EQ(write(nonblocking, status, sizeof status), 4);
     int early = error_of(read(nonblocking, reply, 22) < 0);
+    usleep(100000);
+    ASSERT_EQ(read(nonblocking, reply, 22), 22);
+    // An EEPROM write answered twice (the fault): the second answer follows the first after
+    // the write's 5 ms and the first answer's wire time, not at once.
+    std::vector<uint8_t> write_block = {0x3A, 0x45, 0xB7, 0x00, 0x00, 0x00};
+    write_block.resize(70, 0x11);
+    write_block.push_back(uat_checksum(write_block.data(), write_block.size()));
+    ASSERT_EQ(write(nonblocking, write_block.data(), 71), 71);
+    usleep(8000); // past the first answer (200 us, 5 ms, 6 bytes), before the second
+    int first_answer = static_cast<int>(read(nonblocking, reply, 12));
+    usleep(5000);
+    int second_answer = static_cast<int>(read(nonblocking, reply, 12));
     close(nonblocking);
     // A reply comes after the reply delay (200 us) and its bytes' wire time, 10 bits a byte at
     // the link's rate: the ID query is taken 22 + 4 byte times after the status query.
@@ -415,9 +434,9 @@ TEST_F(DeviceRules, TheMicrocontrollerAnswersOnlyWhatItIsSent) {
     detach();
     testing::internal::GetCapturedStdout();
     // In the order of the calls above.
-    EXPECT_EQ((std::vector<int>{read_result, refusal, close_outside, close_unerased, close_first,
-                                close_again, after_stray, unpadded, early}),
-              (std::vector<int>{0, 0x31, -1, -1, 0, 0, -1, -1, EAGAIN}));
+    EXPECT_EQ((std::vector<int>{close_outside, close_unerased, close_first, close_again,
+                                after_stray, unpadded, early, first_answer, second_answer}),
+              (std::vector<int>{-1, -1, 0, 0, -1, -1, EAGAIN, 6, 6}));
     std::vector<json> frames = trace("uart_frame");
     ASSERT_GE(frames.size(), 2u);
     const uint64_t byte_ns = 10'000'000'000 / tvm_link_rate("M1");
