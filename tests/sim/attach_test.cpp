@@ -109,6 +109,14 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
         {error_of(mkdir("/tmp/usb/M1", 0755) != 0), EEXIST},
         {error_of(fopen("/tmp/usb/M1/x", "a") == nullptr), EROFS},
     };
+    // An unnamed temporary file (in the board's /tmp) reads back what was written to it.
+    std::string unnamed_back(3, '-');
+    if (FILE *unnamed = tmpfile()) {
+        fputs("abc", unnamed);
+        rewind(unnamed);
+        unnamed_back.resize(fread(unnamed_back.data(), 1, 3, unnamed));
+        fclose(unnamed);
+    }
     // Every entry point that makes a name lands on the board, and the stick refuses it: each
     // call returns 0, or -1 with EROFS.
     auto closed = [](int fd) { return fd < 0 ? fd : close(fd); };
@@ -178,6 +186,7 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
     EXPECT_EQ(trace("mount").size(), 1u);
     EXPECT_EQ(unwaited, std::pair(-1, ECHILD));
     EXPECT_EQ(without_path, 0);
+    EXPECT_EQ(unnamed_back, "abc");
     for (const auto &write : writes)
         EXPECT_EQ(write.first, write.second) << "write " << &write - writes;
     for (size_t i = 0; i < made.size(); ++i) {
