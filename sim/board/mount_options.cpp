@@ -154,7 +154,6 @@ int read_mount_options(std::string_view fstype, const char *data, unsigned long 
     else if (fstype == "ubifs")
         options = kUbifsOptions;
     std::string own;
-    out->shortname = "mixed";
     std::string_view rest = data != nullptr ? data : "";
     while (!rest.empty()) {
         size_t comma = rest.find(',');
@@ -168,8 +167,6 @@ int read_mount_options(std::string_view fstype, const char *data, unsigned long 
         }
         if (!known_option(options, word))
             return EINVAL;
-        if (word.starts_with("shortname="))
-            out->shortname = word.substr(10);
         own += "," + std::string(word);
     }
     out->flags = flags;

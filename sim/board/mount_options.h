@@ -11,7 +11,6 @@ namespace tvsim {
 struct MountOptions {
     unsigned long flags = 0; // the mount's flags with those the options set or clear
     std::string shown;       // as the mount table shows them: "ro,shortname=winnt"
-    std::string shortname;   // vfat: how short names are shown ("mixed" unless given)
 };
 
 // Reads data (null or empty: no options) for fstype ("vfat" or "ubifs") on top of flags;
