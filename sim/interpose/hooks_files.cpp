@@ -35,11 +35,13 @@ bool writes(int flags) {
 }
 
 // The board's /sys and /proc files that are no device (sizes, /proc/mtd, /proc/misc) can only be
-// read: sysfs refuses to open them for writing with EACCES, whoever asks.
-bool kernel_file_refuses(const std::string &normal, bool for_writing) {
+// read: sysfs refuses to open them for writing with EACCES, whoever asks. The kernel looks the
+// name up first: one that is not there, and that the call would not create, is ENOENT.
+bool kernel_file_refuses(const std::string &normal, const std::string &host, bool for_writing,
+                         bool creates) {
     if (!for_writing || !tvsim::Board::is_board_path(normal) || !is_kernel_file(normal))
         return false;
-    errno = EACCES;
+    errno = creates || TVSIM_REAL(access)(host.c_str(), F_OK) == 0 ? EACCES : ENOENT;
     return true;
 }
 
@@ -84,9 +86,9 @@ int open_on_board(RealOpen real, const char *path, int flags, mode_t mode) {
             if (handled)
                 return fd;
         }
-        if (kernel_file_refuses(normal, writes(flags)))
-            return -1;
         HostPath host = hook.board().resolve(path);
+        if (kernel_file_refuses(normal, host.path, writes(flags), (flags & O_CREAT) != 0))
+            return -1;
         if (host.read_only && writes(flags)) {
             errno = EROFS;
             return -1;
@@ -118,7 +120,8 @@ FILE *fopen_on_board(RealFopen real, const char *path, const char *mode) {
         return real(path, mode);
     return or_io_error([&]() -> FILE * {
         HostPath host = resolve_for_access(hook, path);
-        if (kernel_file_refuses(tvsim::normal_path(path), fopen_writes(mode)))
+        if (kernel_file_refuses(tvsim::normal_path(path), host.path, fopen_writes(mode),
+                                mode != nullptr && mode[0] != 'r'))
             return nullptr;
         if (host.read_only && fopen_writes(mode)) {
             errno = EROFS;

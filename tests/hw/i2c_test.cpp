@@ -181,22 +181,33 @@ TEST_F(I2cOnBoard, BusTimeRunsToTheRefusedByte) {
     ASSERT_GE(bus, 0);
     uint8_t address[3] = {0x00, 0x00, 0xAA};
     uint8_t in[2] = {};
-    const std::vector<i2c_msg> read_back = {{0x51, 0, 2, address}, {0x51, I2C_M_RD, 2, in}};
+    ASSERT_EQ(ioctl(bus, I2C_SLAVE, 0x51), 0);
+    auto messages = [bus](std::vector<i2c_msg> m) { return [bus, m] { rdwr(bus, m); }; };
+    auto smbus = [bus](uint8_t read_write, int size) {
+        return [bus, read_write, size] {
+            i2c_smbus_data data{};
+            i2c_smbus_ioctl_data call{read_write, 0, static_cast<uint32_t>(size), &data};
+            ioctl(bus, I2C_SMBUS, &call);
+        };
+    };
+    auto read_back = messages({{0x51, 0, 2, address}, {0x51, I2C_M_RD, 2, in}});
     const struct {
         const char *what;
-        std::vector<i2c_msg> messages;
+        std::function<void()> transfer;
         int64_t bytes;
     } cases[] = {
-        {"a write, for the time it ends", {{0x51, 0, 2, address}}, 4},
-        {"a bus error", {{0x51, 0, 2, address}}, 1},
-        {"the first data byte refused", {{0x51, 0, 3, address}}, 2},
+        {"a write, for the time it ends", messages({{0x51, 0, 2, address}}), 4},
+        {"a bus error", messages({{0x51, 0, 2, address}}), 1},
+        {"the first data byte refused", messages({{0x51, 0, 3, address}}), 2},
         {"a read that fails", read_back, 5},
-        {"no device at the address", {{0x52, I2C_M_RD, 1, in}}, 1},
+        {"no device at the address", messages({{0x52, I2C_M_RD, 1, in}}), 1},
         {"a read", read_back, 7},
+        {"SMBus receive byte", smbus(I2C_SMBUS_READ, I2C_SMBUS_BYTE), 3},
+        {"SMBus write byte data", smbus(I2C_SMBUS_WRITE, I2C_SMBUS_BYTE_DATA), 4},
     };
     const size_t before = trace("i2c").size();
     for (const auto &c : cases)
-        rdwr(bus, c.messages);
+        c.transfer();
     close(bus);
     const std::vector<json> events = trace("i2c");
     ASSERT_EQ(events.size(), before + std::size(cases));

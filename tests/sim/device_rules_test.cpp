@@ -213,6 +213,8 @@ TEST_F(DeviceRules, KernelFilesDoOnlyWhatTheirOpenModeAllows) {
         {"rescan, read-only", on(rescan, O_RDONLY, writes), EACCES},
         {"rescan, read-write", on(rescan, O_RDWR, writes), EACCES},
         {"rescan, write-only", on(rescan, O_WRONLY, writes), 0},
+        {"rescan of a host without a stick",
+         on("/sys/class/scsi_device/1:0:0:0/device/rescan", O_WRONLY, writes), ENOENT},
         {"SD control, write-only, read", on(sd, O_WRONLY, reads), EBADF},
         {"SD control, read-only, write", on(sd, O_RDONLY, writes), EBADF},
         {"SD control, read-write, read", on(sd, O_RDWR, reads), 0},
@@ -223,6 +225,12 @@ TEST_F(DeviceRules, KernelFilesDoOnlyWhatTheirOpenModeAllows) {
         {"misc table, for writing", fopens("/proc/misc", "w"), EACCES},
         {"misc table, read-only", on("/proc/misc", O_RDONLY, reads), 0},
     };
+    // Read in pieces, the SD control file goes on where the last read ended.
+    std::string pieces;
+    int control = open(sd, O_RDONLY);
+    for (ssize_t n; (n = read(control, text, 3)) > 0;)
+        pieces.append(text, static_cast<size_t>(n));
+    close(control);
     // A refused open gives its descriptor back: with standard input closed, the next open
     // gets descriptor 0.
     int input = dup(0);
@@ -235,6 +243,7 @@ TEST_F(DeviceRules, KernelFilesDoOnlyWhatTheirOpenModeAllows) {
     detach();
     for (const auto &c : cases)
         EXPECT_EQ(c.err, c.expected) << c.what;
+    EXPECT_EQ(pieces, "insert\n");
     EXPECT_EQ(refused, -1);
     EXPECT_EQ(next, 0);
     EXPECT_EQ(trace("rescan").size(), 1u);
