@@ -133,6 +133,10 @@ TEST_F(PowerCut, ATerminalShowsEveryLinePrintedBeforeTheCut) {
         ASSERT_GE(pieces.size(), 2u);
         EXPECT_EQ(pieces[pieces.size() - 2]["text"], "one");
         EXPECT_EQ(pieces.back()["text"], "two");
+        // A shell's own writes are recorded too, and a write that fails reaches the program.
+        RunResult full = board.run({"/bin/sh", "-c", "/bin/echo x >/dev/full; echo $?"});
+        EXPECT_TRUE(full.output.ends_with("No space left on device\n1\n")) << full.output;
+        EXPECT_EQ(board.trace("output").back()["text"], "1");
     }
 }
 
