@@ -180,10 +180,14 @@ int ubi_make_volume(Board &board, const std::vector<std::string> &args) {
     uint64_t bytes = parse_size(a.size);
     if (bytes == 0)
         return tool_error("ubimkvol", "bad volume size", EINVAL);
-    if (a.id < 0) {
+    if (a.id < 0) { // the kernel gives the lowest number no volume of the device has
+        auto taken = [&](int id) {
+            return std::ranges::any_of((*dev)["volumes"],
+                                       [&](const json &vol) { return vol.value("id", -1) == id; });
+        };
         a.id = 0;
-        for (const json &vol : (*dev)["volumes"])
-            a.id = std::max(a.id, vol.value("id", -1) + 1);
+        while (taken(a.id))
+            ++a.id;
     }
     uint64_t lebs = (bytes + kLebSize - 1) / kLebSize;
     std::error_code ec;

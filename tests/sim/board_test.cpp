@@ -2,6 +2,7 @@
 // and how register accesses arrive.
 #include "board/create.h"
 #include "board/device.h"
+#include "board/ubi.h"
 #include "support/board_fixture.h"
 
 #include <filesystem>
@@ -206,6 +207,27 @@ TEST_F(BoardTest, ShellCommandsReachOnlyTheBoard) {
     for (const Case &c : cases)
         EXPECT_EQ(board_->foreign_path_in(board_->translate_command(c.command)), c.foreign)
             << c.command;
+}
+
+// ubimkvol without a volume number gets the lowest number the device has free, as from the
+// kernel.
+TEST_F(BoardTest, AVolumeMadeWithoutANumberGetsTheLowestFreeOne) {
+    const std::string node = (dir_ / "fs/dev/ubi1").string(); // as the shell command names it
+    std::string made;
+    for (const char *name : {"first", "second"}) {
+        made += testsupport::printed([&] {
+            EXPECT_EQ(ubi_make_volume(*board_, {node, "-N", name, "-s", "1MiB"}), 0);
+        });
+    }
+    EXPECT_EQ(ubi_remove_volume(*board_, {node, "-n", "2"}), 0);
+    made += testsupport::printed([&] {
+        EXPECT_EQ(ubi_make_volume(*board_, {node, "-N", "third", "-s", "1MiB"}), 0);
+    });
+    std::vector<std::string> ids;
+    for (size_t at = made.find("Volume ID "); at != std::string::npos;
+         at = made.find("Volume ID ", at + 1))
+        ids.push_back(made.substr(at + 10, made.find(',', at) - at - 10));
+    EXPECT_EQ(ids, (std::vector<std::string>{"5", "6", "2"}));
 }
 
 // Device memory takes no unaligned access: the kernel's fix-up carries it out byte by byte,
