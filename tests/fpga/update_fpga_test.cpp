@@ -86,6 +86,13 @@ TEST_F(UpdateFpgaOnBoard, PageProgramNeedsWriteEnableWrapsInItsPageAndClearsBits
     // The second half wrapped to the page start.
     EXPECT_EQ(page, data.substr(16) + std::string(0xF0 - 16, '\xff') + data.substr(0, 16));
     EXPECT_EQ(static_cast<uint8_t>(after[0]), 0xE0 & 0x0F);
+    std::vector<json> ignored = trace("spi_ignored");
+    ASSERT_EQ(ignored.size(), 2u);
+    EXPECT_EQ(ignored[0], (json{{"ev", "spi_ignored"},
+                                {"t", ignored[0]["t"]},
+                                {"rom", 0},
+                                {"op", "02"},
+                                {"why", "write enable latch clear"}}));
 }
 
 // The control driver takes at most 64 KiB each way in one request and answers a transfer with

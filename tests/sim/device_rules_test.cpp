@@ -446,6 +446,8 @@ TEST_F(DeviceRules, TheMicrocontrollerAnswersOnlyWhatItIsSent) {
     EXPECT_EQ((std::vector<int>{close_outside, close_unerased, close_first, close_again,
                                 after_stray, unpadded, early, first_answer, second_answer}),
               (std::vector<int>{-1, -1, 0, 0, -1, -1, EAGAIN, 6, 6}));
+    for (const json &reply : trace("uart_reply")) // the reply sent twice says so
+        EXPECT_EQ(reply.value("copies", 0), reply["cmd"] == "eeprom_write" ? 2 : 0);
     std::vector<json> frames = trace("uart_frame");
     ASSERT_GE(frames.size(), 2u);
     const uint64_t byte_ns = 10'000'000'000 / tvm_link_rate("M1");
