@@ -94,6 +94,7 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
     unsetenv("PATH");
     const int without_path = system("cat /tmp/marker > /dev/null");
     setenv("PATH", host_path.c_str(), 1);
+    ASSERT_EQ(system("echo \"$PATH\" > /tmp/path"), 0); // the board's stand-ins, then the host's
     // With SIGCHLD ignored the shell is gone before it can be waited for: the C library's system
     // fails with ECHILD.
     sighandler_t children = signal(SIGCHLD, SIG_IGN);
@@ -186,6 +187,7 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
     EXPECT_EQ(trace("mount").size(), 1u);
     EXPECT_EQ(unwaited, std::pair(-1, ECHILD));
     EXPECT_EQ(without_path, 0);
+    EXPECT_EQ(read_file("fs/tmp/path"), (dir_ / "fs/sbin").string() + ":" + host_path + "\n");
     EXPECT_EQ(unnamed_back, "abc");
     for (const auto &write : writes)
         EXPECT_EQ(write.first, write.second) << "write " << &write - writes;
