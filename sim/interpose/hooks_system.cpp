@@ -112,8 +112,13 @@ bool on_board() {
     return hook.active();
 }
 
-uint64_t span_ns(int64_t sec, int64_t nsec) {
-    return sec < 0 || nsec < 0 ? 0 : static_cast<uint64_t>(sec) * kNsPerSecond + nsec;
+// A span the kernel sleeps: no negative part, and less than a second of nanoseconds.
+bool sleepable(const timespec &span) {
+    return span.tv_sec >= 0 && span.tv_nsec >= 0 && span.tv_nsec < 1000000000;
+}
+
+uint64_t span_ns(const timespec &span) {
+    return static_cast<uint64_t>(span.tv_sec) * kNsPerSecond + static_cast<uint64_t>(span.tv_nsec);
 }
 
 int set_board_time(int64_t sec, int64_t usec) {
@@ -191,14 +196,20 @@ int usleep(useconds_t usec) {
 int nanosleep(const struct timespec *req, struct timespec *rem) {
     if (!on_board())
         return TVSIM_REAL(nanosleep)(req, rem);
-    advance_clock(span_ns(req->tv_sec, req->tv_nsec), "nanosleep");
+    if (!sleepable(*req)) {
+        errno = EINVAL;
+        return -1;
+    }
+    advance_clock(span_ns(*req), "nanosleep");
     return 0;
 }
 
 int clock_nanosleep(clockid_t clock, int flags, const struct timespec *req, struct timespec *rem) {
     if (!on_board() || flags != 0)
         return TVSIM_REAL(clock_nanosleep)(clock, flags, req, rem);
-    advance_clock(span_ns(req->tv_sec, req->tv_nsec), "clock_nanosleep");
+    if (!sleepable(*req))
+        return EINVAL; // returned, not set in errno
+    advance_clock(span_ns(*req), "clock_nanosleep");
     return 0;
 }
 

@@ -286,9 +286,15 @@ TEST_F(AttachedBoard, SleepsAdvanceTheBoardClockAtOnce) {
     EXPECT_EQ(sleep(1), 0u);
     EXPECT_EQ(clock_nanosleep(CLOCK_MONOTONIC, 0, &two, nullptr), 0);
     EXPECT_EQ(clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &epoch, nullptr), 0);
+    // A span the kernel refuses is no sleep.
+    for (const timespec &refused : {timespec{-1, 0}, timespec{0, -1}, timespec{0, 1000000000}}) {
+        EXPECT_EQ(outcome(nanosleep(&refused, nullptr)), std::pair(-1, EINVAL));
+        EXPECT_EQ(clock_nanosleep(CLOCK_MONOTONIC, 0, &refused, nullptr), EINVAL);
+    }
     EXPECT_EQ(system(nullptr), 1); // a shell is there for commands
     const timeval new_year{946684800, 0};
     EXPECT_EQ(settimeofday(&new_year, nullptr), 0); // the board's clock, not the host's
+    EXPECT_EQ(settimeofday(nullptr, nullptr), 0);   // sets nothing
     detach();
     EXPECT_EQ(trace("settimeofday").size(), 1u);
     std::vector<nlohmann::json> sleeps = trace("sleep");
