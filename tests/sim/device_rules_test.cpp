@@ -178,7 +178,8 @@ TEST_F(DeviceRules, MtdDescriptorsDoOnlyWhatTheirOpenModeAllows) {
 // fails a read (or write) with EBADF.
 TEST_F(DeviceRules, KernelFilesDoOnlyWhatTheirOpenModeAllows) {
     change_config([](json &c) {
-        c["media"] = {{"usb", json::array({{{"disk", "b"}, {"medium", "media/usb"}}})},
+        c["media"] = {{"usb", json::array({{{"disk", "b"}, {"medium", "media/usb"}},
+                                           {{"disk", "c"}, {"medium", "media/usb"}}})},
                       {"sd", {{"slot", "insert"}, {"medium", "media/sd"}}}};
     });
     attach();
@@ -213,8 +214,10 @@ TEST_F(DeviceRules, KernelFilesDoOnlyWhatTheirOpenModeAllows) {
         {"rescan, read-only", on(rescan, O_RDONLY, writes), EACCES},
         {"rescan, read-write", on(rescan, O_RDWR, writes), EACCES},
         {"rescan, write-only", on(rescan, O_WRONLY, writes), 0},
+        {"rescan of the second stick",
+         on("/sys/class/scsi_device/1:0:0:0/device/rescan", O_WRONLY, writes), 0},
         {"rescan of a host without a stick",
-         on("/sys/class/scsi_device/1:0:0:0/device/rescan", O_WRONLY, writes), ENOENT},
+         on("/sys/class/scsi_device/2:0:0:0/device/rescan", O_WRONLY, writes), ENOENT},
         {"SD control, write-only, read", on(sd, O_WRONLY, reads), EBADF},
         {"SD control, read-only, write", on(sd, O_RDONLY, writes), EBADF},
         {"SD control, read-write, read", on(sd, O_RDWR, reads), 0},
@@ -246,7 +249,7 @@ TEST_F(DeviceRules, KernelFilesDoOnlyWhatTheirOpenModeAllows) {
     EXPECT_EQ(pieces, "insert\n");
     EXPECT_EQ(refused, -1);
     EXPECT_EQ(next, 0);
-    EXPECT_EQ(trace("rescan").size(), 1u);
+    EXPECT_EQ(trace("rescan").size(), 2u);
 }
 
 // The drivers go block by block and page by page (the NOR chip sector by sector, word by word):
@@ -395,6 +398,24 @@ TEST_F(DeviceRules, TheMicrocontrollerAnswersOnlyWhatItIsSent) {
         reads.insert(reads.end(), {in_uat(fd, reply, 70), reply[2], reply[3]});
     }
     EXPECT_EQ(reads, (std::vector<int>{0, 0xB8, 0x31, 0, 0xB8, 0x30, 0, 0xB8, 0x31}));
+    // An EEPROM write (64 bytes of 0x11 at 0) to a memory it does not have is refused, with
+    // the power on as well.
+    auto eeprom_write = [](uint8_t target) {
+        std::vector<uint8_t> frame = {0x3A, 0x45, 0xB7, target, 0x00, 0x00};
+        frame.resize(70, 0x11);
+        frame.push_back(uat_checksum(frame.data(), frame.size()));
+        return frame;
+    };
+    const uint8_t power_on_padded[] = {0x3A, 0x02, 0x2B, 0x67, 0x00};
+    out_uat(fd, power_on_padded, sizeof power_on_padded);
+    in_uat(fd, reply, 5);
+    out_uat(fd, eeprom_write(2).data(), 71);
+    EXPECT_EQ(in_uat(fd, reply, 6), 0);
+    EXPECT_EQ(reply[3], 0x31);
+    // The port commands set and clear bits of a port; the rate request succeeds.
+    EXPECT_EQ(tvmuio_SetPort(fd, 1, 0x14), 0);
+    EXPECT_EQ(tvmuio_ClearPort(fd, 1, 0x04), 0);
+    EXPECT_EQ(ioctl(fd, 2001, tvm_link_rate("M1")), 0);
     // A close-write outside writing mode, or of a writing mode that erased nothing, is refused,
     // unless it repeats the close that ended writing mode (whose reply may have been lost).
     int close_outside = tvm_CloseWriteFlash(fd);
@@ -425,10 +446,7 @@ TEST_F(DeviceRules, TheMicrocontrollerAnswersOnlyWhatItIsSent) {
     ASSERT_EQ(read(nonblocking, reply, 22), 22);
     // An EEPROM write answered twice (the fault): the second answer follows the first after
     // the write's 5 ms and the first answer's wire time, not at once.
-    std::vector<uint8_t> write_block = {0x3A, 0x45, 0xB7, 0x00, 0x00, 0x00};
-    write_block.resize(70, 0x11);
-    write_block.push_back(uat_checksum(write_block.data(), write_block.size()));
-    ASSERT_EQ(write(nonblocking, write_block.data(), 71), 71);
+    ASSERT_EQ(write(nonblocking, eeprom_write(0).data(), 71), 71);
     usleep(8000); // past the first answer (200 us, 5 ms, 6 bytes), before the second
     int first_answer = static_cast<int>(read(nonblocking, reply, 12));
     usleep(5000);
@@ -446,8 +464,12 @@ TEST_F(DeviceRules, TheMicrocontrollerAnswersOnlyWhatItIsSent) {
     EXPECT_EQ((std::vector<int>{close_outside, close_unerased, close_first, close_again,
                                 after_stray, unpadded, early, first_answer, second_answer}),
               (std::vector<int>{-1, -1, 0, 0, -1, -1, EAGAIN, 6, 6}));
-    for (const json &reply : trace("uart_reply")) // the reply sent twice says so
-        EXPECT_EQ(reply.value("copies", 0), reply["cmd"] == "eeprom_write" ? 2 : 0);
+    EXPECT_EQ(read_json("state.json")["microcontroller"]["ports"]["1"], 0x10);
+    std::vector<json> sent_twice; // the one reply sent twice says so
+    std::ranges::copy_if(trace("uart_reply"), std::back_inserter(sent_twice),
+                         [](const json &reply) { return reply.contains("copies"); });
+    ASSERT_EQ(sent_twice.size(), 1u);
+    EXPECT_EQ(sent_twice[0]["copies"], 2);
     std::vector<json> frames = trace("uart_frame");
     ASSERT_GE(frames.size(), 2u);
     const uint64_t byte_ns = 10'000'000'000 / tvm_link_rate("M1");
