@@ -119,10 +119,11 @@ TEST_F(UpdateFpgaOnBoard, TransfersAreBoundedAndCountTheirBytes) {
          SPIO_WRITE,
          {.tx_len = 65537, .tx_buf = buffer.data(), .rx_len = 0, .rx_buf = nullptr},
          -EINVAL},
+        {"an unknown request", 0x7799, {}, -ENOTTY},
     };
     for (auto c : cases) {
         int result = ioctl(spi_fd, c.request, &c.transfer);
-        EXPECT_EQ(result < 0 ? -errno : result, c.result) << c.what;
+        EXPECT_EQ(result == -1 ? -errno : result, c.result) << c.what;
     }
     detach();
 }

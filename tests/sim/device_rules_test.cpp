@@ -303,11 +303,13 @@ TEST_F(DeviceRules, NandReadsReportEccOnlyInTheCounts) {
          true},
         {"corrected bitflips", fault("nand_bitflip", "uboot_env:1", {{"bits", 3}, {"times", 1}}), 0,
          3, 0, true},
+        {"one bitflip unless told", fault("nand_bitflip", "uboot_env:1", {{"times", 1}}), 0, 4, 0,
+         true},
         {"too many to correct",
-         fault("nand_bitflip", "uboot_env:1", {{"uncorrectable", true}, {"times", 1}}), 0, 3, 1,
+         fault("nand_bitflip", "uboot_env:1", {{"uncorrectable", true}, {"times", 1}}), 0, 4, 1,
          false},
         {"a read ending on the failing block's first byte",
-         fault("nand_read_fail", "uboot_env:1", {{"skip", 2}, {"times", 1}}), EIO, 3, 1, true,
+         fault("nand_read_fail", "uboot_env:1", {{"skip", 3}, {"times", 1}}), EIO, 4, 1, true,
          0x20000 - 2047},
     };
     change_config([&](json &c) {
