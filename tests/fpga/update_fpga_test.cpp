@@ -136,24 +136,27 @@ TEST_F(UpdateFpgaOnBoard, ConfigurationDoneFollowsALoadFromAValidImage) {
     const uint8_t kSync[] = {0xAA, 0x99, 0x55, 0x66};
     const struct {
         const char *what;
-        bool valid_at_power_on;
+        int image_at;      // where the ROM holds the sync word at power-on; -1: erased
         bool write_image;  // programmed over the bus after power-on
         bool return_lines; // to idle, after the image
         bool pulse_reset;  // after that
         int done;
     } cases[] = {
-        {"written, lines still granted", false, true, false, false, 0},
-        {"written, lines returned", false, true, true, false, 1},
-        {"valid at power-on, granted since", true, false, false, false, 0},
-        {"valid at power-on, lines returned", true, false, true, false, 1},
-        {"written, reset pulsed while granted", false, true, false, true, 0},
-        {"written, lines returned, reset pulsed", false, true, true, true, 1},
+        {"written, lines still granted", -1, true, false, false, 0},
+        {"written, lines returned", -1, true, true, false, 1},
+        {"valid at power-on, granted since", 0, false, false, false, 0},
+        {"valid at power-on, lines returned", 0, false, true, false, 1},
+        {"sync word ending at byte 256, lines returned", 252, false, true, false, 1},
+        {"sync word ending past byte 256, lines returned", 253, false, true, false, 0},
+        {"written, reset pulsed while granted", -1, true, false, true, 0},
+        {"written, lines returned, reset pulsed", -1, true, true, true, 1},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         SetUp(); // a new board
-        if (c.valid_at_power_on)
-            std::ofstream(dir_ / "spi_rom0.bin") << "\xaa\x99\x55\x66";
+        if (c.image_at >= 0)
+            std::ofstream(dir_ / "spi_rom0.bin")
+                << std::string(static_cast<size_t>(c.image_at), '\xff') << "\xaa\x99\x55\x66";
         std::unique_ptr<tvsim::Board> board = load_board();
         for (const auto &[pin, level] :
              {std::pair{83, 1}, {63, 0}, {31, 0}, {36, 1}, {40, 1}, {38, 1}})
