@@ -114,7 +114,8 @@ bool on_board() {
 
 // A span the kernel sleeps: no negative part, and less than a second of nanoseconds.
 bool sleepable(const timespec &span) {
-    return span.tv_sec >= 0 && span.tv_nsec >= 0 && span.tv_nsec < 1000000000;
+    return span.tv_sec >= 0 && span.tv_nsec >= 0 &&
+           static_cast<uint64_t>(span.tv_nsec) < kNsPerSecond;
 }
 
 uint64_t span_ns(const timespec &span) {
