@@ -204,6 +204,7 @@ TEST_F(I2cOnBoard, BusTimeRunsToTheRefusedByte) {
         {"a read", read_back, 7},
         {"SMBus receive byte", smbus(I2C_SMBUS_READ, I2C_SMBUS_BYTE), 3},
         {"SMBus write byte data", smbus(I2C_SMBUS_WRITE, I2C_SMBUS_BYTE_DATA), 4},
+        {"SMBus read byte data", smbus(I2C_SMBUS_READ, I2C_SMBUS_BYTE_DATA), 5},
         {"SMBus read word data", smbus(I2C_SMBUS_READ, I2C_SMBUS_WORD_DATA), 6},
     };
     const size_t before = trace("i2c").size();

@@ -210,8 +210,8 @@ TEST_F(BoardTest, ShellCommandsReachOnlyTheBoard) {
 }
 
 // ubimkvol without a volume number gets the lowest number the device has free, as from the
-// kernel.
-TEST_F(BoardTest, AVolumeMadeWithoutANumberGetsTheLowestFreeOne) {
+// kernel; a name another volume has is refused.
+TEST_F(BoardTest, AVolumeGetsTheLowestFreeNumberAndANameOfItsOwn) {
     const std::string node = (dir_ / "fs/dev/ubi1").string(); // as the shell command names it
     std::string made;
     for (const char *name : {"first", "second"}) {
@@ -220,6 +220,9 @@ TEST_F(BoardTest, AVolumeMadeWithoutANumberGetsTheLowestFreeOne) {
         });
     }
     EXPECT_EQ(ubi_remove_volume(*board_, {node, "-n", "2"}), 0);
+    testsupport::printed([&] { // a name taken is refused, whatever the number
+        EXPECT_EQ(ubi_make_volume(*board_, {node, "-n", "9", "-N", "first", "-s", "1MiB"}), 1);
+    });
     made += testsupport::printed([&] {
         EXPECT_EQ(ubi_make_volume(*board_, {node, "-N", "third", "-s", "1MiB"}), 0);
     });
