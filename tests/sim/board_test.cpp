@@ -213,24 +213,21 @@ TEST_F(BoardTest, ShellCommandsReachOnlyTheBoard) {
 // kernel; a name another volume has is refused.
 TEST_F(BoardTest, AVolumeGetsTheLowestFreeNumberAndANameOfItsOwn) {
     const std::string node = (dir_ / "fs/dev/ubi1").string(); // as the shell command names it
-    std::string made;
-    for (const char *name : {"first", "second"}) {
-        made += testsupport::printed([&] {
-            EXPECT_EQ(ubi_make_volume(*board_, {node, "-N", name, "-s", "1MiB"}), 0);
-        });
-    }
+    auto make = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), node);
+        int result = -1;
+        testsupport::printed([&] { result = ubi_make_volume(*board_, args); });
+        return result;
+    };
+    EXPECT_EQ(make({"-N", "first", "-s", "1MiB"}), 0);
+    EXPECT_EQ(make({"-N", "second", "-s", "1MiB"}), 0);
     EXPECT_EQ(ubi_remove_volume(*board_, {node, "-n", "2"}), 0);
-    testsupport::printed([&] { // a name taken is refused, whatever the number
-        EXPECT_EQ(ubi_make_volume(*board_, {node, "-n", "9", "-N", "first", "-s", "1MiB"}), 1);
-    });
-    made += testsupport::printed([&] {
-        EXPECT_EQ(ubi_make_volume(*board_, {node, "-N", "third", "-s", "1MiB"}), 0);
-    });
-    std::vector<std::string> ids;
-    for (size_t at = made.find("Volume ID "); at != std::string::npos;
-         at = made.find("Volume ID ", at + 1))
-        ids.push_back(made.substr(at + 10, made.find(',', at) - at - 10));
-    EXPECT_EQ(ids, (std::vector<std::string>{"5", "6", "2"}));
+    EXPECT_EQ(make({"-n", "9", "-N", "first", "-s", "1MiB"}), 1); // a name taken, any number
+    EXPECT_EQ(make({"-N", "third", "-s", "1MiB"}), 0);
+    std::vector<int> ids;
+    for (const json &made : trace("ubimkvol"))
+        ids.push_back(made["id"].get<int>());
+    EXPECT_EQ(ids, (std::vector<int>{5, 6, 2}));
 }
 
 // Device memory takes no unaligned access: the kernel's fix-up carries it out byte by byte,
