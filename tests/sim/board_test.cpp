@@ -210,7 +210,7 @@ TEST_F(BoardTest, ShellCommandsReachOnlyTheBoard) {
 }
 
 // ubimkvol without a volume number gets the lowest number the device has free, as from the
-// kernel; a name another volume has is refused.
+// kernel; a name another volume has is refused, and so is a second device node.
 TEST_F(BoardTest, AVolumeGetsTheLowestFreeNumberAndANameOfItsOwn) {
     const std::string node = (dir_ / "fs/dev/ubi1").string(); // as the shell command names it
     auto make = [&](std::vector<std::string> args) {
@@ -223,6 +223,7 @@ TEST_F(BoardTest, AVolumeGetsTheLowestFreeNumberAndANameOfItsOwn) {
     EXPECT_EQ(make({"-N", "second", "-s", "1MiB"}), 0);
     EXPECT_EQ(ubi_remove_volume(*board_, {node, "-n", "2"}), 0);
     EXPECT_EQ(make({"-n", "9", "-N", "first", "-s", "1MiB"}), 1); // a name taken, any number
+    EXPECT_EQ(make({node, "-N", "fourth", "-s", "1MiB"}), 1);     // a second device node
     EXPECT_EQ(make({"-N", "third", "-s", "1MiB"}), 0);
     std::vector<int> ids;
     for (const json &made : trace("ubimkvol"))
