@@ -355,8 +355,8 @@ private:
             return true;
         }
         if (is_data_word(reg) && block_open()) { // the data follows the address
-            uint8_t pair[2] = {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
-            take_data(reg - map_.data_words, pair, 2);
+            const uint8_t pair[] = {static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
+            take_data(reg - map_.data_words, pair, sizeof pair);
             return true;
         }
         return false; // the block registers take nothing while locked

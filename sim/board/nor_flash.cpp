@@ -294,7 +294,7 @@ private:
         uint32_t word_at = at & ~1u;
         bool done = !is_protected(board_, nor_sector_of(word_at));
         if (done) {
-            const uint8_t bytes[2] = {static_cast<uint8_t>(data), static_cast<uint8_t>(data >> 8)};
+            const uint8_t bytes[] = {static_cast<uint8_t>(data), static_cast<uint8_t>(data >> 8)};
             cells().program(word_at, bytes, sizeof bytes);
         }
         board_.trace("nor_program", {{"addr", hex(word_at)}, {"value", hex(data)}, {"done", done}});
