@@ -179,6 +179,19 @@ TEST_F(UpdateFpgaOnBoard, ConfigurationDoneFollowsALoadFromAValidImage) {
     }
 }
 
+// An FPGA number outside the board's three drives no line, and its done state reads -1.
+TEST_F(UpdateFpgaOnBoard, AnFpgaTheBoardDoesNotHaveDrivesNoLine) {
+    attach();
+    const size_t pins_driven = trace("pin").size();
+    for (int type : {-1, kFpgaCount}) {
+        EXPECT_EQ(get_pio_config_done(type), -1) << type;
+        set_pio_reset(type);
+        set_pio_wren(type);
+    }
+    detach();
+    EXPECT_EQ(trace("pin").size(), pins_driven);
+}
+
 // A new board draws its times from its seed and records them: the same seed, the same board.
 // Every draw leaves ROMs 1 and 2 and their FPGAs slower than the first row's budgets allow (a
 // chip erase past nine seconds, a load past one), and ROM 0 and FPGA 0 within them.

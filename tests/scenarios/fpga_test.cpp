@@ -325,6 +325,7 @@ TEST_F(ConfigRoms, TheDeviceNodeAndTheBusConnection) {
         EXPECT_EQ(nodes, c.nodes);
         EXPECT_EQ(rom(0) == rom_holding(0, data), ok);
         EXPECT_TRUE(access_lines_idle());
+        EXPECT_EQ(board.state()["microcontroller"]["ports"]["1"], c.other_port_bits | (ok ? 4 : 0));
     }
 }
 

@@ -239,6 +239,9 @@ INSTANTIATE_TEST_SUITE_P(
                     "tvservice: nor: unknown operation 'wipe'\n" + kTry},
         MessageCase{"UnknownEeprom", "eeprom pelto /tmp",
                     "tvservice: eeprom: unknown EEPROM 'pelto'\n" + kTry},
+        MessageCase{"NorBadLength", "nor status 0 1x", "tvservice: invalid length '1x'\n" + kTry},
+        MessageCase{"EepromExtraArgument", "eeprom ferund /tmp M1 more",
+                    "tvservice: eeprom: expected NAME DIR [MODEL]\n" + kTry},
         MessageCase{"NorStartBeyondTheFlash", "nor status 0x100000 4",
                     "error: 0x100000 exceeds device size\n"},
         // nvLock reads a zero length, or an end past the flash, as "to the last sector".
