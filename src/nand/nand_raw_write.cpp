@@ -3,6 +3,7 @@
 
 #include "common/holders.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdlib>
@@ -272,14 +273,13 @@ int transfer(nand_dev *ctx, uint8_t *buf, uint32_t size, uint32_t offset, bool w
         return r;
     const uint32_t E = ctx->info.erasesize;
     uint64_t phys = get_physical_page(ctx, offset);
-    uint32_t L = offset / E;
-    int64_t remaining = size;
-    uint32_t total = 0;
-    for (; remaining >= 1; ++L, phys += E) {
-        uint32_t n = remaining < E ? static_cast<uint32_t>(remaining) : E;
+    uint32_t done = 0;
+    for (uint32_t L = offset / E; done < size; ++L, phys += E) {
+        const uint32_t n = std::min(size - done, E);
+        uint8_t *part = buf + done;
         HeapBuffer staging(n < E ? E : 0);
-        uint8_t *data = buf;
-        if (n < E && (data = stage(staging, E, write ? buf : nullptr, n)) == nullptr)
+        uint8_t *data = part;
+        if (n < E && (data = stage(staging, E, write ? part : nullptr, n)) == nullptr)
             return NAND_ERR_ARG;
         const uint64_t planned = phys;
         int r =
@@ -289,13 +289,10 @@ int transfer(nand_dev *ctx, uint8_t *buf, uint32_t size, uint32_t offset, bool w
         if (r != 0)
             return r;
         if (!write && n < E)
-            memcpy(buf, data, n);
-        total += n;
-        remaining -= E;
-        if (remaining > 0)
-            buf += E;
+            memcpy(part, data, n);
+        done += n;
     }
-    return static_cast<int>(total);
+    return static_cast<int>(done);
 }
 
 // Opens the device and reads its geometry: 0, -2 when it cannot be opened, -7 when the
