@@ -179,17 +179,25 @@ TEST_F(UpdateFpgaOnBoard, ConfigurationDoneFollowsALoadFromAValidImage) {
     }
 }
 
-// An FPGA number outside the board's three drives no line, and its done state reads -1.
-TEST_F(UpdateFpgaOnBoard, AnFpgaTheBoardDoesNotHaveDrivesNoLine) {
+// Setting the access lines takes a 10 ms pause, and so does asking it for an FPGA number outside
+// the board's three, which changes no line; that FPGA's done state reads -1.
+TEST_F(UpdateFpgaOnBoard, AccessLinesTakeTenMillisecondsAndAnUnknownFpgaChangesNone) {
     attach();
     const size_t pins_driven = trace("pin").size();
+    const size_t sleeps = trace("sleep").size();
     for (int type : {-1, kFpgaCount}) {
         EXPECT_EQ(get_pio_config_done(type), -1) << type;
         set_pio_reset(type);
         set_pio_wren(type);
     }
-    detach();
     EXPECT_EQ(trace("pin").size(), pins_driven);
+    set_pio_wren_default();
+    detach();
+    std::vector<json> pauses = trace("sleep");
+    pauses.erase(pauses.begin(), pauses.begin() + static_cast<std::ptrdiff_t>(sleeps));
+    ASSERT_EQ(pauses.size(), 3u);
+    for (const json &pause : pauses)
+        EXPECT_EQ(pause["ns"], 10000000u);
 }
 
 // A new board draws its times from its seed and records them: the same seed, the same board.

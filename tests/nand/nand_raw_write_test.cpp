@@ -50,6 +50,8 @@ TEST(NandChecks, RangeThenAlignmentThenBlockSizeBeforeAnyDeviceAccess) {
          "Error: offset should be aligned by 131072 bytes.\n"},
         // A whole block passes and reaches the device, which this context does not have.
         {"a whole block", block, E, 0, "", NAND_ERR_DEVICE},
+        {"write the last block", write, E, 7 * E, "", NAND_ERR_DEVICE},
+        {"erase the last block", erase, 0, 7 * E, "", NAND_ERR_DEVICE},
         {"erase misaligned", erase, 0, 2048, "Error: offset should be aligned by 131072 bytes.\n"},
         // Past the end and misaligned: the range is what is reported.
         {"write past the end, misaligned", write, E, 7 * E + 1, past_end},

@@ -231,6 +231,14 @@ INSTANTIATE_TEST_SUITE_P(
                     "tvservice: invalid length '1x'\n" + kTry},
         MessageCase{"MissingFile", "nand read 1 0 1",
                     "tvservice: nand read: wrong number of arguments\n" + kTry},
+        MessageCase{"NandOperationAlone", "nand erase",
+                    "tvservice: nand erase: wrong number of arguments\n" + kTry},
+        MessageCase{
+            "NoGoodBlock",
+            "nand read 1 0 1 /tmp/o",
+            "nand read: offset 0 and length 1 pass the end of the good blocks of /dev/mtd1: "
+            "0x0 bytes (0 good blocks of 0x20000 bytes)\n",
+            {0, 1, 2, 3, 4, 5, 6, 7}},
         MessageCase{"UnknownNandOperation", "nand dump 1 0 1",
                     "tvservice: nand: unknown operation 'dump'\n" + kTry},
         MessageCase{"UnknownCommand", "flash", "tvservice: unknown command 'flash'\n" + kTry},
@@ -239,6 +247,7 @@ INSTANTIATE_TEST_SUITE_P(
                     "tvservice: nor: unknown operation 'wipe'\n" + kTry},
         MessageCase{"UnknownEeprom", "eeprom pelto /tmp",
                     "tvservice: eeprom: unknown EEPROM 'pelto'\n" + kTry},
+        MessageCase{"NorBadOffset", "nor lock 1x 4", "tvservice: invalid offset '1x'\n" + kTry},
         MessageCase{"NorBadLength", "nor status 0 1x", "tvservice: invalid length '1x'\n" + kTry},
         MessageCase{"EepromExtraArgument", "eeprom ferund /tmp M1 more",
                     "tvservice: eeprom: expected NAME DIR [MODEL]\n" + kTry},
