@@ -83,6 +83,11 @@ TEST_F(NorChipOnBoard, ProgramAndEraseAnswerWithStatusThenArray) {
         {"program a protected sector", with(program, 0x10000, 0x1234), {0xC0, 0x80}, 0x5A5A, 100},
         {"sector erase", with(erase, 0x20000, 0x30), {0x4C, 0x08}, 0xFFFF, 500000},
         {"erase a protected sector", with(erase, 0x10000, 0x30), {0x4C, 0x08}, 0x5A5A, 100},
+        {"chip erase: every sector but the protected one",
+         with(erase, 0xAAA, 0x10),
+         {0x4C, 0x08},
+         0xFFFF,
+         18 * 500000},
         {"program without its second unlock cycle",
          {{0xAAA, 0xAA}, {0xAAA, 0xA0}, {0x20000, 0}},
          {0xFFFF, 0xFFFF},
@@ -111,6 +116,9 @@ TEST_F(NorChipOnBoard, ProgramAndEraseAnswerWithStatusThenArray) {
         }
         EXPECT_EQ(word(at), c.after) << c.name;
     }
+    const json chip_erase = trace("nor_erase").back();
+    EXPECT_EQ(chip_erase["last"], 18);
+    EXPECT_EQ(chip_erase["erased"], 18);
     // Left in autoselect, the flash answers the partition's reads with its identification; a
     // NAND partition still reads its own (erased) bytes.
     for (const auto &[at, value] : Cycles{{0xAAA, 0xAA}, {0x554, 0x55}, {0xAAA, 0x90}})

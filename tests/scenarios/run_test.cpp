@@ -7,10 +7,13 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <memory>
 #include <sstream>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace scenario {
 namespace {
@@ -483,6 +486,32 @@ TEST_F(UpdateRun, UnusableModelNamesAreRefusedBeforeAnything) {
         board.reboot(); // the medium of the run before is mounted no longer
         expect_run(board.tvupdate({name}), 0, run_prologue(name) + run_epilogue());
     }
+}
+
+// `tvsim new` makes a board only from options it can read whole; anything else is a usage error
+// (exit status 2) that makes nothing.
+TEST(SimulatorCommandLine, ANewBoardTakesOnlyTheOptionsItCanRead) {
+    namespace fs = std::filesystem;
+    const fs::path made = fs::path(testing::TempDir()) / ("tvsim-new-" + std::to_string(getpid()));
+    const struct {
+        const char *options;
+        int status;
+    } cases[] = {
+        {"--seed", 2}, {"--seed -1", 2},    {"--seed 12x", 2},
+        {"--usb", 2},  {"--colour red", 2}, {"--seed 7", 0},
+    };
+    for (const auto &c : cases) {
+        fs::remove_all(made);
+        std::string command =
+            std::string(TVSIM_CLI) + " new " + made.string() + " " + c.options + " 2>/dev/null";
+        int status = std::system(command.c_str());
+        ASSERT_TRUE(WIFEXITED(status)) << c.options;
+        EXPECT_EQ(WEXITSTATUS(status), c.status) << c.options;
+        EXPECT_EQ(fs::exists(made / "board.json"), c.status == 0) << c.options;
+    }
+    std::ifstream config(made / "board.json");
+    EXPECT_EQ(json::parse(config)["spi"]["seed"], 7);
+    fs::remove_all(made);
 }
 
 } // namespace

@@ -408,9 +408,20 @@ TEST_F(DeviceRules, TheMicrocontrollerAnswersOnlyWhatItIsSent) {
         frame.push_back(uat_checksum(frame.data(), frame.size()));
         return frame;
     };
+    // The picture is muted only with the power on, and only by a 1.
+    auto picture_mute = [&](uint8_t on) {
+        std::vector<uint8_t> frame = {0x3A, 0x03, 0x06, on};
+        frame.push_back(uat_checksum(frame.data(), frame.size()));
+        out_uat(fd, frame.data(), static_cast<int>(frame.size()));
+        in_uat(fd, reply, 5);
+        return static_cast<int>(reply[3]);
+    };
+    std::vector<int> mutes = {picture_mute(1)};
     const uint8_t power_on_padded[] = {0x3A, 0x02, 0x2B, 0x67, 0x00};
     out_uat(fd, power_on_padded, sizeof power_on_padded);
     in_uat(fd, reply, 5);
+    mutes.insert(mutes.end(), {picture_mute(0), picture_mute(1)});
+    EXPECT_EQ(mutes, (std::vector<int>{0x31, 0x31, 0x30}));
     out_uat(fd, eeprom_write(2).data(), 71);
     EXPECT_EQ(in_uat(fd, reply, 6), 0);
     EXPECT_EQ(reply[3], 0x31);
