@@ -184,6 +184,7 @@ TEST_F(DeviceRules, KernelFilesDoOnlyWhatTheirOpenModeAllows) {
     });
     attach();
     const char *rescan = "/sys/class/scsi_device/0:0:0:0/device/rescan";
+    const char *no_stick = "/sys/class/scsi_device/2:0:0:0/device/rescan";
     const char *sd = "/proc/sdcard/ctrl";
     char text[64] = {};
     // errno of one call on a descriptor opened with flags (or of the open), 0 when both worked.
@@ -216,8 +217,9 @@ TEST_F(DeviceRules, KernelFilesDoOnlyWhatTheirOpenModeAllows) {
         {"rescan, write-only", on(rescan, O_WRONLY, writes), 0},
         {"rescan of the second stick",
          on("/sys/class/scsi_device/1:0:0:0/device/rescan", O_WRONLY, writes), 0},
-        {"rescan of a host without a stick",
-         on("/sys/class/scsi_device/2:0:0:0/device/rescan", O_WRONLY, writes), ENOENT},
+        {"rescan of a host without a stick", on(no_stick, O_WRONLY, writes), ENOENT},
+        {"rescan of a host without a stick, for update", fopens(no_stick, "r+"), ENOENT},
+        {"rescan of a host without a stick, made anew", fopens(no_stick, "w"), EACCES},
         {"SD control, write-only, read", on(sd, O_WRONLY, reads), EBADF},
         {"SD control, read-only, write", on(sd, O_RDONLY, writes), EBADF},
         {"SD control, read-write, read", on(sd, O_RDWR, reads), 0},
