@@ -221,14 +221,15 @@ TEST_F(UpdateFpgaOnBoard, TimesAreDrawnPerBoardFromItsSeed) {
     }
 }
 
-// A matching image whose path does not fit the 512-byte buffer is not opened.
+// A matching image whose path does not fit the 512-byte buffer is not opened. Only the three
+// FPGA bits of the flags select FPGAs.
 TEST_F(UpdateFpgaOnBoard, AnImagePathThatDoesNotFitIsNotOpened) {
     std::string dir = "/tmp/" + std::string(200, 'd') + "/" + std::string(200, 'e');
     std::string name = "fpga_config_sum_tr1" + std::string(120, 'x');
     fs::create_directories(dir_ / ("fs" + dir));
     std::ofstream(dir_ / ("fs" + dir + "/" + name)) << "image";
     attach();
-    uint32_t flags[4] = {0, 1u << 26, 0, 0};
+    uint32_t flags[4] = {0, 1u << 26 | 1u << 29, 0, 0}; // bit 29 selects no FPGA
     int result = 0;
     std::string out =
         testsupport::printed([&] { result = Update_FPGA(dir.c_str(), nullptr, flags); });
@@ -236,6 +237,7 @@ TEST_F(UpdateFpgaOnBoard, AnImagePathThatDoesNotFitIsNotOpened) {
     EXPECT_EQ(result, -1);
     EXPECT_EQ(out, "**ERROR** fail to open file " + name + " \n");
     EXPECT_EQ(fpga_info_table[0].selected, 1u);
+    EXPECT_EQ(fpga_info_table[1].selected + fpga_info_table[2].selected, 0u);
     fpga_info_table[0].selected = 0;
 }
 

@@ -108,7 +108,7 @@ TEST_F(NandBlockOnBoard, WritesAndRetiresThePhysicalBlockOfTheOffset) {
                                       : data.substr(0, c.size) + std::string(E - c.size, '\xFF'))
             << c.name;
     }
-    nand_close(ctx);
+    EXPECT_EQ(nand_close(ctx), 0);
 }
 
 // A block retired inside one open moves its logical block and every one after it to the next
