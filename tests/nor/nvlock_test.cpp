@@ -120,7 +120,8 @@ TEST_F(NorChipOnBoard, ProgramAndEraseAnswerWithStatusThenArray) {
     EXPECT_EQ(chip_erase["last"], 18);
     EXPECT_EQ(chip_erase["erased"], 18);
     // Left in autoselect, the flash answers the partition's reads with its identification; a
-    // NAND partition still reads its own (erased) bytes.
+    // NAND partition still reads its own (erased) bytes. Word 2 of a sector tells whether it is
+    // protected.
     for (const auto &[at, value] : Cycles{{0xAAA, 0xAA}, {0x554, 0x55}, {0xAAA, 0x90}})
         cycle(at, value);
     auto first_bytes = [](const char *path) {
@@ -132,6 +133,8 @@ TEST_F(NorChipOnBoard, ProgramAndEraseAnswerWithStatusThenArray) {
     };
     EXPECT_EQ(first_bytes("/dev/mtd6"), (std::vector<uint8_t>{0x1C, 0, 0x5B, 0x22}));
     EXPECT_EQ(first_bytes("/dev/mtd0"), std::vector<uint8_t>(4, 0xFF));
+    EXPECT_EQ(word(0x10004), 1); // sector protection, of a protected sector
+    EXPECT_EQ(word(0x20004), 0); // and of another
     cycle(0, 0xF0);
     EXPECT_EQ(word(0x20000), 0xFFFF);
     unmap_regs();

@@ -402,10 +402,15 @@ TEST_F(DeviceRules, TheMicrocontrollerAnswersOnlyWhatItIsSent) {
         reads.insert(reads.end(), {in_uat(fd, reply, 70), reply[2], reply[3]});
     }
     EXPECT_EQ(reads, (std::vector<int>{0, 0xB8, 0x31, 0, 0xB8, 0x30, 0, 0xB8, 0x31}));
-    // An EEPROM write (64 bytes of 0x11 at 0) to a memory it does not have is refused, with
-    // the power on as well.
-    auto eeprom_write = [](uint8_t target) {
-        std::vector<uint8_t> frame = {0x3A, 0x45, 0xB7, target, 0x00, 0x00};
+    // An EEPROM write (64 bytes of 0x11) to a memory it does not have is refused, with the
+    // power on as well, and so is one that passes the end of its own 32 KiB.
+    auto eeprom_write = [](uint8_t target, uint16_t address) {
+        std::vector<uint8_t> frame = {0x3A,
+                                      0x45,
+                                      0xB7,
+                                      target,
+                                      static_cast<uint8_t>(address >> 8),
+                                      static_cast<uint8_t>(address)};
         frame.resize(70, 0x11);
         frame.push_back(uat_checksum(frame.data(), frame.size()));
         return frame;
@@ -424,9 +429,11 @@ TEST_F(DeviceRules, TheMicrocontrollerAnswersOnlyWhatItIsSent) {
     in_uat(fd, reply, 5);
     mutes.insert(mutes.end(), {picture_mute(0), picture_mute(1)});
     EXPECT_EQ(mutes, (std::vector<int>{0x31, 0x31, 0x30}));
-    out_uat(fd, eeprom_write(2).data(), 71);
-    EXPECT_EQ(in_uat(fd, reply, 6), 0);
-    EXPECT_EQ(reply[3], 0x31);
+    for (const auto &[target, address] : {std::pair{2, 0}, {0, 0x7FC1}}) {
+        out_uat(fd, eeprom_write(target, address).data(), 71);
+        EXPECT_EQ(in_uat(fd, reply, 6), 0);
+        EXPECT_EQ(reply[3], 0x31) << target << " " << address;
+    }
     // The port commands set and clear bits of a port; the rate request succeeds.
     EXPECT_EQ(tvmuio_SetPort(fd, 1, 0x14), 0);
     EXPECT_EQ(tvmuio_ClearPort(fd, 1, 0x04), 0);
@@ -459,9 +466,9 @@ TEST_F(DeviceRules, TheMicrocontrollerAnswersOnlyWhatItIsSent) {
     int early = error_of(read(nonblocking, reply, 22) < 0);
     usleep(100000);
     ASSERT_EQ(read(nonblocking, reply, 22), 22);
-    // An EEPROM write answered twice (the fault): the second answer follows the first after
-    // the write's 5 ms and the first answer's wire time, not at once.
-    ASSERT_EQ(write(nonblocking, eeprom_write(0).data(), 71), 71);
+    // An EEPROM write (of the last block) answered twice (the fault): the second answer follows
+    // the first after the write's 5 ms and the first answer's wire time, not at once.
+    ASSERT_EQ(write(nonblocking, eeprom_write(0, 0x7FC0).data(), 71), 71);
     usleep(8000); // past the first answer (200 us, 5 ms, 6 bytes), before the second
     int first_answer = static_cast<int>(read(nonblocking, reply, 12));
     usleep(5000);
