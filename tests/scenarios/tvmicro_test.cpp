@@ -176,6 +176,27 @@ TEST_F(Microcontroller, ReportsTheVersionOfTheFirmwareItRuns) {
     }
 }
 
+// Firmware written into each bank in turn, with a restart after each update, reports the
+// version byte of the bank it runs from: a third update finds it up to date.
+TEST_F(Microcontroller, EachBankWrittenInTurnReportsItsOwnVersion) {
+    const uint8_t into_bank2 = static_cast<uint8_t>(bank_data[2][0x100]);
+    const uint8_t into_bank1 = static_cast<uint8_t>(bank_data[1][0x100]);
+    ASSERT_NE(into_bank1, into_bank2);
+    ASSERT_LT(std::max(into_bank1, into_bank2), 0xF0); // any other version installs
+    uint8_t made_with = 0x20;
+    while (made_with == into_bank1 || made_with == into_bank2)
+        ++made_with;
+    make_board(format("VERSION=%02X", into_bank2), {{"software_version", made_with}});
+    for (uint8_t version : {into_bank2, into_bank1, into_bank1}) {
+        board.write("media/usb/M1/writedata/tvm.mot",
+                    firmware_file(format("VERSION=%02X", version), "MICRO_ID=21"));
+        EXPECT_EQ(board.tvupdate({"M1"}).exit_status, 0);
+        board.reboot();
+    }
+    EXPECT_EQ(frames({"erase"}), "2");
+    EXPECT_EQ(board.state()["microcontroller"]["running_bank"], 1);
+}
+
 // Each case leaves the flash as it was; the run's result and lines tell why.
 TEST_F(Microcontroller, VersionAndIdDecideWhetherToProgram) {
     struct Case {
