@@ -183,9 +183,10 @@ TEST_F(I2cOnBoard, BusTimeRunsToTheRefusedByte) {
     uint8_t in[2] = {};
     ASSERT_EQ(ioctl(bus, I2C_SLAVE, 0x51), 0);
     auto messages = [bus](std::vector<i2c_msg> m) { return [bus, m] { rdwr(bus, m); }; };
-    auto smbus = [bus](uint8_t read_write, int size) {
-        return [bus, read_write, size] {
+    auto smbus = [bus](uint8_t read_write, int size, uint8_t block_count = 0) {
+        return [bus, read_write, size, block_count] {
             i2c_smbus_data data{};
+            data.block[0] = block_count;
             i2c_smbus_ioctl_data call{read_write, 0, static_cast<uint32_t>(size), &data};
             ioctl(bus, I2C_SMBUS, &call);
         };
@@ -206,6 +207,8 @@ TEST_F(I2cOnBoard, BusTimeRunsToTheRefusedByte) {
         {"SMBus write byte data", smbus(I2C_SMBUS_WRITE, I2C_SMBUS_BYTE_DATA), 4},
         {"SMBus read byte data", smbus(I2C_SMBUS_READ, I2C_SMBUS_BYTE_DATA), 5},
         {"SMBus read word data", smbus(I2C_SMBUS_READ, I2C_SMBUS_WORD_DATA), 6},
+        {"SMBus block write, the longest",
+         smbus(I2C_SMBUS_WRITE, I2C_SMBUS_BLOCK_DATA, I2C_SMBUS_BLOCK_MAX), 36},
     };
     const size_t before = trace("i2c").size();
     for (const auto &c : cases)
