@@ -12,6 +12,7 @@ namespace {
 constexpr uint16_t kUnlockA = 0x5745;
 constexpr uint16_t kUnlockB = 0x5043;
 constexpr size_t kReadWindow = 16;
+constexpr int kReadCommand = 0x0007; // the read interface's command word
 
 // The TR6 takes a key only after the one before it has settled: the 20 ms that the bus layer
 // pauses after every FPGA register write and the 5 ms the block write pauses after each key.
@@ -262,6 +263,16 @@ private:
         return nullptr;
     }
 
+    // A read starts only after the read command: it fetches the bytes at the read address into
+    // the data registers, which keep them until the next read starts.
+    void start_read() {
+        json &s = reg_state();
+        if (s.value("read_command", 0) == kReadCommand)
+            s["read_from"] = s.value("read_address", 0);
+        else
+            board_.trace("register_read_ignored", {{"device", name()}, {"why", "no read command"}});
+    }
+
     bool in_read_data(uint16_t reg) const {
         return map_.read_data != 0 && reg >= map_.read_data && reg < map_.read_data + kReadWindow;
     }
@@ -286,7 +297,10 @@ private:
         if (reg == map_.status)
             return status();
         if (in_read_data(reg)) {
-            size_t at = reg_state().value("read_address", size_t{0}) + (reg - map_.read_data);
+            const json &s = reg_state();
+            if (!s.contains("read_from"))
+                return 0; // no read started since the interface opened
+            size_t at = s["read_from"].get<size_t>() + (reg - map_.read_data);
             return static_cast<uint16_t>(cells_.get(at) << 8 | cells_.get(at + 1));
         }
         return 0; // read status: the read interface is always ready
@@ -344,10 +358,16 @@ private:
             start_block();
             return true;
         }
-        if (reg == map_.read_command || reg == map_.read_start)
-            return reg != 0;
+        if (reg == map_.read_command && reg != 0) {
+            s["read_command"] = value;
+            return true;
+        }
         if (reg == map_.read_address && reg != 0) {
             s["read_address"] = value;
+            return true;
+        }
+        if (reg == map_.read_start && reg != 0) {
+            start_read();
             return true;
         }
         if (reg == map_.address && open()) {

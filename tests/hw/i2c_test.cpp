@@ -270,6 +270,29 @@ TEST_F(I2cOnBoard, KolmaReadInterfaceAfterReleaseAndEnable) {
         writes.push_back(e["msgs"][0].value("w", ""));
     const std::vector<std::string> read = {"40000007", "40000007", "400a0123", "401c0000"};
     EXPECT_NE(std::search(writes.begin(), writes.end(), read.begin(), read.end()), writes.end());
+    // The data registers keep that read until a start after the read command fetches the bytes
+    // at the read address anew.
+    auto set = [](uint16_t reg, uint16_t value) {
+        const uint8_t m[4] = {static_cast<uint8_t>(reg >> 8), static_cast<uint8_t>(reg),
+                              static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
+        EXPECT_EQ(IIC_KOLMAEEP_Write(4, m, 0), 0);
+    };
+    auto first_word = [] {
+        const uint8_t reg[2] = {0x40, 0x0C};
+        uint8_t word[2] = {};
+        EXPECT_EQ(IIC_KOLMAEEP_Read(reg, 2, word, 0), 0);
+        return word[0] << 8 | word[1];
+    };
+    const int before = first_word();
+    set(0x400A, 0x0126); // the address alone
+    const int without_start = first_word();
+    set(0x4000, 0x0000);
+    set(0x401C, 0x0000); // a start after another command
+    const int without_command = first_word();
+    set(0x4000, 0x0007);
+    set(0x401C, 0x0000);
+    EXPECT_EQ((std::vector<int>{before, without_start, without_command, first_word()}),
+              (std::vector<int>{0x0003, 0x0003, 0x0003, 0x090C}));
 }
 // The simulated adapters and devices refuse what the kernel and the devices would.
 class I2cModels : public I2cOnBoard {
