@@ -378,6 +378,10 @@ TEST_F(I2cModels, AdapterRefusesWhatI2cDevRefuses) {
     uint32_t status = 0;
     ASSERT_EQ(ioctl(bus0_, I2C_BUSY_STATUS_REQUEST, &status), 0);
     EXPECT_EQ(status, kI2cStatusBusy); // the last transfer's address was not acknowledged
+    // A data byte not acknowledged (the low byte of a register the interface does not have).
+    EXPECT_EQ(set_register(0x7000, 1), EREMOTEIO);
+    ASSERT_EQ(ioctl(bus2_, I2C_BUSY_STATUS_REQUEST, &status), 0);
+    EXPECT_EQ(status, 0x80000002u);
 }
 
 TEST_F(I2cModels, SerialEepromWrapsWithinThePageAndIsDeafDuringItsCycle) {

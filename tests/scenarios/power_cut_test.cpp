@@ -53,6 +53,14 @@ TEST_F(PowerCut, TheBoardKeepsWhatTheHardwareWouldAndARerunRepairsIt) {
     board.reboot();
     const std::vector<std::string> one_run = memories();
     std::vector<json> events = board.trace();
+    // A cut can fall only after an event that changes a device: a wait or a line printed is
+    // no such point.
+    for (const json &e : events) {
+        const std::string kind = e["ev"];
+        if (kind == "sleep" || kind == "output" || kind == "uart_frame") {
+            EXPECT_EQ(e.contains("power_event"), kind == "uart_frame") << e.dump();
+        }
+    }
     const std::string boot_loaders[] = {
         kOldBootLoader, std::string(kPartition, '\xff'),
         one_run[2].substr(0, 0x8000) + std::string(kPartition - 0x8000, '\xff'), one_run[2]};
