@@ -313,6 +313,9 @@ TEST_F(DeviceRules, NandReadsReportEccOnlyInTheCounts) {
         {"a read ending on the failing block's first byte",
          fault("nand_read_fail", "uboot_env:1", {{"skip", 3}, {"times", 1}}), EIO, 4, 1, true,
          0x20000 - 2047},
+        {"bitflips in the read's second block",
+         fault("nand_bitflip", "uboot_env:1", {{"bits", 2}, {"times", 1}}), 0, 6, 1, true,
+         0x20000 - 2047},
     };
     change_config([&](json &c) {
         for (const auto &row : cases)
