@@ -8,6 +8,7 @@
 #include "support/i2c_trace.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
@@ -86,6 +87,12 @@ protected:
         std::vector<std::string> seen = transfers();
         std::erase(seen, "nak");
         return seen;
+    }
+    // The message that writes a 16-bit register of a register interface: register, then value,
+    // high bytes first.
+    static std::array<uint8_t, 4> register_write(uint16_t reg, uint16_t value) {
+        return {static_cast<uint8_t>(reg >> 8), static_cast<uint8_t>(reg),
+                static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
     }
 };
 
@@ -273,9 +280,7 @@ TEST_F(I2cOnBoard, KolmaReadInterfaceAfterReleaseAndEnable) {
     // The data registers keep that read until a start after the read command fetches the bytes
     // at the read address anew.
     auto set = [](uint16_t reg, uint16_t value) {
-        const uint8_t m[4] = {static_cast<uint8_t>(reg >> 8), static_cast<uint8_t>(reg),
-                              static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
-        EXPECT_EQ(IIC_KOLMAEEP_Write(4, m, 0), 0);
+        EXPECT_EQ(IIC_KOLMAEEP_Write(4, register_write(reg, value).data(), 0), 0);
     };
     auto first_word = [] {
         const uint8_t reg[2] = {0x40, 0x0C};
@@ -314,9 +319,8 @@ protected:
     }
     // A write of a 16-bit register of a device on bus 2, the Vornek unless told.
     int set_register(uint16_t reg, uint16_t value, uint16_t device = 0x0A) {
-        uint8_t m[4] = {static_cast<uint8_t>(reg >> 8), static_cast<uint8_t>(reg),
-                        static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
-        return rdwr(bus2_, {{device, 0, 4, m}});
+        std::array<uint8_t, 4> m = register_write(reg, value);
+        return rdwr(bus2_, {{device, 0, 4, m.data()}});
     }
     // The two key registers written in turn; true when both took their value.
     bool vornek_keys(uint16_t first, uint16_t second) {

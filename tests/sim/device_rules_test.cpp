@@ -405,19 +405,6 @@ TEST_F(DeviceRules, TheMicrocontrollerAnswersOnlyWhatItIsSent) {
         reads.insert(reads.end(), {in_uat(fd, reply, 70), reply[2], reply[3]});
     }
     EXPECT_EQ(reads, (std::vector<int>{0, 0xB8, 0x31, 0, 0xB8, 0x30, 0, 0xB8, 0x31}));
-    // An EEPROM write (64 bytes of 0x11) to a memory it does not have is refused, with the
-    // power on as well, and so is one that passes the end of its own 32 KiB.
-    auto eeprom_write = [](uint8_t target, uint16_t address) {
-        std::vector<uint8_t> frame = {0x3A,
-                                      0x45,
-                                      0xB7,
-                                      target,
-                                      static_cast<uint8_t>(address >> 8),
-                                      static_cast<uint8_t>(address)};
-        frame.resize(70, 0x11);
-        frame.push_back(uat_checksum(frame.data(), frame.size()));
-        return frame;
-    };
     // The picture is muted only with the power on, and only by a 1.
     auto picture_mute = [&](uint8_t on) {
         std::vector<uint8_t> frame = {0x3A, 0x03, 0x06, on};
@@ -432,6 +419,19 @@ TEST_F(DeviceRules, TheMicrocontrollerAnswersOnlyWhatItIsSent) {
     in_uat(fd, reply, 5);
     mutes.insert(mutes.end(), {picture_mute(0), picture_mute(1)});
     EXPECT_EQ(mutes, (std::vector<int>{0x31, 0x31, 0x30}));
+    // An EEPROM write (64 bytes of 0x11) to a memory it does not have is refused, with the
+    // power on as well, and so is one that passes the end of its own 32 KiB.
+    auto eeprom_write = [](uint8_t target, uint16_t address) {
+        std::vector<uint8_t> frame = {0x3A,
+                                      0x45,
+                                      0xB7,
+                                      target,
+                                      static_cast<uint8_t>(address >> 8),
+                                      static_cast<uint8_t>(address)};
+        frame.resize(70, 0x11);
+        frame.push_back(uat_checksum(frame.data(), frame.size()));
+        return frame;
+    };
     for (const auto &[target, address] : {std::pair{2, 0}, {0, 0x7FC1}}) {
         out_uat(fd, eeprom_write(target, address).data(), 71);
         EXPECT_EQ(in_uat(fd, reply, 6), 0);
