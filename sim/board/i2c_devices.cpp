@@ -34,7 +34,9 @@ constexpr RegisterMap kRegisterMaps[] = {
      .read_address = 0x400A,
      .read_start = 0x401C,
      .read_status = 0x4002,
-     .read_data = 0x400C},
+     .read_data = 0x400C,
+     .read_fetch_us = 2000,
+     .read_load_us = 1000},
     {.model = "vornek",
      .block_size = 64,
      .first_key = {.reg = 0x70FA, .value = kUnlockA},
@@ -263,14 +265,43 @@ private:
         return nullptr;
     }
 
-    // A read starts only after the read command: it fetches the bytes at the read address into
-    // the data registers, which keep them until the next read starts.
+    // A read starts only after the read command and while no read is in progress. It fetches
+    // the bytes at the read address (status low bit 0), loads them (bit 3), and only then do the
+    // data registers show them; they keep them until the next read has done the same.
     void start_read() {
         json &s = reg_state();
-        if (s.value("read_command", 0) == kReadCommand)
-            s["read_from"] = s.value("read_address", 0);
-        else
-            board_.trace("register_read_ignored", {{"device", name()}, {"why", "no read command"}});
+        const char *refused = s.value("read_command", 0) != kReadCommand ? "no read command"
+                              : read_progress() != 0                     ? "a read is in progress"
+                                                                         : nullptr;
+        if (refused != nullptr)
+            return board_.trace("register_read_ignored", {{"device", name()}, {"why", refused}});
+        s["read_next"] = s.value("read_address", 0);
+        s["read_started_ns"] = board_.now_ns();
+    }
+
+    // The status bits of the read in progress; a read whose time has passed becomes the one
+    // that the data registers show.
+    uint8_t read_progress() {
+        json &s = reg_state();
+        if (!s.contains("read_next"))
+            return 0;
+        const uint64_t fetched =
+            s["read_started_ns"].get<uint64_t>() + ns_setting("read_fetch_us", map_.read_fetch_us);
+        if (board_.now_ns() < fetched)
+            return 0x01;
+        if (board_.now_ns() < fetched + ns_setting("read_load_us", map_.read_load_us))
+            return 0x08;
+        s["read_from"] = s["read_next"];
+        s.erase("read_next");
+        s.erase("read_started_ns");
+        return 0;
+    }
+
+    uint16_t read_status() {
+        uint8_t low = read_progress();
+        if (const json *f = board_.take_fault("register_read_error", name()))
+            low |= static_cast<uint8_t>(number_from(member(*f, "bits"), 0x01));
+        return low;
     }
 
     bool in_read_data(uint16_t reg) const {
@@ -297,13 +328,14 @@ private:
         if (reg == map_.status)
             return status();
         if (in_read_data(reg)) {
+            read_progress();
             const json &s = reg_state();
             if (!s.contains("read_from"))
                 return 0; // no read started since the interface opened
             size_t at = s["read_from"].get<size_t>() + (reg - map_.read_data);
             return static_cast<uint16_t>(cells_.get(at) << 8 | cells_.get(at + 1));
         }
-        return 0; // read status: the read interface is always ready
+        return read_status();
     }
 
     uint16_t status() {

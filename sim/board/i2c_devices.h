@@ -80,6 +80,8 @@ struct RegisterMap {
     uint16_t read_start = 0;
     uint16_t read_status = 0;    // low bits 0 and 3 clear: the data is ready
     uint16_t read_data = 0;      // bytes at read address + i at read_data + i, i < 16
+    uint64_t read_fetch_us = 0;  // after a start, status low bit 0 this long,
+    uint64_t read_load_us = 0;   // then bit 3 this long; then the data registers show the read
     FixedRegister fixed[6] = {}; // further registers of the device
     // FPGA interfaces: the PLL is held until pll_restart is written 0, then pll_status reads
     // pll_locked once it has locked; calibration (0: none) reads calibration_done after that.

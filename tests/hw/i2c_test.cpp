@@ -258,47 +258,104 @@ TEST_F(I2cOnBoard, HdmiEepromPagesAndHalves) {
     EXPECT_EQ(acked(), (std::vector<std::string>{"9", "17", "17", "1", "1"}));
 }
 
-TEST_F(I2cOnBoard, KolmaReadInterfaceAfterReleaseAndEnable) {
-    std::string cells(32768, '\xff');
-    for (int i = 0; i < 16; ++i)
-        cells[0x0123 + i] = static_cast<char>(i * 3);
-    std::ofstream(dir_ / "i2c/kolma_1.bin", std::ios::binary) << cells;
-    attach();
-    cn_user_fd = open("/dev/cn_user", O_RDWR);
-    eep_flags = 0;
-    SetKolmaHwReset();
-    ASSERT_EQ(EnableKOLMAEeprom(), 0);
+// A KOLMA with its EEPROM cells counting up in threes from 0x0123, released and enabled.
+class KolmaRead : public I2cOnBoard {
+protected:
+    void start(const json &kolma_settings, const json &faults = json::array()) {
+        for (int i = 0; i < 16; ++i)
+            cells_[0x0123 + i] = static_cast<char>(i * 3);
+        std::ofstream(dir_ / "i2c/kolma_1.bin", std::ios::binary) << cells_;
+        change_config([&](json &c) {
+            c["i2c"]["devices"][1].update(kolma_settings);
+            c["faults"] = faults;
+        });
+        attach();
+        cn_user_fd = open("/dev/cn_user", O_RDWR);
+        eep_flags = 0;
+        SetKolmaHwReset();
+        ASSERT_EQ(EnableKOLMAEeprom(), 0);
+    }
+    static void set(uint16_t reg, uint16_t value) {
+        EXPECT_EQ(IIC_KOLMAEEP_Write(4, register_write(reg, value).data(), 0), 0);
+    }
+    static int word_at(uint16_t reg) {
+        const uint8_t number[2] = {static_cast<uint8_t>(reg >> 8), static_cast<uint8_t>(reg)};
+        uint8_t word[2] = {};
+        EXPECT_EQ(IIC_KOLMAEEP_Read(number, 2, word, 0), 0);
+        return word[0] << 8 | word[1];
+    }
+    std::string cells_ = std::string(32768, '\xff');
+};
+
+TEST_F(KolmaRead, DataRegistersShowAReadOnlyOnceItIsFetchedAndLoaded) {
+    start({{"read_fetch_us", 5000}, {"read_load_us", 5000}});
     std::string buffer(12, '\xee');
     EXPECT_EQ(ReadKOLMAEeprom(0x0123, reinterpret_cast<uint8_t *>(buffer.data()), 10), 0);
-    EXPECT_EQ(buffer, cells.substr(0x0123, 10) + "\xee\xee");
+    EXPECT_EQ(buffer, cells_.substr(0x0123, 10) + "\xee\xee");
     // The read command twice, the address, the start: the register writes of a read.
     std::vector<std::string> writes;
     for (const json &e : trace("i2c"))
         writes.push_back(e["msgs"][0].value("w", ""));
     const std::vector<std::string> read = {"40000007", "40000007", "400a0123", "401c0000"};
     EXPECT_NE(std::search(writes.begin(), writes.end(), read.begin(), read.end()), writes.end());
-    // The data registers keep that read until a start after the read command fetches the bytes
-    // at the read address anew.
-    auto set = [](uint16_t reg, uint16_t value) {
-        EXPECT_EQ(IIC_KOLMAEEP_Write(4, register_write(reg, value).data(), 0), 0);
-    };
-    auto first_word = [] {
-        const uint8_t reg[2] = {0x40, 0x0C};
-        uint8_t word[2] = {};
-        EXPECT_EQ(IIC_KOLMAEEP_Read(reg, 2, word, 0), 0);
-        return word[0] << 8 | word[1];
-    };
-    const int before = first_word();
+    // The data registers keep that read until a start after the read command has fetched (status
+    // 0x01) and loaded (0x08) the bytes at the read address; a start while a read is
+    // in progress is ignored.
+    std::vector<int> seen = {word_at(0x400C)};
     set(0x400A, 0x0126); // the address alone
-    const int without_start = first_word();
+    seen.push_back(word_at(0x400C));
     set(0x4000, 0x0000);
     set(0x401C, 0x0000); // a start after another command
-    const int without_command = first_word();
+    seen.push_back(word_at(0x4002));
     set(0x4000, 0x0007);
     set(0x401C, 0x0000);
-    EXPECT_EQ((std::vector<int>{before, without_start, without_command, first_word()}),
-              (std::vector<int>{0x0003, 0x0003, 0x0003, 0x090C}));
+    set(0x400A, 0x0129);
+    set(0x401C, 0x0000); // a start while fetching
+    for (useconds_t pause : {0, 5000, 5000}) {
+        usleep(pause);
+        seen.push_back(word_at(0x4002));
+        seen.push_back(word_at(0x400C));
+    }
+    EXPECT_EQ(seen, (std::vector<int>{0x0003, 0x0003, 0x0000, 0x0001, 0x0003, 0x0008, 0x0003,
+                                      0x0000, 0x090C}));
 }
+
+// The status waits take all their six reads: a fetch and a load that end just before the last
+// read of their wait pass; a status bit that stays set fails the read with its status.
+TEST_F(KolmaRead, StatusWaitsTakeTheirSixReads) {
+    struct Case {
+        json settings;
+        json faults;
+        int result;
+        std::string output;
+    };
+    const std::string error = "KOLMA EEP Read ERROR! on xxxxxxx0 detection ";
+    for (const Case &c : {
+             Case{{{"read_fetch_us", 7600}, {"read_load_us", 8800}}, json::array(), 0, ""},
+             Case{{{"read_fetch_us", 9000}}, json::array(), 1, error + "(0x01)\n"},
+             Case{{{"read_load_us", 12000}}, json::array(), 1, error + "(0x08)\n"},
+             Case{json::object(), {fault("register_read_error", "KOLMA_1")}, 1, error + "(0x01)\n"},
+             Case{json::object(),
+                  {fault("register_read_error", "KOLMA_1", {{"bits", 0x0A}})},
+                  1,
+                  error + "(0x0a)\n"},
+         }) {
+        SCOPED_TRACE(c.settings.dump() + c.faults.dump());
+        start(c.settings, c.faults);
+        std::string buffer(16, '\xee');
+        int result = -1;
+        EXPECT_EQ(printed([&] {
+                      result =
+                          ReadKOLMAEeprom(0x0123, reinterpret_cast<uint8_t *>(buffer.data()), 16);
+                  }),
+                  c.output);
+        EXPECT_EQ(result, c.result);
+        EXPECT_EQ(buffer, c.result == 0 ? cells_.substr(0x0123, 16) : std::string(16, '\xee'));
+        TearDown();
+        SetUp();
+    }
+}
+
 // The simulated adapters and devices refuse what the kernel and the devices would.
 class I2cModels : public I2cOnBoard {
 protected:
@@ -641,6 +698,20 @@ TEST_F(FpgaEepromOnBoard, BlockSequencesAreJudgedByTheirLock) {
             // Its status, read at the start register, shows it ready.
             EXPECT_EQ(register_reads("4802"), std::vector<std::string>{"0000"});
         }
+    }
+}
+
+// A TR5 read fails when its status shows bit 0; the other bits do not matter.
+TEST_F(FpgaEepromOnBoard, Tr5ReadFailsOnStatusBit0Alone) {
+    for (const auto &[bits, output] : std::vector<std::pair<int, std::string>>{
+             {0x09, "FPGA EEP Read ERROR! on xxxxxxx0 detection (0x09)\n"}, {0x08, ""}}) {
+        fresh_board(fault("register_read_error", "fpga_tr5", {{"bits", bits}}), 1);
+        std::vector<uint8_t> back(4, 0xee);
+        int result = -1;
+        EXPECT_EQ(printed([&] { result = ReadFPGAEeprom(0x44, back.data(), 4); }), output);
+        EXPECT_EQ(result, output.empty() ? 0 : 1);
+        EXPECT_EQ(back,
+                  output.empty() ? std::vector<uint8_t>(4, 0xff) : std::vector<uint8_t>(4, 0xee));
     }
 }
 
