@@ -374,10 +374,22 @@ TEST_F(DeviceRules, OutOfBandRequestsStayWithinTheirAreas) {
         mtd_oob_buf request{c.start, c.length, bytes.data()};
         EXPECT_EQ(error_of(ioctl(nand, c.request, &request) != 0), c.err) << c.what;
     }
-    close(nand);
     std::string areas = std::string(2, '\xff') + "tag!" + std::string(58, '\xff') +
                         std::string(2, '\0') + std::string(62, '\xff');
     EXPECT_TRUE(std::string(bytes.begin(), bytes.begin() + 128) == areas);
+    // A write of pages 1 and 2 programs the ECC of each (bytes 40-63) into its own page's area.
+    const std::string pages(2 * info.writesize, 'e');
+    ASSERT_EQ(lseek(nand, info.writesize, SEEK_SET), info.writesize);
+    ASSERT_EQ(write(nand, pages.data(), pages.size()), ssize_t(pages.size()));
+    mtd_oob_buf request{0, 3 * 64, bytes.data()};
+    ASSERT_EQ(ioctl(nand, MEMREADOOB, &request), 0);
+    const std::string page0(bytes.begin(), bytes.begin() + 64);
+    const std::string ecc1(bytes.begin() + 64 + 40, bytes.begin() + 128);
+    const std::string ecc2(bytes.begin() + 128 + 40, bytes.begin() + 192);
+    EXPECT_EQ(page0, std::string(64, '\xff'));
+    EXPECT_NE(ecc1, std::string(24, '\xff'));
+    EXPECT_EQ(ecc2, ecc1);
+    close(nand);
 }
 
 // The microcontroller's link on the board, at its rate, opened with these flags.
