@@ -103,6 +103,7 @@ TEST_F(NorChipOnBoard, ProgramAndEraseAnswerWithStatusThenArray) {
         << std::string(0x10000, '\xFF') + std::string(0x10000, '\x5A');
     attach();
     ASSERT_EQ(map_regs(), 0);
+    volatile uint8_t *nor = static_cast<volatile uint8_t *>(mmap_vaddr[NOR_REGION_NOR]);
     for (const auto &c : cases) {
         for (const auto &[at, value] : c.cycles)
             cycle(at, value);
@@ -121,8 +122,10 @@ TEST_F(NorChipOnBoard, ProgramAndEraseAnswerWithStatusThenArray) {
     EXPECT_EQ(chip_erase["erased"], 18);
     // Left in autoselect, the flash answers the partition's reads with its identification; a
     // NAND partition still reads its own (erased) bytes. Word 2 of a sector tells whether it is
-    // protected.
-    for (const auto &[at, value] : Cycles{{0xAAA, 0xAA}, {0x554, 0x55}, {0xAAA, 0x90}})
+    // protected. A 32-bit store is two bus cycles, its lower half first: here a reset, then the
+    // first unlock cycle.
+    *reinterpret_cast<volatile uint32_t *>(nor + 0xAA8) = 0x00AA00F0;
+    for (const auto &[at, value] : Cycles{{0x554, 0x55}, {0xAAA, 0x90}})
         cycle(at, value);
     auto first_bytes = [](const char *path) {
         int mtd = open(path, O_RDONLY);
@@ -137,6 +140,12 @@ TEST_F(NorChipOnBoard, ProgramAndEraseAnswerWithStatusThenArray) {
     EXPECT_EQ(word(0x20004), 0); // and of another
     cycle(0, 0xF0);
     EXPECT_EQ(word(0x20000), 0xFFFF);
+    // A byte is one lane of its word; a 32-bit load reads the following word as its upper half.
+    for (const auto &[at, value] : with(program, 0x20000, 0x1234))
+        cycle(at, value);
+    usleep(10);
+    EXPECT_EQ((std::vector<int>{nor[0x20000], nor[0x20001]}), (std::vector<int>{0x34, 0x12}));
+    EXPECT_EQ(*reinterpret_cast<volatile uint32_t *>(nor + 0x20000), 0xFFFF1234u);
     unmap_regs();
 }
 
