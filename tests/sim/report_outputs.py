@@ -185,6 +185,15 @@ def check_svg(svg_path, rsvg, png_path):
             if line.get("stroke") == "#555555"]
     check(len(axis) == 1 and abs(axis[0][0] - bars["Alpha & <Co>"][0]) < 0.1 and
           abs(axis[0][1] - (x + width)) < 0.1, f"time axis {axis}")
+    # Its ticks: a whole second apart for the 6-second run, from its start to its end, each where
+    # its time falls on the axis.
+    ticks = [(float(t.get("x")), t.text)
+             for t in ET.parse(svg_path).getroot().iter("{http://www.w3.org/2000/svg}text")
+             if t.get("text-anchor") == "middle"]
+    check([label for _, label in ticks] == [f"{s} s" for s in range(7)], f"tick labels {ticks}")
+    left, right = axis[0]
+    check(all(abs(tx - (left + (right - left) * s / 6)) < 0.1 for s, (tx, _) in enumerate(ticks)),
+          f"tick places {ticks}")
 
 
 def main():
