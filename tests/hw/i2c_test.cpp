@@ -554,7 +554,18 @@ TEST_F(I2cModels, KolmaAnswersAfterResetReleaseAndOpensItsEepromAfterEnable) {
     EXPECT_EQ(kolma(0x40FA, 0x5745), EREMOTEIO);
     for (uint16_t value : {1, 1, 0})
         EXPECT_EQ(kolma(0x0016, value), 0);
-    EXPECT_EQ(kolma(0x40FA, 0x5745), 0);
+    // Unlocked after a block start, the block registers take a data word only after the address,
+    // and only at an even offset.
+    std::vector<int> block;
+    for (const auto &[reg, value] : std::vector<std::pair<uint16_t, uint16_t>>{{0x4026, 0},
+                                                                               {0x40FA, 0x5745},
+                                                                               {0x40FC, 0x5043},
+                                                                               {0x4100, 0x0102},
+                                                                               {0x40FE, 0x0040},
+                                                                               {0x4100, 0x0102},
+                                                                               {0x4101, 0x0304}})
+        block.push_back(kolma(reg, value));
+    EXPECT_EQ(block, (std::vector<int>{0, 0, 0, EREMOTEIO, 0, 0, EREMOTEIO}));
     // Reads: only the registers that give a value answer; a write-only register, or one past
     // the read interface's 16 data bytes, refuses the register's low byte.
     const struct {
