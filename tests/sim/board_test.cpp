@@ -229,6 +229,12 @@ TEST_F(BoardTest, AVolumeGetsTheLowestFreeNumberAndANameOfItsOwn) {
     for (const json &made : trace("ubimkvol"))
         ids.push_back(made["id"].get<int>());
     EXPECT_EQ(ids, (std::vector<int>{5, 6, 2}));
+    // A size is taken up to whole LEBs of 126976 bytes.
+    EXPECT_EQ(testsupport::printed([&] {
+                  ubi_make_volume(*board_, {node, "-n", "7", "-N", "fifth", "-s", "126977"});
+              }),
+              "Volume ID 7, size 2 LEBs (253952 bytes, 248.0 KiB), LEB size 126976 bytes (124.0 "
+              "KiB), dynamic, name \"fifth\", alignment 1\n");
 }
 
 // Device memory takes no unaligned access: the kernel's fix-up carries it out byte by byte,
