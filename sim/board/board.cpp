@@ -154,6 +154,16 @@ bool Board::read_files(std::string *error) {
     return true;
 }
 
+void Board::keep_descriptors_from(int lowest) {
+    if (trace_fd_ < 0 || trace_fd_ >= lowest)
+        return;
+    int moved = fcntl(trace_fd_, F_DUPFD_CLOEXEC, lowest);
+    if (moved < 0)
+        return;
+    ::close(trace_fd_);
+    trace_fd_ = moved;
+}
+
 Board::~Board() {
     if (trace_fd_ < 0)
         return;

@@ -73,6 +73,10 @@ public:
     // the directory holds no readable board.
     static std::unique_ptr<Board> load(const std::string &dir, std::string *error);
 
+    // Moves the descriptors the board keeps open to lowest or above, where the process's soft
+    // descriptor limit allows it, out of the range that a program on the board gets.
+    void keep_descriptors_from(int lowest);
+
     const std::string &dir() const { return dir_; }
     std::string file(std::string_view relative) const { return dir_ + "/" + std::string(relative); }
     const json &config() const { return config_; }

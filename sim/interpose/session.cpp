@@ -24,13 +24,19 @@ int g_open_devices = 0;
 rlimit g_host_files{};
 bool g_files_limited = false;
 
-// Lowers the process's descriptor limit to the board's while it runs on the board.
-void limit_files() {
+// Lowers the process's descriptor limit to the board's while it runs on the board. The board's
+// own descriptors go above that limit first (under the hard limit), so that the program's
+// descriptors are numbered as on the TV: started without standard input, its first open gets 0.
+void limit_files(Board &board) {
     rlimit limit{};
     if (g_files_limited || getrlimit(RLIMIT_NOFILE, &limit) != 0)
         return;
     g_host_files = limit;
     g_files_limited = true;
+    rlimit widest = limit;
+    widest.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &widest);
+    board.keep_descriptors_from(kMaxDeviceFd);
     limit.rlim_cur = std::min<rlim_t>(limit.rlim_cur, kMaxDeviceFd); // RLIM_INFINITY is the largest
     setrlimit(RLIMIT_NOFILE, &limit);
 }
@@ -59,7 +65,7 @@ Board *current_board() {
             if (g_board == nullptr)
                 fprintf(stderr, "tvsim: %s\n", error.c_str());
             else
-                limit_files();
+                limit_files(*g_board);
         }
     }
     return g_board;
@@ -137,7 +143,7 @@ __attribute__((visibility("default"))) int tvsim_attach(const char *dir) {
     }
     if (tvsim::interpose::g_board == nullptr)
         return -1;
-    tvsim::interpose::limit_files();
+    tvsim::interpose::limit_files(*tvsim::interpose::g_board);
     return 0;
 }
 

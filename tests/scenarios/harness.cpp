@@ -61,7 +61,7 @@ void replace_all(std::string &text, const std::string &from, const std::string &
 
 // A pipe, or a raw pseudo-terminal: [0] is the end the output is read from.
 bool open_screen(Screen screen, int fds[2]) {
-    if (screen == Screen::pipe)
+    if (screen != Screen::terminal)
         return pipe(fds) == 0;
     termios raw{};
     cfmakeraw(&raw);
@@ -79,7 +79,10 @@ RunResult capture(const std::vector<std::string> &args, Screen screen = Screen::
     posix_spawn_file_actions_adddup2(&actions, pipe_fds[1], 1);
     posix_spawn_file_actions_adddup2(&actions, pipe_fds[1], 2);
     posix_spawn_file_actions_addclose(&actions, pipe_fds[0]);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    if (screen == Screen::no_input)
+        posix_spawn_file_actions_addclose(&actions, 0);
+    else
+        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
     std::vector<char *> argv;
     for (const std::string &a : args)
         argv.push_back(const_cast<char *>(a.c_str()));

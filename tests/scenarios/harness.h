@@ -26,8 +26,9 @@ struct RunResult {
 };
 
 // Where a program's output goes: a pipe, or a terminal (a pseudo-terminal without line-end
-// translation), on which the C library writes each line as it is printed.
-enum class Screen { pipe, terminal };
+// translation), on which the C library writes each line as it is printed. Its standard input is
+// /dev/null, or closed with no_input (output to a pipe), as a service may be started.
+enum class Screen { pipe, terminal, no_input };
 
 // A fresh board directory per test, under the build's scenario folder. The test fills the
 // medium folder, makes the board, adjusts board.json if it needs faults or other hardware,

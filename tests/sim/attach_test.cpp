@@ -78,8 +78,8 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
     EXPECT_EQ(system("true"), -1);
 
     EXPECT_EQ(tvsim_attach((dir_ / "no-board").c_str()), -1);
-    // Started without standard input, as a service may be: the board's record of the calls may
-    // take descriptor 0.
+    // Started without standard input, as a service may be: the program's opens may get
+    // descriptor 0.
     int input = dup(STDIN_FILENO);
     close(STDIN_FILENO);
     attach();
