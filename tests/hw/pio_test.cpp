@@ -51,14 +51,20 @@ protected:
     }
 };
 
-// An output pin that nothing drives from outside reads back the level last written to it.
-TEST_F(PinsOnBoard, AnOutputReadsBackWhatWasWrittenToIt) {
+// An output pin that nothing drives from outside reads back the level last written to it; a pin
+// driven from outside reads its driven level (any non-zero level is high), whatever was written.
+TEST_F(PinsOnBoard, AnOutputReadsBackWhatWasWrittenUnlessDrivenFromOutside) {
+    change_config([](json &c) { c["soc"]["pin_inputs"] = {{"70", 2}, {"71", 0}}; });
     attach();
     for (uint8_t written : {1, 0, 1}) {
-        uint8_t level = 7;
-        ASSERT_EQ(PIO_BitWrite(23, written), PIO_OK);
-        ASSERT_EQ(PIO_BitRead(23, &level), PIO_OK);
-        EXPECT_EQ(level, written);
+        std::vector<int> levels;
+        for (int pin : {23, 70, 71}) {
+            uint8_t level = 7;
+            ASSERT_EQ(PIO_BitWrite(pin, written), PIO_OK);
+            ASSERT_EQ(PIO_BitRead(pin, &level), PIO_OK);
+            levels.push_back(level);
+        }
+        EXPECT_EQ(levels, (std::vector<int>{written, 1, 0}));
     }
     detach();
 }
