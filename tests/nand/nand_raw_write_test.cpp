@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -94,10 +95,17 @@ TEST_F(NandBlockOnBoard, WritesAndRetiresThePhysicalBlockOfTheOffset) {
     };
     const std::string data(E, 'd');
     attach();
-    nand_dev *ctx = nand_open("/dev/mtd1", 0);
+    // Through the operations record, in a program without standard input: the device gets
+    // descriptor 0 and is used there.
+    flash_storage_dev dev{};
+    ASSERT_EQ(init_flash_storage_dev(&dev), 0);
+    const int input = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
+    nand_dev *ctx = dev.open("/dev/mtd1", 0);
     ASSERT_NE(ctx, NAND_OPEN_FAILED);
+    EXPECT_EQ(ctx->fd, 0);
     for (const auto &c : cases) {
-        EXPECT_EQ(nand_write_block(ctx, data.data(), c.size, c.offset), c.result) << c.name;
+        EXPECT_EQ(dev.write_block(ctx, data.data(), c.size, c.offset), c.result) << c.name;
         std::vector<size_t> marked;
         for (const testsupport::json &m : trace("mtd_markbad"))
             marked.push_back(m["block"]);
@@ -108,7 +116,9 @@ TEST_F(NandBlockOnBoard, WritesAndRetiresThePhysicalBlockOfTheOffset) {
                                       : data.substr(0, c.size) + std::string(E - c.size, '\xFF'))
             << c.name;
     }
-    EXPECT_EQ(nand_close(ctx), 0);
+    EXPECT_EQ(dev.close(ctx), 0);
+    dup2(input, STDIN_FILENO);
+    close(input);
 }
 
 // A block retired inside one open moves its logical block and every one after it to the next
