@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <tuple>
 
 namespace fs = std::filesystem;
 using testsupport::json;
@@ -177,6 +178,29 @@ TEST_F(UpdateFpgaOnBoard, ConfigurationDoneFollowsALoadFromAValidImage) {
         detach();
         EXPECT_EQ(done, c.done);
     }
+}
+
+// The check of all FPGAs asks only the selected ones: FPGA 1, never done, fails it only when it
+// is selected.
+TEST_F(UpdateFpgaOnBoard, TheCheckOfAllAsksOnlyTheSelectedFpgas) {
+    change_config([](json &c) { c["soc"]["pin_inputs"] = {{"16", 1}, {"39", 0}}; });
+    attach();
+    const std::string first_done = " fpga_config_sum_tr1 done.\n";
+    for (const auto &[second_selected, result, output] :
+         std::vector<std::tuple<int, int, std::string>>{
+             {0, 1, first_done},
+             {1, 0,
+              first_done + " Timeout Config Done!\nFailed to check config done(fpga_type=1)\n"}}) {
+        const int selected[kFpgaCount] = {1, second_selected, 0};
+        for (int n = 0; n < kFpgaCount; ++n)
+            fpga_info_table[n].selected = selected[n];
+        int all = -1;
+        EXPECT_EQ(testsupport::printed([&] { all = IsFPGAConfigDoneALL(); }), output);
+        EXPECT_EQ(all, result);
+    }
+    for (fpga_info &row : fpga_info_table)
+        row.selected = 0;
+    detach();
 }
 
 // Setting the access lines takes a 10 ms pause, and so does asking it for an FPGA number outside
