@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -99,8 +98,7 @@ TEST_F(NandBlockOnBoard, WritesAndRetiresThePhysicalBlockOfTheOffset) {
     // descriptor 0 and is used there.
     flash_storage_dev dev{};
     ASSERT_EQ(init_flash_storage_dev(&dev), 0);
-    const int input = dup(STDIN_FILENO);
-    close(STDIN_FILENO);
+    testsupport::StandardInputClosed without_input;
     nand_dev *ctx = dev.open("/dev/mtd1", 0);
     ASSERT_NE(ctx, NAND_OPEN_FAILED);
     EXPECT_EQ(ctx->fd, 0);
@@ -117,8 +115,6 @@ TEST_F(NandBlockOnBoard, WritesAndRetiresThePhysicalBlockOfTheOffset) {
             << c.name;
     }
     EXPECT_EQ(dev.close(ctx), 0);
-    dup2(input, STDIN_FILENO);
-    close(input);
 }
 
 // A block retired inside one open moves its logical block and every one after it to the next

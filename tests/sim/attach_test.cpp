@@ -80,8 +80,7 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
     EXPECT_EQ(tvsim_attach((dir_ / "no-board").c_str()), -1);
     // Started without standard input, as a service may be: the program's opens may get
     // descriptor 0.
-    int input = dup(STDIN_FILENO);
-    close(STDIN_FILENO);
+    testsupport::StandardInputClosed without_input;
     attach();
     EXPECT_EQ(tvsim_attach(dir_.c_str()), -1); // one board at a time
     const char *mount_point = nullptr;
@@ -182,8 +181,7 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
                         outcome(maker.make(("/tmp/usb/M1/" + std::string(maker.name)).c_str()))});
     }
     detach();
-    dup2(input, STDIN_FILENO);
-    close(input);
+    without_input.restore();
     EXPECT_EQ(trace("mount").size(), 1u);
     EXPECT_EQ(unwaited, std::pair(-1, ECHILD));
     EXPECT_EQ(without_path, 0);

@@ -100,8 +100,7 @@ TEST_F(DeviceRules, DeviceOpensEndWithEmfileAtTheProcessLimit) {
     // Given back first: the sanitizer build checks a device's release through a pipe.
     int spare[2];
     ASSERT_EQ(pipe(spare), 0);
-    const int input = dup(STDIN_FILENO);
-    close(STDIN_FILENO);
+    testsupport::StandardInputClosed without_input;
     std::vector<int> opened;
     int fd = 0;
     while ((fd = open("/dev/i2c-0", O_RDWR)) >= 0)
@@ -115,8 +114,7 @@ TEST_F(DeviceRules, DeviceOpensEndWithEmfileAtTheProcessLimit) {
     close(spare[1]);
     for (int each : opened)
         close(each);
-    dup2(input, STDIN_FILENO);
-    close(input);
+    without_input.restore();
     EXPECT_EQ(err, EMFILE);
     EXPECT_EQ(static_cast<rlim_t>(highest) + 1, limit.rlim_cur); // every descriptor was used
     std::vector<json> opens = trace("open");

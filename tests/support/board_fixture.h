@@ -41,6 +41,25 @@ template <typename Call> std::string printed(Call call) {
     return text;
 }
 
+// Standard input closed, as a service may be started, until restore() or the end of the scope.
+class StandardInputClosed {
+public:
+    StandardInputClosed() : saved_(dup(STDIN_FILENO)) { close(STDIN_FILENO); }
+    ~StandardInputClosed() { restore(); }
+    StandardInputClosed(const StandardInputClosed &) = delete;
+    StandardInputClosed &operator=(const StandardInputClosed &) = delete;
+    void restore() {
+        if (saved_ < 0)
+            return;
+        dup2(saved_, STDIN_FILENO);
+        close(saved_);
+        saved_ = -1;
+    }
+
+private:
+    int saved_;
+};
+
 // A default board in a temporary folder of its own, removed after the test.
 class BoardFixture : public testing::Test {
 protected:
