@@ -256,6 +256,15 @@ TEST_F(I2cOnBoard, HdmiEepromPagesAndHalves) {
     EXPECT_EQ(high, counting(32, 0x88));
     // Writes of 8, 16 and 16 bytes after the word address, then the two reads.
     EXPECT_EQ(acked(), (std::vector<std::string>{"9", "17", "17", "1", "1"}));
+    // An SMBus word read (as i2cget's "w" makes it) takes its command byte as the word address
+    // and returns the first byte as the word's low byte.
+    int bus = open("/dev/i2c-1", O_RDWR);
+    i2c_smbus_data word{};
+    i2c_smbus_ioctl_data read_word{I2C_SMBUS_READ, 0xF8, I2C_SMBUS_WORD_DATA, &word};
+    EXPECT_EQ(ioctl(bus, I2C_SLAVE, 0x50), 0);
+    EXPECT_EQ(ioctl(bus, I2C_SMBUS, &read_word), 0);
+    close(bus);
+    EXPECT_EQ(word.word, 0x8180);
 }
 
 // A KOLMA with its EEPROM cells counting up in threes from 0x0123, released and enabled.

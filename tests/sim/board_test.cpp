@@ -88,6 +88,38 @@ TEST_F(BoardTest, ABoardItCannotMakeWholeIsRefused) {
     std::filesystem::remove_all(fresh);
 }
 
+// A fault strikes the calls of its kind that its target names (or whose target holds its
+// match), after skipping `skip` of them, `times` times; for ever without `times`.
+TEST_F(BoardTest, AFaultStrikesTheCallsItsSettingsChoose) {
+    using testsupport::fault;
+    const struct {
+        json fault;
+        const char *target;
+        const char *strikes; // one mark per call: x struck, . not
+    } cases[] = {
+        {.fault = fault("open"), .target = "/dev/mtd1", .strikes = "xxxxx"},
+        {.fault = fault("read"), .target = "/dev/mtd1", .strikes = "....."},
+        {.fault = fault("open", "/dev/mtd2"), .target = "/dev/mtd1", .strikes = "....."},
+        {.fault = fault("open", "/dev/mtd1"), .target = "/dev/mtd1", .strikes = "xxxxx"},
+        {.fault = fault("open", "", {{"match", "mtd"}}), .target = "/dev/mtd1", .strikes = "xxxxx"},
+        {.fault = fault("open", "", {{"match", "i2c"}}), .target = "/dev/mtd1", .strikes = "....."},
+        {.fault = fault("open", "", {{"skip", 2}}), .target = "/dev/mtd1", .strikes = "..xxx"},
+        {.fault = fault("open", "", {{"times", 2}}), .target = "/dev/mtd1", .strikes = "xx..."},
+        {.fault = fault("open", "", {{"skip", 1}, {"times", 3}}),
+         .target = "/dev/mtd1",
+         .strikes = ".xxx."},
+        {.fault = fault("open", "", {{"times", 0}}), .target = "/dev/mtd1", .strikes = "....."},
+    };
+    for (const auto &c : cases) {
+        change_config([&](json &config) { config["faults"] = json::array({c.fault}); });
+        board_ = load_board();
+        std::string strikes;
+        for (int call = 0; call < 5; ++call)
+            strikes += board_->take_fault("open", c.target) != nullptr ? 'x' : '.';
+        EXPECT_EQ(strikes, c.strikes) << c.fault.dump();
+    }
+}
+
 TEST_F(BoardTest, MountsFailAsTheKernelWould) {
     struct Case {
         const char *source;

@@ -16,7 +16,8 @@ S = 1_000_000_000  # ns
 
 # An older run, then the last one: Alpha takes 4 s (parts busy 0-1 s, an FPGA load begun again
 # on the way, and a sleep 1-2 s, then 2 s nothing), Beta 2 s (an EEPROM write cycle 4-5 s, then a time-out running out 5-6 s) and
-# fails. An event after the exit belongs to no run.
+# fails. The preparation and the closing have no result, whatever their lines say. An event after
+# the exit belongs to no run.
 OLD_RUN = [
     {"t": 0, "ev": "start", "pid": 1},
     {"t": 0, "ev": "output", "fd": 1, "text": "Start updating Old...", "line_end": True},
@@ -24,6 +25,7 @@ OLD_RUN = [
 ]
 LAST_RUN = [
     {"t": 0, "ev": "start", "pid": 2},
+    {"t": 0, "ev": "output", "fd": 1, "text": "Copying is finished.", "line_end": True},
     {"t": 0, "ev": "output", "fd": 1, "text": "Start updating Alpha & <Co>...", "line_end": True},
     {"t": 0, "ev": "fpga_load", "fpga": 0, "image": True, "busy_ns": 1 * S},
     {"t": S // 2, "ev": "fpga_load", "fpga": 0, "image": True, "busy_ns": S // 2},  # begun again
@@ -35,6 +37,7 @@ LAST_RUN = [
     {"t": 6 * S, "ev": "output", "fd": 1, "text": "!!! Unable to update Beta. !!!", "line_end": True},
     {"t": 6 * S, "ev": "output", "fd": 1, "text": "----- Updating is finished. -----",
      "line_end": True},
+    {"t": 6 * S, "ev": "output", "fd": 1, "text": "!!! Unable to unmount. !!!", "line_end": True},
     {"t": 6 * S, "ev": "exit", "pid": 2},
     {"t": 7 * S, "ev": "i2c", "bus": 0, "took_ns": 1 * S, "msgs": []},
 ]
