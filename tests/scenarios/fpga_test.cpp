@@ -188,6 +188,8 @@ TEST_F(ConfigRoms, FaultsStopTheRunWithTheirMessage) {
         {"protection bits", {{"protect", "0x1C"}}, json(), " Timeout RDSR(0x1c)!\n", Untouched},
         {"stuck busy", json(), fault("spi_status", "rom0", {{"value", 1}}),
          " Timeout RDSR(0x01)!\n", Untouched},
+        {"every status bit set, unless told", json(), fault("spi_status", "rom0"),
+         " Timeout RDSR(0xff)!\n", Untouched},
         {"erase never ends", json(), fault("spi_erase_stuck"),
          "Start erasing SPI-ROM, please wait... \n Timeout RDSR(0x03)!\n", Erased, false, 10},
         {"every status read fails", json(), fault("spi_request", "write_then_read"),
