@@ -144,7 +144,7 @@ TEST_F(BoardTest, MountsFailAsTheKernelWould) {
         {"/dev/sdb1", "/mnt/sdcard", "vfat", EINVAL, "umask=099"},
         {"/dev/sdb1", "/mnt/sdcard", "vfat", EINVAL, "uid=root"},
         {"/dev/sdb1", "/mnt/sdcard", "vfat", EINVAL, "uid="},
-        {"/dev/sdb1", "/mnt/sdcard", "vfat", 0, "uid=0,gid=-1"}, // values it takes
+        {"/dev/sdb1", "/mnt/sdcard", "vfat", 0, "uid=0,gid=-1,umask=0777"}, // values it takes
         {"/dev/sdb1", "/mnt/sdcard", "vfat", EINVAL, "bulk_read"},
     };
     change_config([](json &c) {

@@ -236,13 +236,11 @@ TEST_F(DeviceRules, KernelFilesDoOnlyWhatTheirOpenModeAllows) {
     close(control);
     // A refused open gives its descriptor back: with standard input closed, the next open
     // gets descriptor 0.
-    int input = dup(0);
-    close(0);
+    testsupport::StandardInputClosed without_input;
     int refused = open(rescan, O_RDONLY);
     int next = open("/proc/misc", O_RDONLY);
     close(next);
-    dup2(input, 0);
-    close(input);
+    without_input.restore();
     detach();
     for (const auto &c : cases)
         EXPECT_EQ(c.err, c.expected) << c.what;
