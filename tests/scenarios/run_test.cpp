@@ -520,8 +520,8 @@ TEST_F(UpdateRun, UnusableModelNamesAreRefusedBeforeAnything) {
 }
 
 // `tvsim new` makes a board only from options it can read whole; anything else is a usage error
-// (exit status 2) that makes nothing.
-TEST(SimulatorCommandLine, ANewBoardTakesOnlyTheOptionsItCanRead) {
+// (exit status 2) that makes nothing. A command on a board is held to its words the same way.
+TEST(SimulatorCommandLine, TakesOnlyTheCommandsAndOptionsItCanRead) {
     namespace fs = std::filesystem;
     const fs::path made = fs::path(testing::TempDir()) / ("tvsim-new-" + std::to_string(getpid()));
     const struct {
@@ -542,6 +542,14 @@ TEST(SimulatorCommandLine, ANewBoardTakesOnlyTheOptionsItCanRead) {
     }
     std::ifstream config(made / "board.json");
     EXPECT_EQ(json::parse(config)["spi"]["seed"], 7);
+    // On that board, a command without the words it needs, or with more, is a usage error too.
+    for (const char *command : {"", "standin", "reboot now", "--", "--preload", "restart"}) {
+        std::string line =
+            std::string(TVSIM_CLI) + " --board " + made.string() + " " + command + " 2>/dev/null";
+        int status = std::system(line.c_str());
+        ASSERT_TRUE(WIFEXITED(status)) << command;
+        EXPECT_EQ(WEXITSTATUS(status), 2) << command;
+    }
     fs::remove_all(made);
 }
 

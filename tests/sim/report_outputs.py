@@ -33,6 +33,7 @@ LAST_RUN = [
     {"t": 4 * S, "ev": "output", "fd": 1, "text": "Alpha updating is finished.", "line_end": True},
     {"t": 4 * S, "ev": "output", "fd": 1, "text": "Start updating Beta...", "line_end": True},
     {"t": 4 * S, "ev": "eeprom_write", "device": "pelto", "addr": 0, "count": 1, "busy_ns": 1 * S},
+    {"t": 5 * S + S // 2, "ev": "register_read_ignored", "device": "pelto"},  # after a gap
     {"t": 6 * S, "ev": "uart_read", "asked": 4, "got": 0},
     {"t": 6 * S, "ev": "output", "fd": 1, "text": "!!! Unable to update Beta. !!!", "line_end": True},
     {"t": 6 * S, "ev": "output", "fd": 1, "text": "----- Updating is finished. -----",
@@ -101,7 +102,8 @@ def check_trace_json(path):
         ("update run", "Alpha & <Co>"): (0, 4e6),
         ("update run", "Beta"): (4e6, 2e6),
         ("tool's waits", "sleep"): (0, 2e6),
-        ("EEPROM pelto", "eeprom_write"): (4e6, 1e6),
+        ("EEPROM pelto", "eeprom_write"): (4e6, 1e6),  # not stretched to the next event
+        ("EEPROM pelto", "register_read_ignored"): (5.5e6, None),
         ("UART", "uart_read"): (6e6, None),
         ("console", "Start updating Beta..."): (4e6, None),
     }
