@@ -3,6 +3,7 @@
 #include "nand/nand_raw_write.h"
 #include "support/board_fixture.h"
 
+#include <cerrno>
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
@@ -21,6 +22,15 @@ TEST(NandNullContext, EveryOperationRefusesWithoutTouchingAnything) {
         EXPECT_EQ(nand_erase(ctx, 0), -1);
         EXPECT_EQ(nand_get_blk_size(ctx), 0xFFFFFFFFu);
     }
+}
+
+// Callers outside this program read the codes by their errno names.
+TEST(NandResultCodes, AreTheNegatedErrnoValues) {
+    EXPECT_EQ(NAND_ERR_OPEN, -ENOENT);
+    EXPECT_EQ(NAND_ERR_WRITE, -EINTR);
+    EXPECT_EQ(NAND_ERR_READ, -EIO);
+    EXPECT_EQ(NAND_ERR_DEVICE, -E2BIG);
+    EXPECT_EQ(NAND_ERR_NO_GOOD, -ENOEXEC);
 }
 
 TEST(NandChecks, RangeThenAlignmentThenBlockSizeBeforeAnyDeviceAccess) {
