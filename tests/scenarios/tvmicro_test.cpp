@@ -123,25 +123,44 @@ TEST_F(Microcontroller, FirmwareGoesToTheBankThatIsNotRunningAndIsChecked) {
 // Only the microcontroller's own checksum of the bank, once the flash has settled, confirms the
 // image; without it writing mode stays open.
 TEST_F(Microcontroller, FirmwareThatIsNotConfirmedIsNotClosed) {
+    // Ten queries refused while the flash settles; a sum of 0xFFFF follows them.
+    std::string refused_ten_times;
+    for (int t = 0; t < 10; ++t)
+        refused_ten_times += "Uart Ack  ERROR: buf[3]=0x31, buf[4]=0x0 ,ret= 0x0  \n";
+    const std::string bank_sum = checksums(2);
     struct Case {
         const char *what;
         std::string data;
         json faults;
-        unsigned delta;
+        json micro;
+        std::string lines; // after the progress
+        const char *frames;
     } cases[] = {
-        {"the sums differ", bank_data[2], {fault("checksum_differs", "", {{"delta", 2}})}, 2},
+        {"the sums differ",
+         bank_data[2],
+         {fault("checksum_differs", "", {{"delta", 2}})},
+         json::object(),
+         checksums(2, 2),
+         "1 0"},
         // 98304 bytes adding up to 0xFFFF: the value a failed query gives
-        {"both sums 0xFFFF", std::string(128, '\0') + "\x7E", json::array(), 0},
+        {"both sums 0xFFFF", std::string(128, '\0') + "\x7E", json::array(), json::object(),
+         "Checksum information : Calculated = 0xFFFF , Read from TV micro = 0xFFFF\n", "1 0"},
+        // A flash that settles 100 ms after the fixed wait answers none of the query's tries.
+        {"still settling",
+         bank_data[2],
+         json::array(),
+         {{"checksum_settle_ms", 3100}},
+         refused_ten_times + bank_sum.substr(0, bank_sum.size() - 7) + "0xFFFF\n",
+         "10 0"},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
         bank_data[2] = c.data;
-        make_board("VERSION=21", json::object());
+        make_board("VERSION=21", c.micro);
         board.change_config([&](json &config) { config["faults"] = c.faults; });
-        expect_run(board.tvupdate({"M1"}), 255,
-                   hex_run(2, progress() + checksums(2, c.delta), false));
+        expect_run(board.tvupdate({"M1"}), 255, hex_run(2, progress() + c.lines, false));
         EXPECT_TRUE(board.state()["microcontroller"].value("writing_mode", false));
-        EXPECT_EQ(frames({"checksum", "close_write"}), "1 0");
+        EXPECT_EQ(frames({"checksum", "close_write"}), c.frames);
     }
 }
 
