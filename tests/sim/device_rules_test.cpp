@@ -16,6 +16,7 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
+#include <vector>
 
 // The C library's checked read, which fortified programs call.
 extern "C" ssize_t __read_chk(int fd, void *buf, size_t count, size_t buflen);
@@ -169,6 +170,47 @@ TEST_F(DeviceRules, MtdDescriptorsDoOnlyWhatTheirOpenModeAllows) {
     close(write_only);
     close(read_only);
     close(read_write);
+}
+
+// A partition written into board.json by hand with only its name and type takes the default
+// geometry and times.
+TEST_F(DeviceRules, APartitionWithoutGeometryOrTimesTakesTheDefaults) {
+    change_config([](json &c) {
+        c["mtd"] = {{{"name", "bare_nand"}, {"type", "nand"}}, {{"name", "bare_nor"}}};
+    });
+    attach();
+    const struct {
+        const char *node;
+        uint32_t type, writesize;
+        uint64_t erase_ns, write_ns_per_byte;
+    } cases[] = {
+        {"/dev/mtd0", MTD_NANDFLASH, 2048, 2000000, 100},
+        {"/dev/mtd1", MTD_NORFLASH, 1, 500000000, 3000},
+    };
+    std::vector<uint8_t> page(2048, 0x5A);
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.node);
+        int fd = open(c.node, O_RDWR);
+        ASSERT_GE(fd, 0);
+        mtd_info_user info{};
+        ASSERT_EQ(ioctl(fd, MEMGETINFO, &info), 0);
+        EXPECT_EQ(info.type, c.type);
+        EXPECT_EQ(info.size, 0x100000u);
+        EXPECT_EQ(info.erasesize, 0x10000u);
+        EXPECT_EQ(info.writesize, c.writesize);
+        // Two erases, then a write: the trace's board times between them are what each took.
+        erase_info_user block{0, info.erasesize};
+        EXPECT_EQ(ioctl(fd, MEMERASE, &block), 0);
+        EXPECT_EQ(ioctl(fd, MEMERASE, &block), 0);
+        EXPECT_EQ(write(fd, page.data(), page.size()), static_cast<ssize_t>(page.size()));
+        std::vector<json> erases = trace("mtd_erase"), writes = trace("mtd_write");
+        ASSERT_GE(erases.size(), 2u);
+        ASSERT_FALSE(writes.empty());
+        auto t = [](const json &e) { return e["t"].get<uint64_t>(); };
+        EXPECT_EQ(t(erases.back()) - t(erases[erases.size() - 2]), c.erase_ns);
+        EXPECT_EQ(t(writes.back()) - t(erases.back()), page.size() * c.write_ns_per_byte);
+        close(fd);
+    }
 }
 
 // The kernel's files answer for the mode they were opened in: sysfs refuses to open an attribute
