@@ -6,6 +6,7 @@ Usage: report_outputs.py TVSIM RSVG_CONVERT WORK_DIR
 """
 import json
 import os
+import shutil
 import struct
 import subprocess
 import sys
@@ -203,7 +204,8 @@ def check_svg(svg_path, rsvg, png_path):
 
 def main():
     tvsim, rsvg, work = sys.argv[1:4]
-    os.makedirs(work, exist_ok=True)
+    shutil.rmtree(work, ignore_errors=True)  # no output of an earlier run may pass for this one's
+    os.makedirs(work)
     with open(os.path.join(work, "trace.jsonl"), "w") as f:
         for e in OLD_RUN + LAST_RUN:
             f.write(json.dumps(e) + "\n")
