@@ -640,7 +640,7 @@ protected:
     }
 };
 
-TEST_F(FpgaEepromOnBoard, PllLockNeedsThreeLockedReadsInARow) {
+TEST_F(FpgaEepromOnBoard, PllLockNeedsThreeLockedReadsInARowThenCalibration) {
     fresh_board(fault("pll_never_locks", "fpga_tr5", {{"skip", 2}, {"times", 1}}), 1);
     EXPECT_EQ(pll_reads(), 6);                        // locked, locked, not, then three locked
     fresh_board(json(), 1, {{"pll_lock_us", 22000}}); // past the tool's 20 ms pause
@@ -654,6 +654,10 @@ TEST_F(FpgaEepromOnBoard, PllLockNeedsThreeLockedReadsInARow) {
     uint8_t enable[4] = {0x00, 0x20, 0x00, 0x00};
     EXPECT_EQ(rdwr(bus, {{0x0F, 0, sizeof enable, enable}}), EREMOTEIO);
     close(bus);
+    // A TR5 whose calibration takes 20 ms after the lock is still calibrating when it is read.
+    fresh_board(json(), 0, {{"pll_lock_us", 22000}, {"calibration_us", 20000}});
+    EXPECT_EQ(printed([] { EXPECT_EQ(EnableFPGAEeprom(1), 1); }),
+              "FPGA EEP ERROR! on checking Calibration done status(0x0000).\n");
 }
 
 TEST_F(FpgaEepromOnBoard, BlockSequencesAreJudgedByTheirLock) {
