@@ -147,7 +147,7 @@ TEST_F(DeviceRules, MtdDescriptorsDoOnlyWhatTheirOpenModeAllows) {
     uint8_t page[2048];
     memset(page, 0x5A, sizeof page);
     erase_info_user block{0, info.erasesize}, empty{0, 0}, past_end{info.size, 0};
-    loff_t first_block = 0;
+    loff_t first_block = 0, before_start = -1, at_end = info.size;
     const struct {
         const char *what;
         std::function<bool()> fails;
@@ -158,6 +158,10 @@ TEST_F(DeviceRules, MtdDescriptorsDoOnlyWhatTheirOpenModeAllows) {
         {"erase, read-only", [&] { return ioctl(read_only, MEMERASE, &block) != 0; }, EPERM},
         {"bad block query, read-only",
          [&] { return ioctl(read_only, MEMGETBADBLOCK, &first_block) < 0; }, 0},
+        {"bad block query before the start",
+         [&] { return ioctl(read_only, MEMGETBADBLOCK, &before_start) < 0; }, EINVAL},
+        {"bad block query at the end",
+         [&] { return ioctl(read_only, MEMGETBADBLOCK, &at_end) < 0; }, EINVAL},
         {"erase of nothing", [&] { return ioctl(read_write, MEMERASE, &empty) != 0; }, 0},
         {"erase of nothing past the end", [&] { return ioctl(read_write, MEMERASE, &past_end); },
          EINVAL},
