@@ -32,6 +32,14 @@ constexpr uint32_t kEccBytes = 24;
 constexpr uint32_t kEccStep = 256; // three ECC bytes per step
 constexpr uint32_t kMaxOobRequest = 4096;
 
+// Board time per erase block and per byte written, where board.json gives none.
+struct FlashTiming {
+    int erase_ms;
+    int write_ns_per_byte;
+};
+constexpr FlashTiming kNandTiming{.erase_ms = 2, .write_ns_per_byte = 100};
+constexpr FlashTiming kNorTiming{.erase_ms = 500, .write_ns_per_byte = 3000};
+
 struct Partition {
     std::string name;
     int number = 0;
@@ -56,8 +64,9 @@ Partition partition_from(const Board &board, const json &entry, size_t index) {
     p.erasesize = static_cast<uint32_t>(number_from(member(entry, "erasesize"), 0x10000));
     p.writesize = static_cast<uint32_t>(number_from(member(entry, "writesize"), p.nand ? 2048 : 1));
     p.oobsize = p.nand ? kOobSize : 0;
-    p.erase_ns = number_from(member(entry, "erase_ms"), p.nand ? 2 : 500) * kNsPerMs;
-    p.write_ns_per_byte = number_from(member(entry, "write_ns_per_byte"), p.nand ? 100 : 3000);
+    const FlashTiming &timing = p.nand ? kNandTiming : kNorTiming;
+    p.erase_ns = number_from(member(entry, "erase_ms"), timing.erase_ms) * kNsPerMs;
+    p.write_ns_per_byte = number_from(member(entry, "write_ns_per_byte"), timing.write_ns_per_byte);
     p.contents = board.file("mtd/" + p.name + ".bin");
     p.oob = board.file("mtd/" + p.name + ".oob");
     p.factory_bad = member(entry, "bad_blocks");
@@ -507,14 +516,19 @@ std::string hex8(uint64_t value) {
 }
 
 json partition(const char *name, const char *type, const char *size, const char *erasesize,
-               json drivers, int erase_ms, int write_ns_per_byte) {
+               json drivers, FlashTiming timing) {
     return json{{"name", name},
                 {"type", type},
                 {"size", size},
                 {"erasesize", erasesize},
                 {"drivers", std::move(drivers)},
-                {"erase_ms", erase_ms},
-                {"write_ns_per_byte", write_ns_per_byte}};
+                {"erase_ms", timing.erase_ms},
+                {"write_ns_per_byte", timing.write_ns_per_byte}};
+}
+
+// A NAND partition of the default board: 128 KiB erase blocks, no driver of its own.
+json nand_partition(const char *name, const char *size) {
+    return partition(name, "nand", size, "0x20000", json::array(), kNandTiming);
 }
 
 } // namespace
@@ -546,17 +560,18 @@ std::unique_ptr<Device> open_mtd_device(Board &board, std::string_view path, int
 }
 
 json default_mtd_config() {
-    const char *kNandBlock = "0x20000";
     return json::array({
-        partition("nand_boot", "nand", "0x00100000", kNandBlock, json::array(), 2, 100),
-        partition("uboot_env", "nand", "0x00100000", kNandBlock, json::array(), 2, 100),
-        partition("kernel", "nand", "0x00800000", kNandBlock, json::array(), 2, 100),
-        partition("rootfs", "nand", "0x04000000", kNandBlock, json::array(), 2, 100),
-        partition("backup", "nand", "0x02000000", kNandBlock, json::array(), 2, 100),
-        partition("ubi_data", "nand", "0x19600000", kNandBlock, json::array(), 2, 100),
-        partition("uboot-nor", "nor", "0x00100000", "0x10000", json::array({"physmap"}), 700, 5000),
+        nand_partition("nand_boot", "0x00100000"),
+        nand_partition("uboot_env", "0x00100000"),
+        nand_partition("kernel", "0x00800000"),
+        nand_partition("rootfs", "0x04000000"),
+        nand_partition("backup", "0x02000000"),
+        nand_partition("ubi_data", "0x19600000"),
+        partition("uboot-nor", "nor", "0x00100000", "0x10000", json::array({"physmap"}),
+                  {.erase_ms = 700, .write_ns_per_byte = 5000}),
         partition("uboot-spi", "nor", "0x00100000", "0x10000",
-                  json::array({"vq71206_spi", "m25p80"}), 400, 3000),
+                  json::array({"vq71206_spi", "m25p80"}),
+                  {.erase_ms = 400, .write_ns_per_byte = 3000}),
     });
 }
 
