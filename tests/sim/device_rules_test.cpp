@@ -362,6 +362,7 @@ TEST_F(DeviceRules, NandReadsReportEccOnlyInTheCounts) {
     change_config([&](json &c) {
         for (const auto &row : cases)
             c["faults"].push_back(row.fault);
+        c["mtd"][1]["bad_blocks"] = {5}; // counted too, away from the blocks read
     });
     std::filesystem::create_directories(dir_ / "mtd");
     std::ofstream(dir_ / "mtd/uboot_env.bin") << std::string(0x40000, 'p');
@@ -375,6 +376,7 @@ TEST_F(DeviceRules, NandReadsReportEccOnlyInTheCounts) {
         ASSERT_EQ(ioctl(nand, ECCGETSTATS, &stats), 0);
         EXPECT_EQ(stats.corrected, c.corrected) << c.what;
         EXPECT_EQ(stats.failed, c.failed) << c.what;
+        EXPECT_EQ(stats.badblocks, 1u) << c.what;
         if (c.err == 0) {
             EXPECT_EQ(std::string(page, sizeof page) == std::string(2048, 'p'), c.intact) << c.what;
         }
