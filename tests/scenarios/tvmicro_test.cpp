@@ -61,14 +61,21 @@ protected:
         return bank_data[bank] + std::string(kBankSize - bank_data[bank].size(), '\xff');
     }
 
-    // The checksum line after a bank's data was written, with the microcontroller's sum off by
-    // delta.
-    std::string checksums(int bank, unsigned delta = 0) const {
+    // The sum of a bank's bytes after its data was written.
+    unsigned bank_sum(int bank) const {
         unsigned sum = 0;
         for (char c : programmed(bank))
             sum += static_cast<uint8_t>(c);
+        return sum;
+    }
+    static std::string checksum_line(unsigned calculated, unsigned read) {
         return format("Checksum information : Calculated = 0x%.4X , Read from TV micro = 0x%.4X\n",
-                      sum & 0xFFFF, (sum + delta) & 0xFFFF);
+                      calculated & 0xFFFF, read & 0xFFFF);
+    }
+    // The checksum line after a bank's data was written, with the microcontroller's sum off by
+    // delta.
+    std::string checksums(int bank, unsigned delta = 0) const {
+        return checksum_line(bank_sum(bank), bank_sum(bank) + delta);
     }
 
     // The firmware update's output on M1: these lines after "Read data from ...", then the
@@ -127,7 +134,6 @@ TEST_F(Microcontroller, FirmwareThatIsNotConfirmedIsNotClosed) {
     std::string refused_ten_times;
     for (int t = 0; t < 10; ++t)
         refused_ten_times += "Uart Ack  ERROR: buf[3]=0x31, buf[4]=0x0 ,ret= 0x0  \n";
-    const std::string bank_sum = checksums(2);
     struct Case {
         const char *what;
         std::string data;
@@ -144,13 +150,13 @@ TEST_F(Microcontroller, FirmwareThatIsNotConfirmedIsNotClosed) {
          "1 0"},
         // 98304 bytes adding up to 0xFFFF: the value a failed query gives
         {"both sums 0xFFFF", std::string(128, '\0') + "\x7E", json::array(), json::object(),
-         "Checksum information : Calculated = 0xFFFF , Read from TV micro = 0xFFFF\n", "1 0"},
+         checksum_line(0xFFFF, 0xFFFF), "1 0"},
         // A flash that settles 100 ms after the fixed wait answers none of the query's tries.
         {"still settling",
          bank_data[2],
          json::array(),
          {{"checksum_settle_ms", 3100}},
-         refused_ten_times + bank_sum.substr(0, bank_sum.size() - 7) + "0xFFFF\n",
+         refused_ten_times + checksum_line(bank_sum(2), 0xFFFF),
          "10 0"},
     };
     for (const Case &c : cases) {
