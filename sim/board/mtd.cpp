@@ -577,10 +577,14 @@ json default_mtd_config() {
 
 std::vector<std::string> mtd_driver_modules(const json &mtd_config) {
     std::vector<std::string> modules;
-    for (size_t i = 0; mtd_config.is_array() && i < mtd_config.size(); ++i) {
-        const json &drivers = member(mtd_config[i], "drivers");
-        for (size_t j = 0; drivers.is_array() && j < drivers.size(); ++j) {
-            std::string file = drivers[j].get<std::string>() + ".ko";
+    if (!mtd_config.is_array())
+        return modules;
+    for (const json &partition : mtd_config) {
+        const json &drivers = member(partition, "drivers");
+        if (!drivers.is_array())
+            continue;
+        for (const json &driver : drivers) {
+            std::string file = driver.get<std::string>() + ".ko";
             if (std::find(modules.begin(), modules.end(), file) == modules.end())
                 modules.push_back(file);
         }
