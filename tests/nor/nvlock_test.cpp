@@ -146,6 +146,12 @@ TEST_F(NorChipOnBoard, ProgramAndEraseAnswerWithStatusThenArray) {
     usleep(10);
     EXPECT_EQ((std::vector<int>{nor[0x20000], nor[0x20001]}), (std::vector<int>{0x34, 0x12}));
     EXPECT_EQ(*reinterpret_cast<volatile uint32_t *>(nor + 0x20000), 0xFFFF1234u);
+    // A byte stored at an odd address drives bits 15-8 of its word; bits 7-0 are driven low.
+    for (const auto &[at, value] : program)
+        cycle(at, value);
+    nor[0x20003] = 0x56;
+    usleep(10);
+    EXPECT_EQ(word(0x20002), 0x5600);
     unmap_regs();
 }
 
