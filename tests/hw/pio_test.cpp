@@ -6,6 +6,8 @@
 #include "support/board_fixture.h"
 
 #include <fcntl.h>
+#include <set>
+#include <string>
 
 using testsupport::fault;
 using testsupport::json;
@@ -67,6 +69,10 @@ TEST_F(PinsOnBoard, AnOutputReadsBackWhatWasWrittenUnlessDrivenFromOutside) {
         EXPECT_EQ(levels, (std::vector<int>{written, 1, 0}));
     }
     detach();
+    std::set<std::string> registers; // pin 23 is in bank 0, pins 70 and 71 in bank 2
+    for (const json &access : trace("reg"))
+        registers.insert(access.value("reg", ""));
+    EXPECT_EQ(registers, (std::set<std::string>{"GPIO0", "GPIO2"}));
 }
 
 TEST_F(PinsOnBoard, AWindowThatCannotBeMappedFailsThePinFunctions) {
