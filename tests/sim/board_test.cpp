@@ -261,12 +261,24 @@ TEST_F(BoardTest, AVolumeGetsTheLowestFreeNumberAndANameOfItsOwn) {
     for (const json &made : trace("ubimkvol"))
         ids.push_back(made["id"].get<int>());
     EXPECT_EQ(ids, (std::vector<int>{5, 6, 2}));
-    // A size is taken up to whole LEBs of 126976 bytes.
-    EXPECT_EQ(testsupport::printed([&] {
-                  ubi_make_volume(*board_, {node, "-n", "7", "-N", "fifth", "-s", "126977"});
-              }),
-              "Volume ID 7, size 2 LEBs (253952 bytes, 248.0 KiB), LEB size 126976 bytes (124.0 "
-              "KiB), dynamic, name \"fifth\", alignment 1\n");
+    // A size, in bytes or with a binary unit, is taken up to whole LEBs of 126976 bytes.
+    const struct {
+        const char *size;
+        const char *made;
+    } sizes[] = {
+        {"126977", "2 LEBs (253952 bytes, 248.0 KiB)"},
+        {"200KiB", "2 LEBs (253952 bytes, 248.0 KiB)"},
+        {"1MiB", "9 LEBs (1142784 bytes, 1.0 MiB)"},
+    };
+    for (const auto &[size, made] : sizes) {
+        EXPECT_EQ(testsupport::printed([&] {
+                      ubi_make_volume(*board_, {node, "-n", "7", "-N", "fifth", "-s", size});
+                      ubi_remove_volume(*board_, {node, "-n", "7"});
+                  }),
+                  std::string("Volume ID 7, size ") + made +
+                      ", LEB size 126976 bytes (124.0 KiB), dynamic, name \"fifth\", alignment 1\n")
+            << size;
+    }
 }
 
 // Device memory takes no unaligned access: the kernel's fix-up carries it out byte by byte,
