@@ -200,6 +200,13 @@ def check_svg(svg_path, rsvg, png_path):
     left, right = axis[0]
     check(all(abs(tx - (left + (right - left) * s / 6)) < 0.1 for s, (tx, _) in enumerate(ticks)),
           f"tick places {ticks}")
+    # No label is drawn over the plot: the names end left of it, the durations begin right of it.
+    texts = list(ET.parse(svg_path).getroot().iter("{http://www.w3.org/2000/svg}text"))
+    names = [float(t.get("x")) for t in texts if t.get("text-anchor") == "end"]
+    durations = [float(t.get("x")) for t in texts if "(own " in (t.text or "")]
+    check(len(names) == 4 and max(names) < left, f"name labels at {names}, plot from {left}")
+    check(len(durations) == 4 and min(durations) > right,
+          f"duration labels at {durations}, plot to {right}")
 
 
 def main():
