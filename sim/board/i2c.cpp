@@ -51,16 +51,12 @@ public:
           speed_hz_(number_from(member(settings(board), "speed_hz"), 100000)) {}
 
     ssize_t read(void *buf, size_t count) override {
-        count = count > kMaxMessageLength ? kMaxMessageLength : count;
-        Message message{client_, true, static_cast<uint8_t *>(buf), count};
-        return transfer(&message, 1) < 0 ? -1 : static_cast<ssize_t>(count);
+        return single_message(true, static_cast<uint8_t *>(buf), count);
     }
 
     ssize_t write(const void *buf, size_t count) override {
-        count = count > kMaxMessageLength ? kMaxMessageLength : count;
-        Message message{client_, false, const_cast<uint8_t *>(static_cast<const uint8_t *>(buf)),
-                        count};
-        return transfer(&message, 1) < 0 ? -1 : static_cast<ssize_t>(count);
+        return single_message(false, const_cast<uint8_t *>(static_cast<const uint8_t *>(buf)),
+                              count);
     }
 
     int ioctl(unsigned long request, uintptr_t arg) override {
@@ -218,6 +214,12 @@ private:
 
     void charge(size_t bytes) {
         board_.advance_ns(bytes * kBitsPerByte * kNsPerSecond / (speed_hz_ == 0 ? 1 : speed_hz_));
+    }
+
+    // A plain read or write of the bound address: one message, cut to i2c-dev's limit.
+    ssize_t single_message(bool read, uint8_t *bytes, size_t count) {
+        Message message{client_, read, bytes, std::min(count, kMaxMessageLength)};
+        return transfer(&message, 1) < 0 ? -1 : static_cast<ssize_t>(message.length);
     }
 
     // Runs the messages with repeated starts and one stop: the number of messages, or -1 with
