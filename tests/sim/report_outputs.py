@@ -90,7 +90,7 @@ def check_trace_json(path):
         if e["ph"] == "X":
             check(isinstance(e["dur"], (int, float)) and e["dur"] >= 0, f"dur of {e}")
         else:
-            check(e.get("s") in ("t", "p", "g"), f"instant scope of {e}")
+            check(e.get("s") in ("t", "p", "g") and "dur" not in e, f"instant {e}")
         slices.setdefault(e["tid"], []).append(e)
     # Slices on one track nest or follow each other, as viewers require of complete events.
     for tid, track in slices.items():
