@@ -81,8 +81,13 @@ TEST_F(FpgaEeproms, FaultsShowInOutputAndResult) {
         json fault;
         std::string lines; // of the output, before the failed type's line
         bool tr5_ok, tr6_ok;
-        bool configured = true; // FPGAs 1 and 2 configured from their ROMs
+        bool configured = true;    // FPGAs 1 and 2 configured from their ROMs
+        json pin_inputs = nullptr; // pins held from outside, whatever the tool drives
     };
+    std::string ten_timeouts;
+    for (int i = 0; i < 10; ++i)
+        ten_timeouts += "FPGA EEP Timeout ERROR!!\n";
+    ten_timeouts += "\r";
     for (const Case &c : {
              Case{fault("pll_never_locks", "fpga_tr5"),
                   "FPGA EEP ERROR! on checking FPGA PLL lock status(0x001c).\n", false, true},
@@ -95,10 +100,14 @@ TEST_F(FpgaEeproms, FaultsShowInOutputAndResult) {
              Case{fault("register_wrong_sum", "fpga_tr6", {{"delta", 0x10}}),
                   "FPGA EEP Checksum ERROR!\n\r", true, false},
              Case{json(), " Timeout Config Done!\n", false, false, false},
+             // Pin 95 held low from outside: the TR5 stores no block, however the tool drives it.
+             Case{json(), ten_timeouts, false, true, true, {{"95", 0}}},
          }) {
         const std::string expected = c.lines + "!!! Unable to update FPGA EEPROM data(TR" +
                                      (c.tr5_ok ? "6" : "5") + "). !!!\n";
         make_board(c.fault, c.configured);
+        if (!c.pin_inputs.is_null())
+            board.change_config([&](json &config) { config["soc"]["pin_inputs"] = c.pin_inputs; });
         RunResult r = board.tvupdate({"M1"});
         EXPECT_NE(r.output.find(expected), std::string::npos) << c.fault << "\n" << r.output;
         EXPECT_EQ(r.exit_status, 255) << c.fault;
