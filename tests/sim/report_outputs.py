@@ -164,13 +164,17 @@ def check_svg(svg_path, rsvg, png_path):
         fill = rect.get("fill", "")
         if fill.startswith("#") and len(fill) == 7:
             colours.setdefault(fill, tuple(int(fill[i:i + 2], 16) for i in (1, 3, 5)))
-    bars = {}
+    bars, fills = {}, {}
     for rect in ET.parse(svg_path).getroot().iter("{http://www.w3.org/2000/svg}rect"):
         title = rect.find("{http://www.w3.org/2000/svg}title")
         if title is not None:
-            bars[title.text.split(":")[0]] = tuple(float(rect.get(k)) for k in ("x", "y", "width",
-                                                                                "height"))
+            name = title.text.split(":")[0]
+            bars[name] = tuple(float(rect.get(k)) for k in ("x", "y", "width", "height"))
+            fills[name] = rect.get("fill")
     check(set(bars) == {"preparation", "Alpha & <Co>", "Beta", "closing"}, f"bars {set(bars)}")
+    # A component that took no time is grey; the others take the colour of the tool's own share.
+    check(fills == {"preparation": "#999999", "closing": "#999999", "Alpha & <Co>": "#f2a93b",
+                    "Beta": "#f2a93b"}, f"bar colours {fills}")
 
     def colour_at(bar, fraction):
         x, y, width, height = bars[bar]
