@@ -551,6 +551,11 @@ const json &member(const json &obj, std::string_view key) {
     return it != obj.end() ? *it : kNull;
 }
 
+const json &elements(const json &value) {
+    static const json kEmpty = json::array();
+    return value.is_array() ? value : kEmpty;
+}
+
 uint64_t number_from(const json &value, uint64_t fallback) {
     if (value.is_number_unsigned() || (value.is_number_integer() && value.get<int64_t>() >= 0))
         return value.get<uint64_t>();

@@ -222,6 +222,10 @@ std::string normal_path(std::string_view path);
 // obj[key], or a null value when obj is no object or has no such member.
 const json &member(const json &obj, std::string_view key);
 
+// value itself when it is an array, else an empty array: what a loop over a list that may be
+// absent walks.
+const json &elements(const json &value);
+
 // errno value for a name such as "EIO" (or a number in text); EIO when unknown.
 int errno_from_name(const json &value);
 

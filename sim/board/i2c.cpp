@@ -100,8 +100,8 @@ private:
 
     int status_request(uint32_t *status) {
         const json &without = member(settings(board_), "without_status_request");
-        for (size_t i = 0; without.is_array() && i < without.size(); ++i) {
-            if (without[i] == bus_)
+        for (const json &bus : elements(without)) {
+            if (bus == bus_)
                 return fail(ENOTTY);
         }
         *status = bus_state().get<uint32_t>();
@@ -381,13 +381,13 @@ json default_i2c_config() {
 
 bool create_i2c_files(const std::string &board_dir, const json &config) {
     const json &devices = member(config, "devices");
-    for (size_t i = 0; devices.is_array() && i < devices.size(); ++i) {
-        if (!devices[i].contains("file"))
+    for (const json &device : elements(devices)) {
+        if (!device.contains("file"))
             continue;
-        fs::path file = fs::path(board_dir) / devices[i]["file"].get<std::string>();
+        fs::path file = fs::path(board_dir) / device["file"].get<std::string>();
         std::error_code ec;
         fs::create_directories(file.parent_path(), ec);
-        if (!write_file(file.string(), std::string(eeprom_size(devices[i]), '\xff')))
+        if (!write_file(file.string(), std::string(eeprom_size(device), '\xff')))
             return false;
     }
     return true;

@@ -537,8 +537,7 @@ const RegisterMap *register_map(std::string_view model) {
 std::vector<std::unique_ptr<I2cDevice>> i2c_devices_on(Board &board, int bus) {
     std::vector<std::unique_ptr<I2cDevice>> devices;
     const json &list = member(member(board.config(), "i2c"), "devices");
-    for (size_t i = 0; list.is_array() && i < list.size(); ++i) {
-        const json &config = list[i];
+    for (const json &config : elements(list)) {
         if (number_from(member(config, "bus"), 0xFF) != static_cast<uint64_t>(bus))
             continue;
         std::string model = config.value("model", "");

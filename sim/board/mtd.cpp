@@ -74,9 +74,8 @@ Partition partition_from(const Board &board, const json &entry, size_t index) {
 }
 
 bool drivers_loaded(Board &board, const json &entry) {
-    const json &drivers = member(entry, "drivers");
-    for (size_t i = 0; drivers.is_array() && i < drivers.size(); ++i) {
-        if (!module_loaded(board, drivers[i].get<std::string>()))
+    for (const json &driver : elements(member(entry, "drivers"))) {
+        if (!module_loaded(board, driver.get<std::string>()))
             return false;
     }
     return true;
@@ -311,8 +310,8 @@ private:
     bool block_is_bad(uint64_t block) {
         const json &marked = member(member(board_.state(), "nand_bad_blocks"), p_.name);
         for (const json *list : {static_cast<const json *>(&p_.factory_bad), &marked}) {
-            for (size_t i = 0; list->is_array() && i < list->size(); ++i) {
-                if (number_from((*list)[i], ~uint64_t{0}) == block)
+            for (const json &bad : elements(*list)) {
+                if (number_from(bad, ~uint64_t{0}) == block)
                     return true;
             }
         }
@@ -577,13 +576,8 @@ json default_mtd_config() {
 
 std::vector<std::string> mtd_driver_modules(const json &mtd_config) {
     std::vector<std::string> modules;
-    if (!mtd_config.is_array())
-        return modules;
-    for (const json &partition : mtd_config) {
-        const json &drivers = member(partition, "drivers");
-        if (!drivers.is_array())
-            continue;
-        for (const json &driver : drivers) {
+    for (const json &partition : elements(mtd_config)) {
+        for (const json &driver : elements(member(partition, "drivers"))) {
             std::string file = driver.get<std::string>() + ".ko";
             if (std::find(modules.begin(), modules.end(), file) == modules.end())
                 modules.push_back(file);
