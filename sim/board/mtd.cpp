@@ -30,6 +30,7 @@ constexpr uint32_t kOobSize = 64;
 constexpr uint32_t kEccPos = 40;
 constexpr uint32_t kEccBytes = 24;
 constexpr uint32_t kEccStep = 256; // three ECC bytes per step
+static_assert(kEccPos + kEccBytes == kOobSize && kEccBytes % 3 == 0, "ECC ends the OOB area");
 constexpr uint32_t kMaxOobRequest = 4096;
 
 // Board time per erase block and per byte written, where board.json gives none.
