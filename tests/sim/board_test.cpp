@@ -1,5 +1,5 @@
 // The simulator's board: how mounts fail, how shell commands are rewritten and checked,
-// and how register accesses arrive.
+// how register accesses arrive and how output is traced.
 #include "board/create.h"
 #include "board/device.h"
 #include "board/ubi.h"
@@ -279,6 +279,21 @@ TEST_F(BoardTest, AVolumeGetsTheLowestFreeNumberAndANameOfItsOwn) {
                       ", LEB size 126976 bytes (124.0 KiB), dynamic, name \"fifth\", alignment 1\n")
             << size;
     }
+}
+
+// A piece of a line held back on one stream is traced on its own when the other stream prints:
+// the trace keeps each stream's text apart, as the screen showed it in turn.
+TEST_F(BoardTest, OutputOfTwoStreamsIsTracedApart) {
+    board_->output(1, "Start writing", false);
+    board_->output(1, ", please wait... ", false);
+    board_->output(2, "failed", true);
+    board_->output(1, "done", true);
+    std::vector<json> printed;
+    for (const json &e : trace("output"))
+        printed.push_back({e["fd"], e["text"], e["line_end"]});
+    EXPECT_EQ(printed, (std::vector<json>{{1, "Start writing, please wait... ", false},
+                                          {2, "failed", true},
+                                          {1, "done", true}}));
 }
 
 // Device memory takes no unaligned access: the kernel's fix-up carries it out byte by byte,
