@@ -421,18 +421,26 @@ TEST_F(DeviceRules, OutOfBandRequestsStayWithinTheirAreas) {
     std::string areas = std::string(2, '\xff') + "tag!" + std::string(58, '\xff') +
                         std::string(2, '\0') + std::string(62, '\xff');
     EXPECT_TRUE(std::string(bytes.begin(), bytes.begin() + 128) == areas);
-    // A write of pages 1 and 2 programs the ECC of each (bytes 40-63) into its own page's area.
-    const std::string pages(2 * info.writesize, 'e');
+    // A write of pages 1 to 3 programs the ECC of each (bytes 40-63) into its own page's area.
+    // Page 3 differs from the others only in the last byte of each 256-byte step, and each
+    // step's three ECC bytes tell it.
+    std::string pages(3 * info.writesize, 'e');
+    for (size_t at = 3 * info.writesize - 1; at > 2 * info.writesize; at -= 256)
+        pages[at] = 'f';
     ASSERT_EQ(lseek(nand, info.writesize, SEEK_SET), info.writesize);
     ASSERT_EQ(write(nand, pages.data(), pages.size()), ssize_t(pages.size()));
-    mtd_oob_buf request{0, 3 * 64, bytes.data()};
+    mtd_oob_buf request{0, 4 * 64, bytes.data()};
     ASSERT_EQ(ioctl(nand, MEMREADOOB, &request), 0);
-    const std::string page0(bytes.begin(), bytes.begin() + 64);
-    const std::string ecc1(bytes.begin() + 64 + 40, bytes.begin() + 128);
-    const std::string ecc2(bytes.begin() + 128 + 40, bytes.begin() + 192);
-    EXPECT_EQ(page0, std::string(64, '\xff'));
-    EXPECT_NE(ecc1, std::string(24, '\xff'));
-    EXPECT_EQ(ecc2, ecc1);
+    auto ecc_of = [&](size_t page, size_t step) {
+        return std::string(bytes.begin() + 64 * page + 40 + 3 * step,
+                           bytes.begin() + 64 * page + 43 + 3 * step);
+    };
+    EXPECT_EQ(std::string(bytes.begin(), bytes.begin() + 64), std::string(64, '\xff')); // page 0
+    for (size_t step = 0; step < 8; ++step) {
+        EXPECT_NE(ecc_of(1, step), std::string(3, '\xff')) << step;
+        EXPECT_EQ(ecc_of(2, step), ecc_of(1, step)) << step;
+        EXPECT_NE(ecc_of(3, step), ecc_of(1, step)) << step;
+    }
     close(nand);
 }
 
