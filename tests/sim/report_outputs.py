@@ -229,6 +229,10 @@ def main():
     missing = subprocess.run([tvsim, "--board", work, "report", "--svg", work + "/no/such.svg"],
                              capture_output=True, text=True)
     check(missing.returncode == 1 and "cannot write" in missing.stderr, "an unwritable file")
+    with open(os.path.join(work, "trace.jsonl"), "w") as f:
+        f.write(json.dumps(LAST_RUN[-1]) + "\n")  # an event, but no program started
+    no_run = subprocess.run([tvsim, "--board", work, "report"], capture_output=True, text=True)
+    check(no_run.returncode == 1 and "no run in" in no_run.stderr, "a trace without a run")
     for failure in failures:
         print("FAIL:", failure)
     return 1 if failures else 0
