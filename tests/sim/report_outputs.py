@@ -159,18 +159,17 @@ def png_pixels(path):
 def check_svg(svg_path, rsvg, png_path):
     subprocess.run([rsvg, svg_path, "-o", png_path], check=True)
     pixel = png_pixels(png_path)
-    colours = {}
-    for rect in ET.parse(svg_path).getroot().iter("{http://www.w3.org/2000/svg}rect"):
+    svg = ET.parse(svg_path).getroot()
+    colours, bars, fills = {}, {}, {}
+    for rect in svg.iter("{http://www.w3.org/2000/svg}rect"):
         fill = rect.get("fill", "")
         if fill.startswith("#") and len(fill) == 7:
             colours.setdefault(fill, tuple(int(fill[i:i + 2], 16) for i in (1, 3, 5)))
-    bars, fills = {}, {}
-    for rect in ET.parse(svg_path).getroot().iter("{http://www.w3.org/2000/svg}rect"):
         title = rect.find("{http://www.w3.org/2000/svg}title")
         if title is not None:
             name = title.text.split(":")[0]
             bars[name] = tuple(float(rect.get(k)) for k in ("x", "y", "width", "height"))
-            fills[name] = rect.get("fill")
+            fills[name] = fill
     check(set(bars) == {"preparation", "Alpha & <Co>", "Beta", "closing"}, f"bars {set(bars)}")
     # A component that took no time is grey; the others take the colour of the tool's own share.
     check(fills == {"preparation": "#999999", "closing": "#999999", "Alpha & <Co>": "#f2a93b",
@@ -191,21 +190,19 @@ def check_svg(svg_path, rsvg, png_path):
     check(pixel(int(x + width * 0.3), int(y - 3)) == (255, 255, 255), "space between the rows")
     # The time axis runs from the run's start (Alpha's left edge) to its end (Beta's right edge).
     axis = [(float(line.get("x1")), float(line.get("x2")))
-            for line in ET.parse(svg_path).getroot().iter("{http://www.w3.org/2000/svg}line")
+            for line in svg.iter("{http://www.w3.org/2000/svg}line")
             if line.get("stroke") == "#555555"]
     check(len(axis) == 1 and abs(axis[0][0] - bars["Alpha & <Co>"][0]) < 0.1 and
           abs(axis[0][1] - (x + width)) < 0.1, f"time axis {axis}")
     # Its ticks: a whole second apart for the 6-second run, from its start to its end, each where
     # its time falls on the axis.
-    ticks = [(float(t.get("x")), t.text)
-             for t in ET.parse(svg_path).getroot().iter("{http://www.w3.org/2000/svg}text")
-             if t.get("text-anchor") == "middle"]
+    texts = list(svg.iter("{http://www.w3.org/2000/svg}text"))
+    ticks = [(float(t.get("x")), t.text) for t in texts if t.get("text-anchor") == "middle"]
     check([label for _, label in ticks] == [f"{s} s" for s in range(7)], f"tick labels {ticks}")
     left, right = axis[0]
     check(all(abs(tx - (left + (right - left) * s / 6)) < 0.1 for s, (tx, _) in enumerate(ticks)),
           f"tick places {ticks}")
     # No label is drawn over the plot: the names end left of it, the durations begin right of it.
-    texts = list(ET.parse(svg_path).getroot().iter("{http://www.w3.org/2000/svg}text"))
     names = [float(t.get("x")) for t in texts if t.get("text-anchor") == "end"]
     durations = [float(t.get("x")) for t in texts if "(own " in (t.text or "")]
     check(len(names) == 4 and max(names) < left, f"name labels at {names}, plot from {left}")
