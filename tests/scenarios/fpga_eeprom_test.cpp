@@ -84,10 +84,7 @@ TEST_F(FpgaEeproms, FaultsShowInOutputAndResult) {
         bool configured = true;    // FPGAs 1 and 2 configured from their ROMs
         json pin_inputs = nullptr; // pins held from outside, whatever the tool drives
     };
-    std::string ten_timeouts;
-    for (int i = 0; i < 10; ++i)
-        ten_timeouts += "FPGA EEP Timeout ERROR!!\n";
-    ten_timeouts += "\r";
+    const std::string ten_timeouts = repeated("FPGA EEP Timeout ERROR!!\n", 10) + "\r";
     for (const Case &c : {
              Case{fault("pll_never_locks", "fpga_tr5"),
                   "FPGA EEP ERROR! on checking FPGA PLL lock status(0x001c).\n", false, true},

@@ -261,6 +261,13 @@ std::string format(const char *fmt, unsigned a, unsigned b) {
     return text;
 }
 
+std::string repeated(const std::string &text, size_t times) {
+    std::string all;
+    for (size_t i = 0; i < times; ++i)
+        all += text;
+    return all;
+}
+
 std::string pattern(size_t length, unsigned seed) {
     std::string bytes(length, '\0');
     for (size_t i = 0; i < length; ++i) {

@@ -121,6 +121,9 @@ void expect_run(const RunResult &run, int exit_status, const std::string &output
 // The text printf makes of fmt with up to two unsigned values.
 std::string format(const char *fmt, unsigned a, unsigned b = 0);
 
+// text, times over.
+std::string repeated(const std::string &text, size_t times);
+
 // length bytes of a repeatable pseudo-random pattern.
 std::string pattern(size_t length, unsigned seed);
 

@@ -131,9 +131,8 @@ TEST_F(Microcontroller, FirmwareGoesToTheBankThatIsNotRunningAndIsChecked) {
 // image; without it writing mode stays open.
 TEST_F(Microcontroller, FirmwareThatIsNotConfirmedIsNotClosed) {
     // Ten queries refused while the flash settles; a sum of 0xFFFF follows them.
-    std::string refused_ten_times;
-    for (int t = 0; t < 10; ++t)
-        refused_ten_times += "Uart Ack  ERROR: buf[3]=0x31, buf[4]=0x0 ,ret= 0x0  \n";
+    const std::string refused_ten_times =
+        repeated("Uart Ack  ERROR: buf[3]=0x31, buf[4]=0x0 ,ret= 0x0  \n", 10);
     struct Case {
         const char *what;
         std::string data;
