@@ -544,8 +544,17 @@ TEST(SimulatorCommandLine, TakesOnlyTheCommandsAndOptionsItCanRead) {
     std::ifstream config(made / "board.json");
     EXPECT_EQ(json::parse(config)["spi"]["seed"], 7);
     // On that board, a command without the words it needs, or with more, is a usage error too.
-    for (const char *command : {"", "standin", "reboot now", "--", "--preload", "restart"})
-        EXPECT_EQ(exit_status("--board " + made.string() + " " + command), 2) << command;
+    // A stand-in named alone runs and judges its own missing words; one that is not there is
+    // a program not found.
+    const struct {
+        const char *command;
+        int status;
+    } commands[] = {
+        {"", 2},          {"standin", 2}, {"reboot now", 2},    {"--", 2},
+        {"--preload", 2}, {"restart", 2}, {"standin rmmod", 1}, {"standin lsmod", 127},
+    };
+    for (const auto &c : commands)
+        EXPECT_EQ(exit_status("--board " + made.string() + " " + c.command), c.status) << c.command;
     fs::remove_all(made);
 }
 
