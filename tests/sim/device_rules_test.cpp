@@ -124,6 +124,8 @@ TEST_F(DeviceRules, DeviceOpensEndWithEmfileAtTheProcessLimit) {
     int again = open("/dev/i2c-0", O_RDWR); // descriptors closed are free again
     EXPECT_GE(again, 0);
     close(again);
+    // No device lies at or past the limit, where only the board's own descriptors are.
+    EXPECT_EQ(ioctl(static_cast<int>(limit.rlim_cur), I2C_SLAVE, 0x50), -1);
 }
 
 TEST_F(DeviceRules, MtdDescriptorsDoOnlyWhatTheirOpenModeAllows) {
