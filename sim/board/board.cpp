@@ -122,6 +122,10 @@ std::unique_ptr<Board> Board::load(const std::string &dir, std::string *error) {
         return nullptr;
     board->trace_fd_ =
         ::open(board->file("trace.jsonl").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    if (board->trace_fd_ < 0) {
+        *error = "trace.jsonl in " + board->dir_ + " cannot be written: " + strerror(errno);
+        return nullptr;
+    }
     return board;
 }
 
@@ -155,7 +159,7 @@ bool Board::read_files(std::string *error) {
 }
 
 void Board::keep_descriptors_from(int lowest) {
-    if (trace_fd_ < 0 || trace_fd_ >= lowest)
+    if (trace_fd_ >= lowest)
         return;
     int moved = fcntl(trace_fd_, F_DUPFD_CLOEXEC, lowest);
     if (moved < 0)
@@ -327,8 +331,6 @@ std::string Board::event_head(std::string_view kind) {
 }
 
 void Board::trace(std::string_view kind, std::initializer_list<TraceField> fields) {
-    if (trace_fd_ < 0)
-        return;
     std::string line = event_head(kind);
     for (const TraceField &field : fields)
         field.append_to(line);
@@ -336,8 +338,6 @@ void Board::trace(std::string_view kind, std::initializer_list<TraceField> field
 }
 
 void Board::trace(std::string_view kind, const json &fields) {
-    if (trace_fd_ < 0)
-        return;
     std::string line = event_head(kind);
     for (const auto &[name, value] : fields.items())
         TraceField(name, value).append_to(line);
@@ -345,8 +345,6 @@ void Board::trace(std::string_view kind, const json &fields) {
 }
 
 void Board::output(int fd, std::string_view text, bool line_end) {
-    if (trace_fd_ < 0)
-        return;
     if (held_output_.fd != fd)
         write_held_output(false);
     if (held_output_.fd < 0) {

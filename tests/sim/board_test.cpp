@@ -53,6 +53,13 @@ TEST_F(BoardTest, ABoardItCannotReadIsNotLoaded) {
         std::ofstream(dir_ / "board.json") << board;
         std::filesystem::remove(dir_ / "state.json");
     }
+    // A board whose trace cannot be written is not loaded either: a run would leave no record.
+    std::filesystem::remove(dir_ / "trace.jsonl");
+    std::filesystem::create_directory(dir_ / "trace.jsonl");
+    std::string error;
+    EXPECT_EQ(Board::load(dir_.string(), &error), nullptr);
+    EXPECT_EQ(error, "trace.jsonl in " + dir_.string() + " cannot be written: Is a directory");
+    std::filesystem::remove(dir_ / "trace.jsonl");
     EXPECT_NE(load_board(), nullptr); // the board as made loads
 }
 
