@@ -520,9 +520,9 @@ void config_rom_pin_changed(Board &board, int pin, int level) {
     }
 }
 
-int config_rom_pin_input(Board &board, int pin) {
+std::optional<int> config_rom_pin_input(Board &board, int pin) {
     if (!spi_settings(board).present)
-        return -1;
+        return std::nullopt;
     for (int n = 0; n < kConfigRomCount; ++n) {
         if (pin != kDonePins[n])
             continue;
@@ -533,7 +533,7 @@ int config_rom_pin_input(Board &board, int pin) {
                    ? 1
                    : 0;
     }
-    return -1;
+    return std::nullopt;
 }
 
 bool config_rom_pin_powers_on_high(Board &board, int pin) {

@@ -21,6 +21,8 @@
 #include "board/board.h"
 #include "board/device.h"
 
+#include <optional>
+
 namespace tvsim {
 
 inline constexpr int kConfigRomCount = 3;
@@ -32,8 +34,8 @@ void refresh_misc_file(Board &board);
 
 // Pin wiring: the access, reset and configuration-done lines.
 void config_rom_pin_changed(Board &board, int pin, int level);
-// The level the FPGAs drive on a pin, or -1 when they drive none.
-int config_rom_pin_input(Board &board, int pin);
+// The level the FPGAs drive on a pin, or none when they drive none.
+std::optional<int> config_rom_pin_input(Board &board, int pin);
 // Whether pin comes up high at power-on: the access lines come up idle, the resets high.
 bool config_rom_pin_powers_on_high(Board &board, int pin);
 // At power-on each FPGA loads from what its ROM holds then (into soc, the SoC's new volatile

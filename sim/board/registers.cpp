@@ -3,6 +3,7 @@
 #include "board/config_roms.h"
 
 #include <cstdio>
+#include <optional>
 
 namespace tvsim {
 
@@ -15,7 +16,7 @@ constexpr int kPinsPerBank = 32;
 // the level the board holds an output at from power-on, and to set up their own power-on state.
 struct PinWiring {
     void (*output_changed)(Board &, int pin, int level);
-    int (*input_level)(Board &, int pin);     // -1 when the model drives no level on the pin
+    std::optional<int> (*input_level)(Board &, int pin); // none when the model drives no level
     bool (*powers_on_high)(Board &, int pin); // whether the model holds the pin high at power-on
     void (*power_on)(Board &, json &soc);
 };
@@ -24,12 +25,12 @@ constexpr PinWiring kPinWiring[] = {{.output_changed = config_rom_pin_changed,
                                      .powers_on_high = config_rom_pin_powers_on_high,
                                      .power_on = config_rom_power_on}};
 
-int bank_at(uint32_t address) {
+std::optional<int> bank_at(uint32_t address) {
     for (int bank = 0; bank < kBanks; ++bank) {
         if (kGpioBankRegisters[bank] == address)
             return bank;
     }
-    return -1;
+    return std::nullopt;
 }
 
 uint32_t output_latch(Board &board, int bank) {
@@ -58,18 +59,18 @@ uint32_t power_on_latch(Board &board, int bank) {
     return latch;
 }
 
-// The level a pin is driven to from outside (board.json before the wired models), or -1 when
+// The level a pin is driven to from outside (board.json before the wired models), or none when
 // nothing drives it.
-int input_level(Board &board, int pin) {
+std::optional<int> input_level(Board &board, int pin) {
     const json &level =
         member(member(member(board.config(), "soc"), "pin_inputs"), std::to_string(pin));
     if (!level.is_null())
         return number_from(level, 0) != 0 ? 1 : 0;
     for (const PinWiring &wiring : kPinWiring) {
-        if (int driven = wiring.input_level(board, pin); driven >= 0)
+        if (std::optional<int> driven = wiring.input_level(board, pin))
             return driven;
     }
-    return -1;
+    return std::nullopt;
 }
 
 // The pins of a bank that are driven from outside, and their levels.
@@ -77,10 +78,9 @@ void bank_inputs(Board &board, int bank, uint32_t *mask, uint32_t *levels) {
     *mask = 0;
     *levels = 0;
     for (int bit = 0; bit < kPinsPerBank; ++bit) {
-        int level = input_level(board, bank * kPinsPerBank + bit);
-        if (level >= 0) {
+        if (std::optional<int> level = input_level(board, bank * kPinsPerBank + bit)) {
             *mask |= 1u << bit;
-            *levels |= static_cast<uint32_t>(level) << bit;
+            *levels |= static_cast<uint32_t>(*level) << bit;
         }
     }
 }
@@ -102,10 +102,10 @@ protected:
             return static_cast<uint32_t>(number_from(member(soc, "revision"), 0));
         if (address == kBootConfigRegister)
             return static_cast<uint32_t>(number_from(member(soc, "boot_config"), 0));
-        if (int bank = bank_at(address); bank >= 0) {
+        if (std::optional<int> bank = bank_at(address)) {
             uint32_t mask, levels;
-            bank_inputs(board_, bank, &mask, &levels);
-            return (output_latch(board_, bank) & ~mask) | levels;
+            bank_inputs(board_, *bank, &mask, &levels);
+            return (output_latch(board_, *bank) & ~mask) | levels;
         }
         return static_cast<uint32_t>(
             number_from(member(member(soc_state(board_), "registers"), address_key(address)), 0));
@@ -114,19 +114,19 @@ protected:
     void store(uint32_t address, uint32_t value) override {
         if (address == kRevisionRegister || address == kBootConfigRegister)
             return; // read-only
-        int bank = bank_at(address);
-        if (bank < 0) {
+        std::optional<int> bank = bank_at(address);
+        if (!bank) {
             soc_state(board_)["registers"][address_key(address)] = value;
             return;
         }
         uint32_t inputs, levels;
-        bank_inputs(board_, bank, &inputs, &levels);
-        uint32_t changed = (output_latch(board_, bank) ^ value) & ~inputs; // outputs only
-        set_output_latch(board_, bank, value);
+        bank_inputs(board_, *bank, &inputs, &levels);
+        uint32_t changed = (output_latch(board_, *bank) ^ value) & ~inputs; // outputs only
+        set_output_latch(board_, *bank, value);
         for (int bit = 0; bit < kPinsPerBank; ++bit) {
             if (((changed >> bit) & 1) == 0)
                 continue;
-            int pin = bank * kPinsPerBank + bit;
+            int pin = *bank * kPinsPerBank + bit;
             int level = static_cast<int>((value >> bit) & 1);
             board_.trace("pin", {{"pin", pin}, {"level", level}});
             for (const PinWiring &wiring : kPinWiring)
@@ -139,8 +139,8 @@ protected:
             return "REVID";
         if (address == kBootConfigRegister)
             return "CCFG";
-        if (int bank = bank_at(address); bank >= 0)
-            return "GPIO" + std::to_string(bank);
+        if (std::optional<int> bank = bank_at(address))
+            return "GPIO" + std::to_string(*bank);
         return "";
     }
 };
@@ -166,8 +166,8 @@ std::unique_ptr<RegisterSpace> soc_registers(Board &board, const SocWindow &wind
 int pin_level(Board &board, int pin) {
     if (pin < 0 || pin >= kBanks * kPinsPerBank)
         return 0;
-    if (int level = input_level(board, pin); level >= 0)
-        return level;
+    if (std::optional<int> level = input_level(board, pin))
+        return *level;
     return static_cast<int>((output_latch(board, pin / kPinsPerBank) >> (pin % kPinsPerBank)) & 1);
 }
 
