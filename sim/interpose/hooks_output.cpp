@@ -107,7 +107,8 @@ ssize_t print_piece(void *cookie, const char *bytes, size_t count) {
     if (hook.active())
         record_output(hook.board(), fd, bytes, count);
     hook.restore_errno();
-    return buffer_piece(fd, bytes, count) ? static_cast<ssize_t>(count) : -1;
+    // The C library takes a failed write as 0 bytes written; it must never see a negative count.
+    return buffer_piece(fd, bytes, count) ? static_cast<ssize_t>(count) : 0;
 }
 
 // An unbuffered stream on fd that hands every piece to print_piece, with fd's buffer set up as
