@@ -257,14 +257,21 @@ TEST_F(I2cOnBoard, HdmiEepromPagesAndHalves) {
     // Writes of 8, 16 and 16 bytes after the word address, then the two reads.
     EXPECT_EQ(acked(), (std::vector<std::string>{"9", "17", "17", "1", "1"}));
     // An SMBus word read (as i2cget's "w" makes it) takes its command byte as the word address
-    // and returns the first byte as the word's low byte.
+    // and returns the first byte as the word's low byte; an I2C block read (i2cdump's "i")
+    // returns its count, then the bytes.
     int bus = open("/dev/i2c-1", O_RDWR);
     i2c_smbus_data word{};
     i2c_smbus_ioctl_data read_word{I2C_SMBUS_READ, 0xF8, I2C_SMBUS_WORD_DATA, &word};
+    i2c_smbus_data block{};
+    block.block[0] = 3;
+    i2c_smbus_ioctl_data read_block{I2C_SMBUS_READ, 0xF8, I2C_SMBUS_I2C_BLOCK_DATA, &block};
     EXPECT_EQ(ioctl(bus, I2C_SLAVE, 0x50), 0);
     EXPECT_EQ(ioctl(bus, I2C_SMBUS, &read_word), 0);
+    EXPECT_EQ(ioctl(bus, I2C_SMBUS, &read_block), 0);
     close(bus);
     EXPECT_EQ(word.word, 0x8180);
+    EXPECT_EQ(std::vector<uint8_t>(block.block, block.block + 5),
+              (std::vector<uint8_t>{3, 0x80, 0x81, 0x82, 0}));
 }
 
 // A KOLMA with its EEPROM cells counting up in threes from 0x0123, released and enabled.
