@@ -533,8 +533,8 @@ TEST(SimulatorCommandLine, TakesOnlyTheCommandsAndOptionsItCanRead) {
         const char *options;
         int status;
     } cases[] = {
-        {"--seed", 2}, {"--seed -1", 2},    {"--seed 12x", 2},
-        {"--usb", 2},  {"--colour red", 2}, {"--seed 7", 0},
+        {"--seed", 2}, {"--seed -1", 2},    {"--seed 12x", 2}, {"--usb", 2},
+        {"", 0},       {"--colour red", 2}, {"--seed 7", 0},
     };
     for (const auto &c : cases) {
         fs::remove_all(made);
@@ -555,6 +555,8 @@ TEST(SimulatorCommandLine, TakesOnlyTheCommandsAndOptionsItCanRead) {
     };
     for (const auto &c : commands)
         EXPECT_EQ(exit_status("--board " + made.string() + " " + c.command), c.status) << c.command;
+    // A command on a folder that holds no board fails (1), and is no usage error (2).
+    EXPECT_EQ(exit_status("--board " + (made / "fs").string() + " reboot"), 1);
     fs::remove_all(made);
 }
 
