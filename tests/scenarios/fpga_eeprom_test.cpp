@@ -97,6 +97,8 @@ TEST_F(FpgaEeproms, FaultsShowInOutputAndResult) {
              Case{fault("register_wrong_sum", "fpga_tr6", {{"delta", 0x10}}),
                   "FPGA EEP Checksum ERROR!\n\r", true, false},
              Case{json(), " Timeout Config Done!\n", false, false, false},
+             // Each type's interface is its own FPGA's: FPGA 2 unconfigured leaves the TR5.
+             Case{fault("config_done_never", "fpga2"), " Timeout Config Done!\n", true, false},
              // Pin 95 held low from outside: the TR5 stores no block, however the tool drives it.
              Case{json(), ten_timeouts, false, true, true, {{"95", 0}}},
          }) {
