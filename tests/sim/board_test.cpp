@@ -161,7 +161,8 @@ TEST_F(BoardTest, MountsFailAsTheKernelWould) {
     for (const Case &c : cases) {
         EXPECT_EQ(board_->mount(c.source, c.target, c.fstype, 0, c.data), c.err)
             << c.source << " " << (c.data != nullptr ? c.data : "");
-        board_->umount(c.target);
+        int unmounted = board_->umount(c.target);
+        EXPECT_TRUE(c.err != 0 || unmounted == 0) << c.target << " " << unmounted;
     }
     EXPECT_EQ(board_->umount("/mnt/flash/bitmap"), EINVAL);
     EXPECT_EQ(board_->umount("/mnt/nowhere"), ENOENT);
