@@ -195,11 +195,20 @@ public:
     }
 
     int64_t lseek(int64_t offset, int whence) override {
-        int64_t base = whence == SEEK_SET   ? 0
-                       : whence == SEEK_CUR ? static_cast<int64_t>(pos_)
-                       : whence == SEEK_END ? static_cast<int64_t>(p_.size)
-                                            : -1;
-        if (base < 0 || base + offset < 0 || static_cast<uint64_t>(base + offset) > p_.size)
+        int64_t base = 0;
+        switch (whence) {
+        case SEEK_SET:
+            break;
+        case SEEK_CUR:
+            base = static_cast<int64_t>(pos_);
+            break;
+        case SEEK_END:
+            base = static_cast<int64_t>(p_.size);
+            break;
+        default:
+            return fail(EINVAL);
+        }
+        if (base + offset < 0 || static_cast<uint64_t>(base + offset) > p_.size)
             return fail(EINVAL);
         pos_ = static_cast<uint64_t>(base + offset);
         return static_cast<int64_t>(pos_);

@@ -170,6 +170,10 @@ TEST_F(DeviceRules, MtdDescriptorsDoOnlyWhatTheirOpenModeAllows) {
         {"write that stores nothing", [&] { return write(read_write, page, sizeof page) != 0; }, 0},
         {"fortified read that fills its buffer",
          [&] { return __read_chk(read_only, page, sizeof page, sizeof page) < 0; }, 0},
+        {"seek to the end", [&] { return lseek(read_only, 0, SEEK_END) != info.size; }, 0},
+        {"seek past the end", [&] { return lseek(read_only, 1, SEEK_END) < 0; }, EINVAL},
+        {"seek before the start", [&] { return lseek(read_only, -1, SEEK_SET) < 0; }, EINVAL},
+        {"seek to a hole", [&] { return lseek(read_only, 0, SEEK_HOLE) < 0; }, EINVAL},
     };
     for (const auto &c : cases)
         EXPECT_EQ(error_of(c.fails()), c.err) << c.what;
