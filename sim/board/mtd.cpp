@@ -208,10 +208,11 @@ public:
         default:
             return fail(EINVAL);
         }
-        if (base + offset < 0 || static_cast<uint64_t>(base + offset) > p_.size)
+        int64_t to = base + offset;
+        if (to < 0 || to > static_cast<int64_t>(p_.size))
             return fail(EINVAL);
-        pos_ = static_cast<uint64_t>(base + offset);
-        return static_cast<int64_t>(pos_);
+        pos_ = static_cast<uint64_t>(to);
+        return to;
     }
 
     int ioctl(unsigned long request, uintptr_t arg) override {
