@@ -26,7 +26,7 @@ std::string component_name(const std::string &text) {
 void note_result(Component &c, const std::string &text) {
     if (text.find("!!! Unable") != std::string::npos)
         c.result = "failed";
-    else if (c.result == "-" && text.size() > 9 && text.ends_with("finished."))
+    else if (c.result == "-" && text.ends_with("finished."))
         c.result = "ok";
 }
 
