@@ -555,7 +555,9 @@ TEST(SimulatorCommandLine, TakesOnlyTheCommandsAndOptionsItCanRead) {
     };
     for (const auto &c : commands)
         EXPECT_EQ(exit_status("--board " + made.string() + " " + c.command), c.status) << c.command;
-    // A command on a folder that holds no board fails (1), and is no usage error (2).
+    // A board where none can be made, and a command on a folder that holds no board, fail (1)
+    // without being usage errors (2).
+    EXPECT_EQ(exit_status("new /proc/tvsim-board"), 1);
     EXPECT_EQ(exit_status("--board " + (made / "fs").string() + " reboot"), 1);
     fs::remove_all(made);
 }
