@@ -446,7 +446,7 @@ private:
         uint64_t page = start / p_.writesize;
         uint64_t pages = p_.size / p_.writesize;
         if (length > kMaxOobRequest || (skip != 0 && length > kOobSize - skip) || page >= pages ||
-            length + skip > (write ? kOobSize : (pages - page) * kOobSize))
+            length > (write ? kOobSize : (pages - page) * kOobSize))
             return fail(EINVAL);
         json event{{"mtd", p_.name}, {"offset", page * p_.writesize}, {"length", length}};
         if (write) {
