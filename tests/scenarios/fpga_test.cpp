@@ -226,6 +226,9 @@ TEST_F(ConfigRoms, FaultsStopTheRunWithTheirMessage) {
         EXPECT_TRUE(access_lines_idle());
         const std::vector<std::string> sent = commands();
         EXPECT_EQ(std::count(sent.begin(), sent.end(), "1:04") > 0, c.disables_writes);
+        if (c.disables_writes) { // and the chip took it
+            EXPECT_EQ(board.state()["soc"]["spi_rom0"].value("wel", true), false);
+        }
         for (auto [ns, expected] : {std::pair{1000000000L, c.erase_waits},
                                     {100000000L, c.done_waits},
                                     {5000000L, c.page_waits}}) {
