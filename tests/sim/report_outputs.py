@@ -189,9 +189,9 @@ def check_svg(svg_path, rsvg, png_path):
     x, y, width, height = bars["Beta"]
     check(pixel(int(x + width * 0.3), int(y - 3)) == (255, 255, 255), "space between the rows")
     # The time axis runs from the run's start (Alpha's left edge) to its end (Beta's right edge).
-    axis = [(float(line.get("x1")), float(line.get("x2")))
-            for line in svg.iter("{http://www.w3.org/2000/svg}line")
-            if line.get("stroke") == "#555555"]
+    axis_lines = [line for line in svg.iter("{http://www.w3.org/2000/svg}line")
+                  if line.get("stroke") == "#555555"]
+    axis = [(float(line.get("x1")), float(line.get("x2"))) for line in axis_lines]
     check(len(axis) == 1 and abs(axis[0][0] - bars["Alpha & <Co>"][0]) < 0.1 and
           abs(axis[0][1] - (x + width)) < 0.1, f"time axis {axis}")
     # Its ticks: a whole second apart for the 6-second run, from its start to its end, each where
@@ -199,6 +199,12 @@ def check_svg(svg_path, rsvg, png_path):
     texts = list(svg.iter("{http://www.w3.org/2000/svg}text"))
     ticks = [(float(t.get("x")), t.text) for t in texts if t.get("text-anchor") == "middle"]
     check([label for _, label in ticks] == [f"{s} s" for s in range(7)], f"tick labels {ticks}")
+    # The tick labels stand under the axis, itself under the bars.
+    axis_y = float(axis_lines[0].get("y1"))
+    lowest_bar = max(by + bh for _, by, _, bh in bars.values())
+    tick_ys = [float(t.get("y")) for t in texts if t.get("text-anchor") == "middle"]
+    check(axis_y >= lowest_bar and min(tick_ys) > axis_y,
+          f"tick labels at {tick_ys}, axis at {axis_y}, bars down to {lowest_bar}")
     left, right = axis[0]
     check(all(abs(tx - (left + (right - left) * s / 6)) < 0.1 for s, (tx, _) in enumerate(ticks)),
           f"tick places {ticks}")
