@@ -200,7 +200,7 @@ private:
     }
 
     int smbus_transfer(Message head, Message *tail) {
-        Message messages[2] = {head, tail != nullptr ? *tail : head};
+        Message messages[] = {head, tail != nullptr ? *tail : head};
         return transfer(messages, tail != nullptr ? 2 : 1) < 0 ? -1 : 0;
     }
 
