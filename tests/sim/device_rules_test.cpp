@@ -424,20 +424,22 @@ TEST_F(DeviceRules, OutOfBandRequestsStayWithinTheirAreas) {
     };
     for (const auto &c : cases) {
         mtd_oob_buf request{c.start, c.length, bytes.data()};
+        errno = 0;
         EXPECT_EQ(error_of(ioctl(nand, c.request, &request) != 0), c.err) << c.what;
     }
     std::string areas = std::string(2, '\xff') + "tag!" + std::string(58, '\xff') +
                         std::string(2, '\0') + std::string(62, '\xff');
     EXPECT_TRUE(std::string(bytes.begin(), bytes.begin() + 128) == areas);
-    // A write of pages 1 to 3 programs the ECC of each (bytes 40-63) into its own page's area.
-    // Page 3 differs from the others only in the last byte of each 256-byte step, and each
-    // step's three ECC bytes tell it.
-    std::string pages(3 * info.writesize, 'e');
+    // A write of pages 1 to 4 programs the ECC of each (bytes 40-63) into its own page's area.
+    // Page 3 differs from pages 1 and 2 only in the last byte of each 256-byte step, and each
+    // step's three ECC bytes tell it; page 4 only in a byte of step 3, which only step 3 tells.
+    std::string pages(4 * info.writesize, 'e');
     for (size_t at = 3 * info.writesize - 1; at > 2 * info.writesize; at -= 256)
         pages[at] = 'f';
+    pages[3 * info.writesize + 3 * 256 + 10] = 'f';
     ASSERT_EQ(lseek(nand, info.writesize, SEEK_SET), info.writesize);
     ASSERT_EQ(write(nand, pages.data(), pages.size()), ssize_t(pages.size()));
-    mtd_oob_buf request{0, 4 * 64, bytes.data()};
+    mtd_oob_buf request{0, 5 * 64, bytes.data()};
     ASSERT_EQ(ioctl(nand, MEMREADOOB, &request), 0);
     auto ecc_of = [&](size_t page, size_t step) {
         return std::string(bytes.begin() + 64 * page + 40 + 3 * step,
@@ -448,6 +450,7 @@ TEST_F(DeviceRules, OutOfBandRequestsStayWithinTheirAreas) {
         EXPECT_NE(ecc_of(1, step), std::string(3, '\xff')) << step;
         EXPECT_EQ(ecc_of(2, step), ecc_of(1, step)) << step;
         EXPECT_NE(ecc_of(3, step), ecc_of(1, step)) << step;
+        EXPECT_EQ(ecc_of(4, step) == ecc_of(1, step), step != 3) << step;
     }
     close(nand);
 }
