@@ -592,18 +592,19 @@ TEST_F(DeviceRules, TheGuardDogEndsWritingModeUnlessItIsStopped) {
                 stop_without_its_time = {0x3A, 0x04, 0x23, 0x00, 0x00, 0x61};
     struct Case {
         const char *what;
-        Frame guard_dog;  // empty: no guard-dog command
-        bool before;      // sent before writing mode is entered
-        unsigned seconds; // between entering writing mode and the erase
+        Frame guard_dog; // empty: no guard-dog command
+        bool before;     // sent before writing mode is entered
+        unsigned ms;     // between entering writing mode and the erase
         int erase;
     } cases[] = {
         // in this order: a reset brings back the power-up time, a stop lasts until a reset
-        {"never set: its power-up time", {}, false, 3, -1},
-        {"mode 1: 12 s", twelve_seconds, false, 12, -1},
-        {"mode 1, erased in time", twelve_seconds, false, 11, 0},
-        {"stopped", stop, false, 30, 0},
-        {"stopped before writing mode", stop, true, 3, -1},
-        {"a stop without the time byte 0x78 is refused", stop_without_its_time, false, 3, -1},
+        {"never set, erased in time", {}, false, 1900, 0},
+        {"never set: its power-up time of 2 s", {}, false, 2000, -1},
+        {"mode 1: 12 s", twelve_seconds, false, 12000, -1},
+        {"mode 1, erased in time", twelve_seconds, false, 11000, 0},
+        {"stopped", stop, false, 30000, 0},
+        {"stopped before writing mode", stop, true, 3000, -1},
+        {"a stop without the time byte 0x78 is refused", stop_without_its_time, false, 3000, -1},
     };
     int results[std::size(cases)];
     for (size_t i = 0; i < std::size(cases); ++i) {
@@ -620,7 +621,7 @@ TEST_F(DeviceRules, TheGuardDogEndsWritingModeUnlessItIsStopped) {
         tvm_SetFlashWritingMode(fd);
         if (!c.before)
             guard_dog();
-        sleep(c.seconds);
+        usleep(c.ms * 1000);
         results[i] = tvm_EraseFlash(fd, idle_bank);
         tvm_CloseWriteFlash(fd);
         close(fd);
