@@ -95,6 +95,7 @@ TEST_F(NorChipOnBoard, ProgramAndEraseAnswerWithStatusThenArray) {
          0},
         {"program the last sector", with(program, 0xF0000, 0x4321), {0xC0, 0x80}, 0x4321, 8},
         {"erase the sector before it", with(erase, 0xE0000, 0x30), {0x4C, 0x08}, 0xFFFF, 500000},
+        {"erase the first 8 KiB sector", with(erase, 0x4000, 0x30), {0x4C, 0x08}, 0xFFFF, 500000},
     };
     change_config([](json &c) {
         c["nor"]["protected"] = {4};            // 0x10000..0x1FFFF
@@ -121,9 +122,10 @@ TEST_F(NorChipOnBoard, ProgramAndEraseAnswerWithStatusThenArray) {
     }
     EXPECT_EQ(word(0xF0000), 0x4321); // an erase ends at its sector's end
     const std::vector<json> erases = trace("nor_erase");
-    ASSERT_EQ(erases.size(), 4u);
+    ASSERT_EQ(erases.size(), 5u);
     EXPECT_EQ(erases[2]["last"], 18); // the chip erase
     EXPECT_EQ(erases[2]["erased"], 18);
+    EXPECT_EQ(erases[4]["first"], 1); // the boot sectors: 16 KiB, then 8 KiB from 0x4000
     // Left in autoselect, the flash answers the partition's reads with its identification; a
     // NAND partition still reads its own (erased) bytes. Word 2 of a sector tells whether it is
     // protected. A 32-bit store is two bus cycles, its lower half first: here a reset, then the
