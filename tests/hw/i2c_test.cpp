@@ -459,9 +459,12 @@ TEST_F(I2cModels, AdapterRefusesWhatI2cDevRefuses) {
     EXPECT_EQ(set_register(0x7000, 1), EREMOTEIO);
     ASSERT_EQ(ioctl(bus2_, I2C_BUSY_STATUS_REQUEST, &status), 0);
     EXPECT_EQ(status, 0x80000002u);
-    // A plain read is one message, cut to 8192 bytes as i2c-dev cuts it.
+    // A plain read is one message, cut to 8192 bytes as i2c-dev cuts it; so is an SMBus write.
     ASSERT_EQ(ioctl(bus0_, I2C_SLAVE, 0x51), 0);
     EXPECT_EQ(read(bus0_, big.data(), big.size()), 8192);
+    EXPECT_EQ(trace("i2c").back()["msgs"].size(), 1u);
+    EXPECT_EQ(smbus_at(0x51, &empty_block), 0);
+    EXPECT_EQ(trace("i2c").back()["msgs"].size(), 1u);
 }
 
 TEST_F(I2cModels, SerialEepromWrapsWithinThePageAndIsDeafDuringItsCycle) {
