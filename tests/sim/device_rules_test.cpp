@@ -288,6 +288,11 @@ TEST_F(DeviceRules, KernelFilesDoOnlyWhatTheirOpenModeAllows) {
     for (ssize_t n; (n = read(control, text, 3)) > 0;)
         pieces.append(text, static_cast<size_t>(n));
     close(control);
+    // A stick whose size board.json leaves out has 7864320 sectors (3.75 GiB).
+    int size_file = open("/sys/block/sdb/size", O_RDONLY);
+    const std::string disk_size(
+        text, static_cast<size_t>(std::max<ssize_t>(read(size_file, text, sizeof text), 0)));
+    close(size_file);
     // A refused open gives its descriptor back: with standard input closed, the next open
     // gets descriptor 0.
     testsupport::StandardInputClosed without_input;
@@ -299,6 +304,7 @@ TEST_F(DeviceRules, KernelFilesDoOnlyWhatTheirOpenModeAllows) {
     for (const auto &c : cases)
         EXPECT_EQ(c.err, c.expected) << c.what;
     EXPECT_EQ(pieces, "insert\n");
+    EXPECT_EQ(disk_size, "7864320\n");
     EXPECT_EQ(refused, -1);
     EXPECT_EQ(next, 0);
     EXPECT_EQ(trace("rescan").size(), 2u);
