@@ -159,8 +159,6 @@ bool Board::read_files(std::string *error) {
 }
 
 void Board::keep_descriptors_from(int lowest) {
-    if (trace_fd_ >= lowest)
-        return;
     int moved = fcntl(trace_fd_, F_DUPFD_CLOEXEC, lowest);
     if (moved < 0)
         return;
