@@ -197,12 +197,13 @@ def check_svg(svg_path, rsvg, png_path):
     # Its ticks: a whole second apart for the 6-second run, from its start to its end, each where
     # its time falls on the axis.
     texts = list(svg.iter("{http://www.w3.org/2000/svg}text"))
-    ticks = [(float(t.get("x")), t.text) for t in texts if t.get("text-anchor") == "middle"]
+    tick_texts = [t for t in texts if t.get("text-anchor") == "middle"]
+    ticks = [(float(t.get("x")), t.text) for t in tick_texts]
     check([label for _, label in ticks] == [f"{s} s" for s in range(7)], f"tick labels {ticks}")
     # The tick labels stand under the axis, itself under the bars.
     axis_y = float(axis_lines[0].get("y1"))
     lowest_bar = max(by + bh for _, by, _, bh in bars.values())
-    tick_ys = [float(t.get("y")) for t in texts if t.get("text-anchor") == "middle"]
+    tick_ys = [float(t.get("y")) for t in tick_texts]
     check(axis_y >= lowest_bar and min(tick_ys) > axis_y,
           f"tick labels at {tick_ys}, axis at {axis_y}, bars down to {lowest_bar}")
     left, right = axis[0]
