@@ -289,10 +289,9 @@ TEST_F(DeviceRules, KernelFilesDoOnlyWhatTheirOpenModeAllows) {
         pieces.append(text, static_cast<size_t>(n));
     close(control);
     // A stick whose size board.json leaves out has 7864320 sectors (3.75 GiB).
-    int size_file = open("/sys/block/sdb/size", O_RDONLY);
-    const std::string disk_size(
-        text, static_cast<size_t>(std::max<ssize_t>(read(size_file, text, sizeof text), 0)));
-    close(size_file);
+    memset(text, 0, sizeof text); // a failed read leaves it empty
+    on("/sys/block/sdb/size", O_RDONLY, reads);
+    const std::string disk_size = text;
     // A refused open gives its descriptor back: with standard input closed, the next open
     // gets descriptor 0.
     testsupport::StandardInputClosed without_input;
