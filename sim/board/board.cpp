@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -87,6 +88,12 @@ std::string hex_bytes(const uint8_t *bytes, size_t count) {
         text += kDigits[bytes[i] >> 4];
         text += kDigits[bytes[i] & 0xF];
     }
+    return text;
+}
+
+std::string hex_digits(uint64_t value, int digits) {
+    char text[sizeof value * 2 + 1];
+    snprintf(text, sizeof text, "%0*llx", digits, static_cast<unsigned long long>(value));
     return text;
 }
 

@@ -236,6 +236,16 @@ uint64_t number_from(const json &value, uint64_t fallback);
 // Bytes as lower-case hexadecimal digits, two per byte ("3a02215d").
 std::string hex_bytes(const uint8_t *bytes, size_t count);
 
+// A number as lower-case hexadecimal digits, at least `digits` of them: hex_digits(0x1a, 4)
+// is "001a".
+std::string hex_digits(uint64_t value, int digits = 1);
+
+// The same after "0x", as board.json and the record write numbers: hex_text(0x1a, 4) is
+// "0x001a".
+inline std::string hex_text(uint64_t value, int digits = 1) {
+    return "0x" + hex_digits(value, digits);
+}
+
 // Reads a whole file; false when it cannot be read.
 bool read_file(const std::string &path, std::string *contents);
 // Replaces a file's contents; false on failure.

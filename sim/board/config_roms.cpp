@@ -567,11 +567,9 @@ json default_spi_config(uint64_t seed) {
     json roms = json::array();
     for (int n = 0; n < kConfigRomCount; ++n) {
         const RomPart &part = kRomParts[n];
-        char jedec_id[16];
-        snprintf(jedec_id, sizeof jedec_id, "0x%06X", part.jedec_id);
         roms.push_back({{"file", "spi_rom" + std::to_string(n) + ".bin"},
                         {"size", part.size},
-                        {"jedec_id", jedec_id},
+                        {"jedec_id", hex_text(part.jedec_id, 6)},
                         {"page_size", 256},
                         {"page_program_us", draw(random, part.page_program_us)},
                         {"bulk_erase_ms", draw(random, part.bulk_erase_ms)},

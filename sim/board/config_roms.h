@@ -9,7 +9,7 @@
 //     "misc_before": [ { "minor": 62, "name": "spioctl2" } ],  listed before it in /proc/misc
 //     "seed": 12345,           the seed the times below were drawn with (a record only)
 //     "clock_hz": 10000000,    bus clock: every byte on the bus costs 8 clocks of board time
-//     "roms": [ { "file": "spi_rom0.bin", "size": 2097152, "jedec_id": "0xEF4015",
+//     "roms": [ { "file": "spi_rom0.bin", "size": 2097152, "jedec_id": "0xef4015",
 //                 "page_size": 256, "page_program_us": 700, "bulk_erase_ms": 3000,
 //                 "protect": "0x00", "fpga_load_ms": 350 }, x3 ] }
 // ROM 0 is a 16 Mbit SPI NOR flash, ROMs 1 and 2 are 64 Mbit ones; a new board draws its

@@ -3,7 +3,6 @@
 #include "board/board.h"
 
 #include <cerrno>
-#include <cstdio>
 
 namespace tvsim {
 
@@ -34,15 +33,12 @@ DeviceMapping Device::map(int64_t, size_t) {
 
 namespace {
 
-std::string hex32(uint32_t value) {
-    char text[11];
-    snprintf(text, sizeof text, "0x%08x", value);
-    return text;
-}
-
 json register_event(std::string_view space, std::string_view name, std::string_view op,
                     uint32_t address, uint32_t value, unsigned width) {
-    json event{{"op", op}, {"window", space}, {"addr", hex32(address)}, {"value", hex32(value)}};
+    json event{{"op", op},
+               {"window", space},
+               {"addr", hex_text(address, 8)},
+               {"value", hex_text(value, 8)}};
     if (!name.empty())
         event["reg"] = name;
     if (width != 4)

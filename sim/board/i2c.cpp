@@ -29,12 +29,6 @@ size_t eeprom_size(const json &device_config) {
     return number_from(member(device_config, "size"), 32768);
 }
 
-std::string hex_address(int address) {
-    char text[8];
-    snprintf(text, sizeof text, "0x%02x", address);
-    return text;
-}
-
 // One message of a transfer, as the program handed it over.
 struct Message {
     uint16_t address;
@@ -252,7 +246,7 @@ private:
         }
         for (size_t i = 0; i < count; ++i) {
             Message &m = messages[i];
-            json entry{{"addr", hex_address(m.address)}};
+            json entry{{"addr", hex_text(m.address, 2)}};
             charge(1);
             I2cDevice *device = device_at(m.address);
             bool busy = device != nullptr && board_.take_fault("i2c_busy", device->name());

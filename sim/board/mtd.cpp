@@ -519,12 +519,6 @@ private:
     bool bad_program_ = false;
 };
 
-std::string hex8(uint64_t value) {
-    char text[20];
-    snprintf(text, sizeof text, "%08llx", static_cast<unsigned long long>(value));
-    return text;
-}
-
 json partition(const char *name, const char *type, const char *size, const char *erasesize,
                json drivers, FlashTiming timing) {
     return json{{"name", name},
@@ -546,8 +540,8 @@ json nand_partition(const char *name, const char *size) {
 void refresh_mtd_files(Board &board) {
     std::string text = "dev:    size   erasesize  name\n";
     for (const Partition &p : present_partitions(board))
-        text += "mtd" + std::to_string(p.number) + ": " + hex8(p.size) + " " + hex8(p.erasesize) +
-                " \"" + p.name + "\"\n";
+        text += "mtd" + std::to_string(p.number) + ": " + hex_digits(p.size, 8) + " " +
+                hex_digits(p.erasesize, 8) + " \"" + p.name + "\"\n";
     std::error_code ec;
     fs::create_directories(board.file("fs/proc"), ec);
     write_file(board.file("fs/proc/mtd"), text);

@@ -4,7 +4,6 @@
 #include "board/stored_cells.h"
 
 #include <algorithm>
-#include <cstdio>
 
 namespace tvsim {
 
@@ -91,12 +90,6 @@ bool vid_on(Board &board) {
     return member(bus_state(board), "vid") == 1;
 }
 
-std::string hex(uint32_t value) {
-    char text[12];
-    snprintf(text, sizeof text, "0x%x", value);
-    return text;
-}
-
 // The PIO block in front of the flash: the VID switch.
 class NorPio : public RegisterSpace {
 public:
@@ -150,7 +143,7 @@ public:
         std::string m = mode();
         uint8_t command = data & 0xFF; // commands are on the low byte
         if (m == "busy") {
-            board_.trace("nor", {{"ignored", hex(data)}, {"addr", hex(at)}, {"in", m}});
+            board_.trace("nor", {{"ignored", hex_text(data)}, {"addr", hex_text(at)}, {"in", m}});
         } else if (m == "program") {
             program_word(at, data);
         } else if (command == 0xF0) {
@@ -169,7 +162,7 @@ public:
         } else if (m == "protect" && (at & 6) == 4 && (command == 0x60 || command == 0x40)) {
             protect_step(at, command);
         } else {
-            board_.trace("nor", {{"ignored", hex(data)}, {"addr", hex(at)}, {"in", m}});
+            board_.trace("nor", {{"ignored", hex_text(data)}, {"addr", hex_text(at)}, {"in", m}});
             set_mode("read");
         }
     }
@@ -297,7 +290,8 @@ private:
             const uint8_t bytes[] = {static_cast<uint8_t>(data), static_cast<uint8_t>(data >> 8)};
             cells().program(word_at, bytes, sizeof bytes);
         }
-        board_.trace("nor_program", {{"addr", hex(word_at)}, {"value", hex(data)}, {"done", done}});
+        board_.trace("nor_program",
+                     {{"addr", hex_text(word_at)}, {"value", hex_text(data)}, {"done", done}});
         start_busy("program", done ? kWordProgramNs : kRefusedOpNs, word_at, data);
     }
 

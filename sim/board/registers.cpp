@@ -2,7 +2,6 @@
 
 #include "board/config_roms.h"
 
-#include <cstdio>
 #include <optional>
 
 namespace tvsim {
@@ -85,12 +84,6 @@ void bank_inputs(Board &board, int bank, uint32_t *mask, uint32_t *levels) {
     }
 }
 
-std::string address_key(uint32_t address) {
-    char text[11];
-    snprintf(text, sizeof text, "0x%08x", address);
-    return text;
-}
-
 class SocRegisters : public RegisterSpace {
 public:
     SocRegisters(Board &board, const SocWindow &window) : RegisterSpace(board, window.name) {}
@@ -108,7 +101,7 @@ protected:
             return (output_latch(board_, *bank) & ~mask) | levels;
         }
         return static_cast<uint32_t>(
-            number_from(member(member(soc_state(board_), "registers"), address_key(address)), 0));
+            number_from(member(member(soc_state(board_), "registers"), hex_text(address, 8)), 0));
     }
 
     void store(uint32_t address, uint32_t value) override {
@@ -116,7 +109,7 @@ protected:
             return; // read-only
         std::optional<int> bank = bank_at(address);
         if (!bank) {
-            soc_state(board_)["registers"][address_key(address)] = value;
+            soc_state(board_)["registers"][hex_text(address, 8)] = value;
             return;
         }
         uint32_t inputs, levels;

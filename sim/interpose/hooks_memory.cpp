@@ -37,6 +37,7 @@
 #include <sys/mman.h>
 #include <ucontext.h>
 
+using tvsim::hex_text;
 using tvsim::json;
 using tvsim::interpose::Hook;
 
@@ -337,12 +338,6 @@ bool install_handlers() {
 
 // --- the hooks ----------------------------------------------------------------------------
 
-std::string hex(uint64_t value) {
-    char text[24];
-    snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(value));
-    return text;
-}
-
 // errno the kernel gives a mapping of a device with these arguments, or 0.
 int mapping_refusal(const tvsim::Device &device, int prot, int flags) {
     int type = flags & MAP_TYPE;
@@ -375,10 +370,11 @@ void *map_device(Hook &hook, tvsim::Device *device, void *hint, size_t length, i
     bool replaced_shadow = false;
     void *at = place_window(hint, length, PROT_NONE, mapping.elsewhere, &replaced_shadow);
     hook.board().trace(
-        "mmap", {{"fd", fd},
-                 {"offset", hex(static_cast<uint64_t>(offset))},
-                 {"length", length},
-                 {"addr", at == MAP_FAILED ? json() : json(hex(reinterpret_cast<uintptr_t>(at)))}});
+        "mmap",
+        {{"fd", fd},
+         {"offset", hex_text(static_cast<uint64_t>(offset))},
+         {"length", length},
+         {"addr", at == MAP_FAILED ? json() : json(hex_text(reinterpret_cast<uintptr_t>(at)))}});
     if (at == MAP_FAILED)
         return MAP_FAILED;
     Window &w = g_windows[g_window_count++];
@@ -411,7 +407,7 @@ int unmap_window(Window *w) {
     try {
         // Off the board (a test that detached first) the registers' board is gone.
         if (hook.active())
-            hook.board().trace("munmap", {{"addr", hex(w->addr)}, {"length", w->length}});
+            hook.board().trace("munmap", {{"addr", hex_text(w->addr)}, {"length", w->length}});
     } catch (...) {
     }
     release_window_memory(*w);
