@@ -14,7 +14,6 @@
 #include "report.h"
 
 #include <cerrno>
-#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -44,9 +43,9 @@ int usage() {
 }
 
 std::string self_path() {
-    char buf[PATH_MAX];
-    ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
-    return n > 0 ? std::string(buf, static_cast<size_t>(n)) : "tvsim";
+    std::error_code ec;
+    fs::path exe = fs::read_symlink("/proc/self/exe", ec);
+    return ec ? "tvsim" : exe.string();
 }
 
 std::string absolute(const std::string &path) {
