@@ -550,8 +550,16 @@ TEST(SimulatorCommandLine, TakesOnlyTheCommandsAndOptionsItCanRead) {
         const char *command;
         int status;
     } commands[] = {
-        {"", 2},          {"standin", 2}, {"reboot now", 2},    {"--", 2},
-        {"--preload", 2}, {"restart", 2}, {"standin rmmod", 1}, {"standin lsmod", 127},
+        {"", 2},
+        {"standin", 2},
+        {"reboot now", 2},
+        {"--", 2},
+        {"--preload", 2},
+        {"restart", 2},
+        {"standin rmmod", 1},
+        {"standin lsmod", 127},
+        {"report --svg", 2},
+        {"report --pdf x", 2},
     };
     for (const auto &c : commands)
         EXPECT_EQ(exit_status("--board " + made.string() + " " + c.command), c.status) << c.command;

@@ -230,9 +230,12 @@ def main():
     check_table(table)
     check_trace_json(json_path)
     check_svg(svg_path, rsvg, os.path.join(work, "run.png"))
-    missing = subprocess.run([tvsim, "--board", work, "report", "--svg", work + "/no/such.svg"],
-                             capture_output=True, text=True)
-    check(missing.returncode == 1 and "cannot write" in missing.stderr, "an unwritable file")
+    # A file that cannot be opened, and one whose buffered bytes fail when it is closed.
+    for option, path in [("--svg", work + "/no/such.svg"), ("--trace-json", "/dev/full")]:
+        failed = subprocess.run([tvsim, "--board", work, "report", option, path],
+                                capture_output=True, text=True)
+        check(failed.returncode == 1 and f"cannot write {path}" in failed.stderr,
+              f"{path} written: {failed.returncode} {failed.stderr!r}")
     with open(os.path.join(work, "trace.jsonl"), "w") as f:
         f.write(json.dumps(LAST_RUN[-1]) + "\n")  # an event, but no program started
     no_run = subprocess.run([tvsim, "--board", work, "report"], capture_output=True, text=True)
