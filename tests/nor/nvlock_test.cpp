@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <time.h>
 #include <utility>
 #include <vector>
 
@@ -158,6 +159,42 @@ TEST_F(NorChipOnBoard, ProgramAndEraseAnswerWithStatusThenArray) {
     nor[0x20003] = 0x56;
     usleep(10);
     EXPECT_EQ(word(0x20002), 0x5600);
+    unmap_regs();
+}
+
+// In protection mode a pulse protects its sector only when it lasted its 150 us with VID on.
+// The chip then answers the verify of that sector's word 2 from a microsecond after the
+// verify command, and 0xFFFF before that or at any other word.
+TEST_F(NorChipOnBoard, AProtectionPulseNeedsItsTimeWithVidOn) {
+    const struct {
+        const char *name;
+        uint32_t sector_at;
+        useconds_t pulse;
+        bool vid_off_during_pulse;
+        uint16_t verify;
+    } cases[] = {
+        {"a pulse of its time", 0x20000, 150, false, 1},
+        {"a pulse a microsecond short", 0x30000, 149, false, 0},
+        {"a pulse while VID is off", 0x40000, 150, true, 0},
+    };
+    change_config([](json &c) { c["mtd"][6]["drivers"] = json::array(); }); // uboot-nor
+    attach();
+    ASSERT_EQ(map_regs(), 0);
+    for (const auto &c : cases) {
+        enter_protect_mode();
+        cycle(c.sector_at + 4, 0x60);
+        if (c.vid_off_during_pulse)
+            set_vid(0);
+        usleep(c.pulse);
+        cycle(c.sector_at + 4, 0x40);
+        const timespec just_short{0, 999};
+        nanosleep(&just_short, nullptr);
+        EXPECT_EQ(word(c.sector_at + 4), 0xFFFF) << c.name << ": verify 999 ns on";
+        usleep(1);
+        EXPECT_EQ(word(c.sector_at), 0xFFFF) << c.name << ": another word";
+        EXPECT_EQ(word(c.sector_at + 4), c.verify) << c.name;
+        exit_protect_mode();
+    }
     unmap_regs();
 }
 
