@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
+#include <fstream>
 #include <functional>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -252,6 +253,13 @@ TEST_F(AttachedBoard, KernelFilesAreThereWheneverAProgramLooks) {
             EXPECT_EQ(outcome(c.call(file)), std::pair(0, 0)) << name << " " << file;
         }
     }
+    // The MTD table as the kernel prints it: sizes in eight hexadecimal digits.
+    std::ifstream mtd("/proc/mtd");
+    std::string header, first;
+    std::getline(mtd, header);
+    std::getline(mtd, first);
+    EXPECT_EQ(header + "\n" + first,
+              "dev:    size   erasesize  name\nmtd0: 00100000 00020000 \"nand_boot\"");
 }
 
 // A character node made with mknod is a node of its number and opens the device of that number,
