@@ -109,6 +109,7 @@ TEST_F(AttachedBoard, ToolFunctionsRunOnTheBoardAndNowhereElse) {
         {error_of(mkdir("/tmp/usb/newdir", 0755) != 0), EROFS},
         {error_of(mkdir("/tmp/usb/M1", 0755) != 0), EEXIST},
         {error_of(fopen("/tmp/usb/M1/x", "a") == nullptr), EROFS},
+        {error_of(unlink("/tmp/usb/M1") != 0), EROFS}, // before the name is looked at
     };
     // An unnamed temporary file (in the board's /tmp) reads back what was written to it.
     std::string unnamed_back(3, '-');
