@@ -165,8 +165,10 @@ void pass_on(int sig, siginfo_t *info, void *context, const struct sigaction &pr
     } else if (previous.sa_handler != SIG_DFL && previous.sa_handler != SIG_IGN) {
         previous.sa_handler(sig);
     } else {
-        // Default action: returning repeats the fault, which now ends the process.
+        // The action from before, then the signal again: it is taken once this handler
+        // returns, so a trap (which returning would not repeat) ends the process as a fault does.
         sigaction(sig, &previous, nullptr);
+        raise(sig);
     }
 }
 
