@@ -1,4 +1,5 @@
 // A test program attached to a board runs the tool's functions on it, in-process.
+#include "nor/nvlock.h"
 #include "run/flashimg.h"
 #include "support/board_fixture.h"
 
@@ -13,6 +14,7 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/time.h>
+#include <sys/wait.h>
 #include <time.h>
 
 namespace {
@@ -261,6 +263,43 @@ TEST_F(AttachedBoard, KernelFilesAreThereWheneverAProgramLooks) {
     std::getline(mtd, first);
     EXPECT_EQ(header + "\n" + first,
               "dev:    size   erasesize  name\nmtd0: 00100000 00020000 \"nand_boot\"");
+}
+
+// Once a program has mapped a register window, a fault or trap that is not a window access
+// still reaches the program's own handler, or ends the program by its signal as it would off
+// the simulator.
+TEST_F(AttachedBoard, SignalsThatAreNotWindowAccessesReachTheProgramAsBefore) {
+    attach();
+    const struct {
+        const char *what;
+        int signal;
+        bool own_handler;
+    } cases[] = {
+        {"a stray access, with the program's handler", SIGSEGV, true},
+        {"a trap, with none", SIGTRAP, false},
+    };
+    for (const auto &c : cases) {
+        pid_t child = fork();
+        if (child == 0) {
+            if (c.own_handler)
+                signal(c.signal, [](int) { _exit(42); });
+            if (map_regs() != 0)
+                _exit(3);
+            volatile uintptr_t below_every_mapping = 8;
+            if (c.signal == SIGSEGV)
+                *reinterpret_cast<volatile int *>(below_every_mapping) = 1;
+            else
+                raise(c.signal);
+            _exit(0);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child) << c.what;
+        if (c.own_handler)
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 42) << c.what << " " << status;
+        else
+            EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == c.signal)
+                << c.what << " " << status;
+    }
 }
 
 // A character node made with mknod is a node of its number and opens the device of that number,
