@@ -190,10 +190,13 @@ public:
             if (mosi.size() == 1)
                 state_["wel"] = op == 0x06;
             return;
-        case 0x9F:
-            for (size_t i = 1; i < miso.size() && i <= 3; ++i)
-                miso[i] = static_cast<uint8_t>(config_.jedec_id >> (8 * (3 - i)));
+        case 0x9F: {
+            const uint8_t id[] = {static_cast<uint8_t>(config_.jedec_id >> 16),
+                                  static_cast<uint8_t>(config_.jedec_id >> 8),
+                                  static_cast<uint8_t>(config_.jedec_id)};
+            std::copy_n(id, std::min(miso.size() - 1, sizeof id), miso.begin() + 1);
             return;
+        }
         case 0x03:
             if (mosi.size() > 4)
                 contents_.read_around(address_of(mosi), miso.data() + 4, miso.size() - 4);
