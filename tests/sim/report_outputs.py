@@ -215,6 +215,13 @@ def check_svg(svg_path, rsvg, png_path):
     check(len(names) == 4 and max(names) < left, f"name labels at {names}, plot from {left}")
     check(len(durations) == 4 and min(durations) > right,
           f"duration labels at {durations}, plot to {right}")
+    # Both labels of a row stand on its bar's line.
+    rows = sorted((by, by + bh) for _, by, _, bh in bars.values())
+    name_ys = sorted(float(t.get("y")) for t in texts if t.get("text-anchor") == "end")
+    duration_ys = sorted(float(t.get("y")) for t in texts if "(own " in (t.text or ""))
+    check(len(rows) == 4 and all(top < n <= bottom and top < d <= bottom for (top, bottom), n, d
+                                 in zip(rows, name_ys, duration_ys)),
+          f"rows {rows}, names at {name_ys}, durations at {duration_ys}")
 
 
 def main():
