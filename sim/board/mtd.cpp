@@ -47,7 +47,7 @@ struct Partition {
     bool nand = false;
     uint64_t size = 0;
     uint32_t erasesize = 0;
-    uint32_t writesize = 1;
+    uint32_t writesize = 0;
     uint32_t oobsize = 0;
     uint64_t erase_ns = 0;
     uint64_t write_ns_per_byte = 0;
