@@ -3,6 +3,7 @@
 #include "board/board.h"
 #include "board/config_roms.h"
 #include "board/i2c.h"
+#include "board/media.h"
 #include "board/microcontroller.h"
 #include "board/mtd.h"
 #include "board/registers.h"
@@ -52,8 +53,10 @@ json default_ubi() {
 json default_config(const NewBoardOptions &options) {
     json usb = json::array();
     if (!options.usb_medium.empty())
-        usb.push_back(
-            {{"disk", "b"}, {"medium", "media/usb"}, {"filesystem", "vfat"}, {"sectors", 7864320}});
+        usb.push_back({{"disk", "b"},
+                       {"medium", "media/usb"},
+                       {"filesystem", "vfat"},
+                       {"sectors", kDefaultStickSectors}});
     json sd = {{"slot", options.sd_medium.empty() ? "remove" : "insert"},
                {"medium", "media/sd"},
                {"filesystem", "vfat"},

@@ -34,7 +34,7 @@ uint64_t disk_sectors(Board &board, size_t index, const json &disk) {
     int64_t rescans = board.state()["rescans"].value(scsi_host_name(index), int64_t{0});
     if (rescans < disk.value("rescans_needed", int64_t{0}))
         return 0;
-    return disk.value("sectors", uint64_t{7864320});
+    return disk.value("sectors", kDefaultStickSectors);
 }
 
 bool sd_block_device_present(const Board &board) {

@@ -12,6 +12,9 @@
 
 namespace tvsim {
 
+// The size of a stick that board.json gives none: 3.75 GiB in 512-byte sectors.
+inline constexpr uint64_t kDefaultStickSectors = 7864320;
+
 void refresh_media_files(Board &board);
 
 // The host directory that a vfat mount of source shows; 0 or an errno value.
