@@ -90,6 +90,7 @@ TEST_P(UbootBootSource, WritesTheImageOfTheBootSourceIntoItsRegion) {
     std::vector<json> reads = board.trace("reg");
     ASSERT_EQ(reads.size(), c.es1 ? 2u : 1u);
     EXPECT_EQ(reads[0]["reg"], "REVID");
+    EXPECT_FALSE(reads[0].contains("width")) << "a 32-bit read names no width";
     EXPECT_EQ(reads.back()["reg"], c.es1 ? "CCFG" : "REVID");
 }
 

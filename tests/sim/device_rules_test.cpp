@@ -157,23 +157,23 @@ TEST_F(DeviceRules, MtdDescriptorsDoOnlyWhatTheirOpenModeAllows) {
     } cases[] = {
         {"read, write-only", [&] { return read(write_only, page, 16) == -1; }, EBADF},
         {"write, read-only", [&] { return write(read_only, page, sizeof page) == -1; }, EBADF},
-        {"erase, read-only", [&] { return ioctl(read_only, MEMERASE, &block) != 0; }, EPERM},
+        {"erase, read-only", [&] { return ioctl(read_only, MEMERASE, &block) == -1; }, EPERM},
         {"bad block query, read-only",
          [&] { return ioctl(read_only, MEMGETBADBLOCK, &first_block) < 0; }, 0},
         {"bad block query before the start",
-         [&] { return ioctl(read_only, MEMGETBADBLOCK, &before_start) < 0; }, EINVAL},
+         [&] { return ioctl(read_only, MEMGETBADBLOCK, &before_start) == -1; }, EINVAL},
         {"bad block query at the end",
-         [&] { return ioctl(read_only, MEMGETBADBLOCK, &at_end) < 0; }, EINVAL},
+         [&] { return ioctl(read_only, MEMGETBADBLOCK, &at_end) == -1; }, EINVAL},
         {"erase of nothing", [&] { return ioctl(read_write, MEMERASE, &empty) != 0; }, 0},
-        {"erase of nothing past the end", [&] { return ioctl(read_write, MEMERASE, &past_end); },
-         EINVAL},
+        {"erase of nothing past the end",
+         [&] { return ioctl(read_write, MEMERASE, &past_end) == -1; }, EINVAL},
         {"write that stores nothing", [&] { return write(read_write, page, sizeof page) != 0; }, 0},
         {"fortified read that fills its buffer",
          [&] { return __read_chk(read_only, page, sizeof page, sizeof page) < 0; }, 0},
         {"seek to the end", [&] { return lseek(read_only, 0, SEEK_END) != info.size; }, 0},
-        {"seek past the end", [&] { return lseek(read_only, 1, SEEK_END) < 0; }, EINVAL},
-        {"seek before the start", [&] { return lseek(read_only, -1, SEEK_SET) < 0; }, EINVAL},
-        {"seek to a hole", [&] { return lseek(read_only, 0, SEEK_HOLE) < 0; }, EINVAL},
+        {"seek past the end", [&] { return lseek(read_only, 1, SEEK_END) == -1; }, EINVAL},
+        {"seek before the start", [&] { return lseek(read_only, -1, SEEK_SET) == -1; }, EINVAL},
+        {"seek to a hole", [&] { return lseek(read_only, 0, SEEK_HOLE) == -1; }, EINVAL},
     };
     for (const auto &c : cases) {
         errno = 0; // each failure sets its own
@@ -430,7 +430,7 @@ TEST_F(DeviceRules, OutOfBandRequestsStayWithinTheirAreas) {
     for (const auto &c : cases) {
         mtd_oob_buf request{c.start, c.length, bytes.data()};
         errno = 0;
-        EXPECT_EQ(error_of(ioctl(nand, c.request, &request) != 0), c.err) << c.what;
+        EXPECT_EQ(error_of(ioctl(nand, c.request, &request) == -1), c.err) << c.what;
     }
     std::string areas = std::string(2, '\xff') + "tag!" + std::string(58, '\xff') +
                         std::string(2, '\0') + std::string(62, '\xff');
