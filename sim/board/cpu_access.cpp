@@ -164,4 +164,14 @@ uint32_t arm_access_address(const ArmAccess &a, const uint32_t *regs, uint32_t *
     return a.index ? moved : base;
 }
 
+uint32_t arm_it_advance(uint32_t cpsr) {
+    uint32_t it = ((cpsr >> 8) & 0xFC) | ((cpsr >> 25) & 0x3);
+    if (it == 0)
+        return cpsr;
+    // The last instruction of the block ends it; otherwise the condition's mask moves on.
+    it = (it & 0x7) == 0 ? 0 : (it & 0xE0) | ((it << 1) & 0x1F);
+    cpsr &= ~((0x3Fu << 10) | (0x3u << 25));
+    return cpsr | ((it & 0xFC) << 8) | ((it & 0x3) << 25);
+}
+
 } // namespace tvsim

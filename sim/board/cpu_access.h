@@ -34,4 +34,8 @@ ArmAccess decode_arm(uint32_t insn);
 // The address the access reaches with registers r0-r15; *base_after is rn's value afterwards.
 uint32_t arm_access_address(const ArmAccess &a, const uint32_t *regs, uint32_t *base_after);
 
+// The status register after one Thumb instruction of an IT block has executed: its IT bits
+// (7-2 in bits 15-10, 1-0 in bits 26-25) advanced, every other bit as it was.
+uint32_t arm_it_advance(uint32_t cpsr);
+
 } // namespace tvsim

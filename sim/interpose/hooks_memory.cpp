@@ -257,16 +257,6 @@ bool install_trap_handler(struct sigaction action) {
     return sigaction(SIGTRAP, &action, &g_previous_trap) == 0;
 }
 #else
-// The Thumb IT state after one instruction of an IT block.
-uint32_t advance_it_state(uint32_t cpsr) {
-    uint32_t it = ((cpsr >> 8) & 0xFC) | ((cpsr >> 25) & 0x3);
-    if (it == 0)
-        return cpsr;
-    it = (it & 0x7) == 0 ? 0 : (it & 0xE0) | ((it << 1) & 0x1F);
-    cpsr &= ~((0x3Fu << 10) | (0x3u << 25));
-    return cpsr | ((it & 0xFC) << 8) | ((it & 0x3) << 25);
-}
-
 // Carries out the faulting load or store on the model; true when it was a window access.
 bool window_access(siginfo_t *info, ucontext_t *uc) {
     auto at = reinterpret_cast<uintptr_t>(info->si_addr);
@@ -304,7 +294,7 @@ bool window_access(siginfo_t *info, ucontext_t *uc) {
     }
     mc.arm_pc = pc + a.length;
     if (thumb)
-        mc.arm_cpsr = advance_it_state(static_cast<uint32_t>(mc.arm_cpsr));
+        mc.arm_cpsr = tvsim::arm_it_advance(static_cast<uint32_t>(mc.arm_cpsr));
     return true;
 }
 
