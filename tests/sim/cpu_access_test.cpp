@@ -64,5 +64,22 @@ TEST(ArmAccessDecode, ThumbAndArmEncodingsAsTheAssemblerWroteThem) {
     }
 }
 
+// IT state IT[7:0] sits in CPSR bits 15-10 (IT[7:2]) and 26-25 (IT[1:0]); ITAdvance ends the
+// block when IT[2:0] is 000 and otherwise shifts IT[4:0] left, keeping the base condition.
+TEST(ArmItState, AdvancesAsTheArchitectureDefines) {
+    const struct {
+        const char *what;
+        uint32_t before, after;
+    } cases[] = {
+        {"outside an IT block", 0x80000030, 0x80000030},
+        {"the last instruction (IT 0x08)", 0x00000820, 0x00000020},
+        {"two left (IT 0x04 -> 0x08)", 0x00000420, 0x00000820},
+        {"mask bits in IT[1:0] (IT 0x1B -> 0x16)", 0x86001820, 0x84001420},
+        {"the condition kept (IT 0xE4 -> 0xE8)", 0x0000E420, 0x0000E820},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(arm_it_advance(c.before), c.after) << c.what;
+}
+
 } // namespace
 } // namespace tvsim
