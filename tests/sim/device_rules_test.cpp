@@ -227,7 +227,7 @@ TEST_F(DeviceRules, APartitionWithoutGeometryOrTimesTakesTheDefaults) {
 
 // The kernel's files answer for the mode they were opened in: sysfs refuses to open an attribute
 // for what it cannot do (EACCES, even to root), and a descriptor without read (or write) access
-// fails a read (or write) with EBADF.
+// fails a read (or write) with EBADF. A driver that has no read at all answers one with EINVAL.
 TEST_F(DeviceRules, KernelFilesDoOnlyWhatTheirOpenModeAllows) {
     change_config([](json &c) {
         c["media"] = {{"usb", json::array({{{"disk", "b"}, {"medium", "media/usb"}},
@@ -281,6 +281,7 @@ TEST_F(DeviceRules, KernelFilesDoOnlyWhatTheirOpenModeAllows) {
         {"MTD table, read-write", on("/proc/mtd", O_RDWR, reads), EACCES},
         {"misc table, for writing", fopens("/proc/misc", "w"), EACCES},
         {"misc table, read-only", on("/proc/misc", O_RDONLY, reads), 0},
+        {"SPI control, read", on("/dev/spioctl", O_RDWR, reads), EINVAL},
     };
     // Read in pieces, the SD control file goes on where the last read ended.
     std::string pieces;
