@@ -210,15 +210,17 @@ def check_svg(svg_path, rsvg, png_path):
     check(all(abs(tx - (left + (right - left) * s / 6)) < 0.1 for s, (tx, _) in enumerate(ticks)),
           f"tick places {ticks}")
     # No label is drawn over the plot: the names end left of it, the durations begin right of it.
-    names = [float(t.get("x")) for t in texts if t.get("text-anchor") == "end"]
-    durations = [float(t.get("x")) for t in texts if "(own " in (t.text or "")]
+    name_texts = [t for t in texts if t.get("text-anchor") == "end"]
+    duration_texts = [t for t in texts if "(own " in (t.text or "")]
+    names = [float(t.get("x")) for t in name_texts]
+    durations = [float(t.get("x")) for t in duration_texts]
     check(len(names) == 4 and max(names) < left, f"name labels at {names}, plot from {left}")
     check(len(durations) == 4 and min(durations) > right,
           f"duration labels at {durations}, plot to {right}")
     # Both labels of a row stand on its bar's line.
     rows = sorted((by, by + bh) for _, by, _, bh in bars.values())
-    name_ys = sorted(float(t.get("y")) for t in texts if t.get("text-anchor") == "end")
-    duration_ys = sorted(float(t.get("y")) for t in texts if "(own " in (t.text or ""))
+    name_ys = sorted(float(t.get("y")) for t in name_texts)
+    duration_ys = sorted(float(t.get("y")) for t in duration_texts)
     check(len(rows) == 4 and all(top < n <= bottom and top < d <= bottom for (top, bottom), n, d
                                  in zip(rows, name_ys, duration_ys)),
           f"rows {rows}, names at {name_ys}, durations at {duration_ys}")
