@@ -440,10 +440,8 @@ private:
         json &s = reg_state();
         std::string data = s.value("data", std::string(map_.block_size * 2, 'x'));
         int sum = s.value("sum", 0);
-        static constexpr char kDigits[] = "0123456789abcdef";
         for (size_t i = 0; i < count && offset + i < map_.block_size; ++i) {
-            data[2 * (offset + i)] = kDigits[bytes[i] >> 4];
-            data[2 * (offset + i) + 1] = kDigits[bytes[i] & 0xF];
+            data.replace(2 * (offset + i), 2, hex_bytes(bytes + i, 1));
             sum = (sum + bytes[i]) & 0xFF;
         }
         s["data"] = data;
